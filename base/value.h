@@ -1,0 +1,238 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The property-list value: what messages, batches, attributes, preferences and information
+// dictionaries are made of.
+//
+// Values are immutable from the outside and cheap to copy: copies share one node, and a change to a
+// copy of an Array or Dictionary touches that copy alone (copy on write). Any thread may read and
+// copy values at the same time; one object must not be changed by one thread while another uses
+// that same object. Comparing, freeing and encoding walk without recursion, so a deeply nested
+// value is safe on any stack. Keys and texts compare by address first, then by their bytes.
+#pragma once
+
+#include <compare>
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "base/date.h"
+
+namespace thmp {
+
+class Value;
+
+namespace value_internal {
+struct Node;
+/// Counted reference to a node; the last one frees it and, without recursion, all that only it
+/// held.
+class NodeRef {
+ public:
+  NodeRef() noexcept = default;
+  explicit NodeRef(Node* adopted) noexcept : node_(adopted) {}
+  NodeRef(const NodeRef& other) noexcept;
+  NodeRef(NodeRef&& other) noexcept : node_(std::exchange(other.node_, nullptr)) {}
+  NodeRef& operator=(const NodeRef& other) noexcept;
+  NodeRef& operator=(NodeRef&& other) noexcept;
+  ~NodeRef();
+  Node* get() const noexcept { return node_; }
+  Node* release() noexcept { return std::exchange(node_, nullptr); }
+
+ private:
+  Node* node_ = nullptr;
+};
+}  // namespace value_internal
+
+/// Text: bytes with a length. UTF-8 by convention; what came in otherwise is kept as it came, a
+/// lone UTF-16 surrogate as its three bytes (WTF-8), so that two different names never become one
+/// key.
+class Text {
+ public:
+  Text() noexcept = default;
+  Text(std::string_view bytes);
+  Text(const std::string& bytes) : Text(std::string_view(bytes)) {}
+  Text(const char* bytes) : Text(std::string_view(bytes)) {}
+
+  std::string_view view() const noexcept;
+  std::string str() const { return std::string(view()); }
+  operator std::string_view() const noexcept { return view(); }
+  bool empty() const noexcept { return view().empty(); }
+
+  /// The same for all copies of one text; null for the empty default text.
+  const void* identity() const noexcept { return node_.get(); }
+
+  friend bool operator==(const Text& a, const Text& b) noexcept {
+    return a.identity() == b.identity() || a.view() == b.view();
+  }
+  friend bool operator==(const Text& a, std::string_view b) noexcept { return a.view() == b; }
+  friend std::strong_ordering operator<=>(const Text& a, const Text& b) noexcept {
+    return a.view() <=> b.view();
+  }
+
+ private:
+  friend class Value;
+  value_internal::NodeRef node_;
+};
+
+/// A sequence of values.
+class Array {
+ public:
+  Array() noexcept = default;
+  Array(std::initializer_list<Value> values);
+  explicit Array(std::vector<Value> values);
+
+  std::size_t size() const noexcept;
+  bool empty() const noexcept { return size() == 0; }
+  /// REQUIRES: index < size().
+  const Value& operator[](std::size_t index) const noexcept;
+  const Value* begin() const noexcept;
+  const Value* end() const noexcept;
+
+  void reserve(std::size_t capacity);
+  void push_back(Value value);
+  void erase(std::size_t index);
+  const void* identity() const noexcept { return node_.get(); }
+
+ private:
+  friend class Value;
+  value_internal::NodeRef node_;
+};
+
+/// Values under text keys. Walked in the order of the keys' bytes.
+class Dictionary {
+ public:
+  struct Entry;
+
+  Dictionary() noexcept = default;
+  Dictionary(std::initializer_list<Entry> entries);
+  /// Entries in any order; of two with one key the later one stays, and null values are left out.
+  explicit Dictionary(std::vector<Entry> entries);
+
+  std::size_t size() const noexcept;
+  bool empty() const noexcept { return size() == 0; }
+  /// Null pointer when the key is absent.
+  const Value* find(std::string_view key) const noexcept;
+  bool contains(std::string_view key) const noexcept { return find(key) != nullptr; }
+  /// The null value when the key is absent.
+  const Value& operator[](std::string_view key) const noexcept;
+  const Entry* begin() const noexcept;
+  const Entry* end() const noexcept;
+
+  /// Stores `value` under `key`; a null value takes the key out.
+  void set(Text key, Value value);
+  void erase(std::string_view key);
+  const void* identity() const noexcept { return node_.get(); }
+
+ private:
+  friend class Value;
+  value_internal::NodeRef node_;
+};
+
+/// Bytes, kept apart from text.
+struct Data {
+  std::string bytes;
+  friend bool operator==(const Data&, const Data&) = default;
+};
+
+class Value {
+ public:
+  enum class Kind : std::uint8_t {
+    kNull,
+    kBoolean,
+    kInteger,   // fits a signed 64-bit integer
+    kUnsigned,  // above the largest signed 64-bit integer
+    kReal,
+    kDate,
+    kData,
+    kText,
+    kArray,
+    kDictionary,
+  };
+
+  Value() noexcept = default;
+  template <typename T>
+  requires std::is_same_v<T, bool> Value(T boolean)
+  noexcept : kind_(Kind::kBoolean) { scalar_.boolean = boolean; }
+  template <typename T>
+  requires(std::is_integral_v<T> && !std::is_same_v<T, bool>) Value(T integer)
+  noexcept {
+    if constexpr (std::is_signed_v<T>) {
+      setInteger(static_cast<std::int64_t>(integer));
+    } else {
+      setUnsigned(static_cast<std::uint64_t>(integer));
+    }
+  }
+  Value(double real) noexcept : kind_(Kind::kReal) { scalar_.real = real; }
+  Value(Date date) noexcept : kind_(Kind::kDate) { scalar_.real = date.secondsSinceReference; }
+  Value(const Data& data);
+  Value(const Text& text) noexcept;
+  Value(std::string_view text) : Value(Text(text)) {}
+  Value(const std::string& text) : Value(Text(text)) {}
+  Value(const char* text) : Value(Text(text)) {}
+  Value(const Array& array) noexcept;
+  Value(const Dictionary& dictionary) noexcept;
+
+  Kind kind() const noexcept { return kind_; }
+  bool isNull() const noexcept { return kind_ == Kind::kNull; }
+  bool isNumber() const noexcept;  // boolean, integer, unsigned or real
+
+  // Each is empty unless the value has that kind; nothing is converted.
+  std::optional<bool> asBoolean() const noexcept;
+  std::optional<std::int64_t> asInteger() const noexcept;    // kInteger
+  std::optional<std::uint64_t> asUnsigned() const noexcept;  // kUnsigned, or kInteger from 0 up
+  std::optional<double> asReal() const noexcept;             // kReal
+  std::optional<Date> asDate() const noexcept;
+  std::optional<std::string_view> asData() const noexcept;
+  std::optional<std::string_view> asText() const noexcept;
+  /// The text as a shared object; empty unless the value is a text.
+  std::optional<Text> asSharedText() const noexcept;
+  /// Empty when the value is of another kind.
+  std::optional<Array> asArray() const noexcept;
+  std::optional<Dictionary> asDictionary() const noexcept;
+
+  /// The member of a dictionary; the null value when there is none, or when this is no dictionary.
+  const Value& operator[](std::string_view key) const noexcept;
+
+  /// Boolean reading of a boolean, number or text ("1", "YES", "true" and the like); false for all
+  /// else.
+  bool booleanValue() const noexcept;
+  /// 64-bit integer reading of a number (cut towards zero, saturated) or of a text's leading
+  /// decimal number; 0 for all else.
+  std::int64_t integerValue() const noexcept;
+  /// Any number as a double; empty for other kinds.
+  std::optional<double> numberValue() const noexcept;
+
+  /// The same for all copies of one text, data, array or dictionary; null for other kinds.
+  const void* identity() const noexcept;
+
+  /// Equality by value: booleans, integers and reals are equal when their numbers are (1, 1.0 and
+  /// true).
+  friend bool operator==(const Value& a, const Value& b) noexcept;
+  /// Equality by value and kind, throughout; a NaN equals itself.
+  static bool identical(const Value& a, const Value& b) noexcept;
+
+ private:
+  void setInteger(std::int64_t integer) noexcept;
+  void setUnsigned(std::uint64_t integer) noexcept;
+
+  Kind kind_ = Kind::kNull;
+  union {
+    bool boolean;
+    std::int64_t integer;
+    std::uint64_t unsignedInteger;
+    double real;
+  } scalar_ = {};
+  value_internal::NodeRef node_;
+};
+
+struct Dictionary::Entry {
+  Text key;
+  Value value;
+};
+
+}  // namespace thmp

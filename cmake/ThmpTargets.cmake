@@ -1,0 +1,52 @@
+# SPDX-License-Identifier: Apache-2.0
+#
+# The flags that every target shares, and two functions: one library a folder, one test program a folder.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE RelWithDebInfo)
+endif()
+
+add_library(thmp_flags INTERFACE)
+target_include_directories(thmp_flags INTERFACE ${CMAKE_SOURCE_DIR})
+target_compile_options(
+  thmp_flags
+  INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror -Wformat=2 -Werror=format-security
+            $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
+if(THMP_SANITIZE)
+  # The check of virtual tables needs one address for each type; the bundle hides its symbols and so has its own.
+  target_compile_options(thmp_flags INTERFACE -fsanitize=${THMP_SANITIZE} -fno-sanitize-recover=all
+                                              -fno-sanitize=vptr -fno-omit-frame-pointer)
+  target_link_options(thmp_flags INTERFACE -fsanitize=${THMP_SANITIZE})
+endif()
+
+# thmp_library(name SOURCES a.cc ... LINK target ...)
+function(thmp_library name)
+  cmake_parse_arguments(arg "" "" "SOURCES;LINK" ${ARGN})
+  if(arg_SOURCES)
+    add_library(${name} STATIC ${arg_SOURCES})
+    target_link_libraries(${name} PUBLIC thmp_flags ${arg_LINK})
+  else()
+    add_library(${name} INTERFACE)
+    target_link_libraries(${name} INTERFACE thmp_flags ${arg_LINK})
+  endif()
+endfunction()
+
+# thmp_test(name SOURCES a_test.cc ... LINK target ...): one test program, each of its cases a test of ctest's.
+function(thmp_test name)
+  if(NOT THMP_TESTS)
+    return()
+  endif()
+  cmake_parse_arguments(arg "" "" "SOURCES;LINK" ${ARGN})
+  add_executable(${name} ${arg_SOURCES})
+  target_link_libraries(${name} PRIVATE thmp_flags ${arg_LINK} GTest::gtest GTest::gmock GTest::gtest_main)
+  target_compile_definitions(${name} PRIVATE THMP_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+endfunction()
