@@ -48,6 +48,8 @@ class QueryRegistry {
 
   /// What a cancelled query leaves for its caller to end, drop and return.
   struct Ended {
+    std::string uniqueName;
+    /// Null when no query had that name; then all below is empty.
     std::shared_ptr<THMPMailPluginQuery> record;
     std::shared_ptr<SpotlightQuery> searchQuery;
     std::vector<PendingBatch> pendingBatches;
@@ -55,8 +57,19 @@ class QueryRegistry {
     std::size_t pendingBatchesLeft = 0;
   };
   /// Takes the query out: its handlers are detached and it is cancelled, its record loses
-  /// searchQuery and pending batches. Empty when no query has that name.
-  std::optional<Ended> end(std::string_view uniqueName);
+  /// searchQuery and pending batches. When `clientName` is a text, the name also leaves that
+  /// client's array in the same step (see forgetName), whether or not the query was found.
+  Ended end(std::string_view uniqueName, const Value& clientName);
+
+  struct EndedClient {
+    std::string clientName;
+    std::vector<Ended> queries;
+  };
+  /// Ends, in one step, the queries of `queryNames` and of the client's array, each name once, and
+  /// forgets the client.
+  EndedClient endClient(std::string_view clientName, const std::vector<std::string>& queryNames);
+  /// Ends every client known, in one step.
+  std::vector<EndedClient> endEveryClient();
 
   /// Removes every `uniqueName` from the client's array, and the client when its array is then
   /// empty or was not there.
