@@ -26,7 +26,10 @@ class SearchMediator {
   virtual void postMessageName(std::string_view name, const Value& userInfo,
                                const std::shared_ptr<THMPMailPluginQuery>& record) = 0;
   /// cancelQuery:clientName:
-  virtual void cancelQuery(std::string_view uniqueName, const Value& clientName) = 0;
+  /// With a record, on its behalf: when another query has taken its name meanwhile, nothing
+  /// happens. Null otherwise.
+  virtual void cancelQuery(std::string_view uniqueName, const Value& clientName,
+                           const std::shared_ptr<THMPMailPluginQuery>& record) = 0;
   /// pasteboardFromPool
   /// Null when the system gives none.
   virtual std::shared_ptr<LentPasteboard> pasteboardFromPool() = 0;

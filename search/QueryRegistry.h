@@ -42,8 +42,8 @@ class QueryRegistry {
   std::shared_ptr<THMPMailPluginQuery> add(const std::shared_ptr<THMPMailPluginQuery>& record,
                                            const Value& clientName);
 
-  /// Names of the client's queries whose records have a lineage equal to `lineageName`, in the
-  /// order of the client's array.
+  /// Names of the client's queries whose records have a lineage equal to `lineageName`, each once,
+  /// in the order of the client's array. None unless both are texts.
   std::vector<std::string> namesOfLineage(const Value& clientName, const Value& lineageName) const;
 
   /// What a cancelled query leaves for its caller to end, drop and return.
@@ -56,28 +56,21 @@ class QueryRegistry {
     std::size_t queriesLeft = 0;
     std::size_t pendingBatchesLeft = 0;
   };
-  /// Takes the query out: its handlers are detached and it is cancelled, its record loses
-  /// searchQuery and pending batches. When `clientName` is a text, the name also leaves that
-  /// client's array in the same step (see forgetName), whether or not the query was found.
-  Ended end(std::string_view uniqueName, const Value& clientName);
+  /// Takes the query out of the registry, its record loses searchQuery and pending batches, and,
+  /// when `clientName` is a text, every `uniqueName` leaves that client's array, the client with
+  /// its last one: all in one step, whether or not there is such a query. Then, outside the lock
+  /// and before this returns, the engine query's handlers are detached and it is cancelled. Empty
+  /// when no query has that name. With `only`, nothing at all happens unless that very record is
+  /// registered under the name.
+  std::optional<Ended> end(std::string_view uniqueName, const Value& clientName = Value(),
+                           const THMPMailPluginQuery* only = nullptr);
 
-  struct EndedClient {
-    std::string clientName;
-    std::vector<Ended> queries;
-  };
-  /// Ends, in one step, the queries of `queryNames` and of the client's array, each name once, and
-  /// forgets the client.
-  EndedClient endClient(std::string_view clientName, const std::vector<std::string>& queryNames);
-  /// Ends every client known, in one step.
-  std::vector<EndedClient> endEveryClient();
-
-  /// Removes every `uniqueName` from the client's array, and the client when its array is then
-  /// empty or was not there.
-  void forgetName(std::string_view clientName, std::string_view uniqueName);
   void forgetClient(std::string_view clientName);
   std::vector<std::string> clientNames() const;
   std::vector<std::string> namesOfClient(std::string_view clientName) const;
 
+  /// Whether the record registered under its name is this very one.
+  bool isRegistered(const THMPMailPluginQuery& record) const;
   /// Whether the record registered under its name is this very one, has a searchQuery, and that is
   /// not cancelled.
   bool isAlive(const THMPMailPluginQuery& record) const;
@@ -91,7 +84,7 @@ class QueryRegistry {
   bool publishIfAlive(std::string_view uniqueName, const std::function<bool()>& publish);
 
   enum class Delivery { kNew, kRepeated, kDead };
-  /// Adds `libraryID` to the IDs delivered for the record.
+  /// Adds `libraryID` to the IDs delivered for the record, if that is alive.
   Delivery deliver(THMPMailPluginQuery& record, std::int64_t libraryID);
 
   /// Copies of the record's pending entries, oldest first.
@@ -105,9 +98,29 @@ class QueryRegistry {
                                            const LentPasteboard& pasteboard);
 
  private:
+  /// Names in the order of arrival, each as often as it came. Taking out is quick however many
+  /// there are, because a client may end with all its queries at once.
+  class NameList {
+   public:
+    void append(std::string_view name);
+    void removeAll(std::string_view name);
+    bool empty() const { return byArrival_.empty(); }
+    std::vector<std::string> list() const;
+
+   private:
+    std::map<std::string, std::vector<std::uint64_t>, std::less<>> arrivals_;
+    std::map<std::uint64_t, const std::string*> byArrival_;  // into the keys of arrivals_
+    std::uint64_t next_ = 0;
+  };
+
+  bool isAliveLocked(const THMPMailPluginQuery& record) const THMP_REQUIRES(state_);
+  void forgetLocked(std::string_view clientName, std::string_view uniqueName) THMP_REQUIRES(state_);
+
   mutable Mutex state_;
   RecordsByName records_ THMP_GUARDED_BY(state_);
-  NamesByClient names_ THMP_GUARDED_BY(state_);
+  std::map<std::string, NameList, std::less<>> names_ THMP_GUARDED_BY(state_);
+  // Pending entries of all registered records.
+  std::size_t pendingCount_ THMP_GUARDED_BY(state_) = 0;
 };
 
 }  // namespace thmp
