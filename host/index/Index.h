@@ -1,0 +1,164 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The search index: the attributes and the text of every message, under its library ID, in one
+// SQLite file in the cache folder. It can be deleted at any time and is then made anew from the
+// mail; so is one that is damaged or of another schema version. A damaged file is set aside under
+// its name with ".damaged-" and a number.
+//
+// Any thread. Writers wait for each other; readers use connections of their own and never wait for
+// a writer.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "base/result.h"
+#include "base/value.h"
+#include "host/store/MailFolders.h"
+#include "host/store/attribute_keys.h"
+
+namespace thmp {
+
+class Index;
+
+/// One message as it was when it was read from the index. A copy is independent of later changes,
+/// but for the text, which is read when asked for. The index outlives it.
+class IndexedMessage {
+ public:
+  std::int64_t id() const noexcept { return id_; }
+  std::int64_t mailbox() const noexcept { return mailbox_; }
+
+  /// What the message has under an attribute's full name: fetched, query-only or the text. Null
+  /// when it has none. Decodes that attribute only.
+  Value value(std::string_view attribute) const;
+  Value value(AttributeKey key) const;
+
+  /// All attributes that a found item can carry.
+  Dictionary attributes() const;
+  /// Those of `names` that the message has and an item can carry.
+  Dictionary attributes(std::span<const std::string> names) const;
+
+  /// Calls `visit` with each attribute it has, query-only ones included but not the text, until it
+  /// returns false.
+  void forEachAttribute(
+      const std::function<bool(AttributeKey key, const Value& value)>& visit) const;
+
+ private:
+  friend class Index;
+  std::int64_t id_ = 0;
+  std::int64_t mailbox_ = 0;
+  std::string record_;
+  const Index* index_ = nullptr;
+};
+
+/// What the index remembers of the file that it read.
+struct IndexedFile {
+  /// Stands for its size, modification time and inode.
+  std::uint64_t content = 0;
+  /// Stands for its folder and name.
+  std::uint64_t place = 0;
+  bool incomplete = false;
+};
+
+/// A message to be put into the index, in place of what stands under its ID.
+struct IndexEntry {
+  std::int64_t id = 0;
+  std::int64_t mailbox = 0;
+  IndexedFile file;
+  Dictionary attributes;
+  Dictionary queryOnly;
+  /// Empty optional: the text that stands in the index stays.
+  std::optional<std::string> textContent;
+  /// Why the message was not read whole; what stands in the index stays when the text does.
+  std::vector<std::string> incomplete;
+};
+
+/// What one commit changed. Each list in ascending order.
+struct IndexChange {
+  std::vector<std::int64_t> added;
+  std::vector<std::int64_t> changed;
+  std::vector<std::int64_t> removed;
+};
+
+struct IncompleteMessage {
+  std::int64_t id = 0;
+  std::string reason;
+};
+
+class Index {
+ public:
+  enum class Access : bool { kReadOnly, kReadWrite };
+  using ChangeListener = std::function<void(const IndexChange& change)>;
+
+  /// Opens the index in the file at `path`. For writing it is made when missing, and made anew when
+  /// damaged or of another version. For reading only, those are errors.
+  static Result<std::unique_ptr<Index>> open(const std::string& path, Access access);
+  ~Index();
+  Index(const Index&) = delete;
+  Index& operator=(const Index&) = delete;
+
+  /// Calls `visit` with every message that is not hidden, by descending ID, until it returns false.
+  /// Sees what was committed before the call; of later commits, some. No lock or transaction is
+  /// held while `visit` runs. An error when the index cannot be read to its end; what could be read
+  /// has been visited.
+  Result<void> forEachDescending(
+      const std::function<bool(const IndexedMessage& message)>& visit) const;
+
+  /// Empty for a message that is hidden or not in the index, and when it cannot be read.
+  std::optional<IndexedMessage> get(std::int64_t id) const;
+  bool contains(std::int64_t id) const;
+  /// `kMDItemTextContent`; empty when there is none.
+  std::string textContent(std::int64_t id) const;
+
+  /// Hidden ones included.
+  Result<std::uint64_t> count() const;
+  /// What the index remembers of each file of a mailbox, by ID.
+  Result<std::unordered_map<std::int64_t, IndexedFile>> files(std::int64_t mailbox) const;
+  Result<std::vector<std::int64_t>> mailboxes() const;
+  /// By ascending ID.
+  Result<std::vector<IncompleteMessage>> incomplete() const;
+  /// Files that could not be opened at all, by path.
+  Result<std::vector<UnreadablePath>> failed() const;
+  /// When an update last came to its end; empty before the first.
+  std::optional<Date> lastUpdate() const;
+
+  /// Messages of these mailboxes are not found until the next call. Of mailboxes that were hidden
+  /// and no longer are, the messages are told to listeners as added.
+  void hideMailboxes(const std::vector<std::int64_t>& mailboxes);
+
+  // Each is one transaction, and tells the listeners after it.
+  Result<void> put(std::span<const IndexEntry> entries);
+  Result<void> remove(std::span<const std::int64_t> ids);
+  /// Takes out every message of a mailbox.
+  Result<void> removeMailbox(std::int64_t mailbox);
+
+  /// The files below `folder` that cannot be opened, in place of those known before.
+  Result<void> setFailed(const std::string& folder, const std::vector<UnreadablePath>& failed);
+  Result<void> setLastUpdate(Date date);
+
+  /// Whether the file turned out to be damaged since it was opened.
+  bool isDamaged() const noexcept;
+  /// Sets the damaged file aside and begins an empty one. Waits for readers in the middle of a
+  /// step. Listeners are told nothing: the messages come back under their IDs.
+  Result<void> makeAnew();
+
+  /// `listener` is called after each commit, in the order of commits, on a thread that writes,
+  /// under no lock of the index. Returns the number to remove it by.
+  std::uint64_t addListener(ChangeListener listener);
+  /// No call begins after this has returned; one may still be running on another thread.
+  void removeListener(std::uint64_t number);
+
+ private:
+  struct State;
+  explicit Index(std::unique_ptr<State> state);
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace thmp

@@ -1,0 +1,91 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Finds mailboxes below the mail folders that the user named, and the message files in one. Every
+// folder with `cur` and `new` is a mailbox, so is every other folder with *.eml in it, and every
+// NAME.mbox with *.emlx below it (without one above, the folder that holds them). Links to folders
+// are not followed. Any thread; nothing is kept between calls.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "base/result.h"
+#include "host/store/MessageParser.h"
+
+namespace thmp {
+
+struct MailFolder {
+  /// Absolute.
+  std::string path;
+  /// The named mail folder at or above it, as named.
+  std::string root;
+  MessageFormat format = MessageFormat::kMaildir;
+  /// Such as "mailbox.inbox".
+  std::string identifier;
+
+  friend bool operator==(const MailFolder&, const MailFolder&) = default;
+};
+
+/// A file or folder that cannot be read, and why, in words. The path is shown with what is not
+/// UTF-8 in it as %XX.
+struct UnreadablePath {
+  std::string path;
+  std::string reason;
+
+  friend auto operator<=>(const UnreadablePath&, const UnreadablePath&) = default;
+};
+
+struct MailTree {
+  /// In the order of their paths.
+  std::vector<MailFolder> mailboxes;
+  /// Every folder walked, those of the mailboxes included, whose entries make mailboxes and
+  /// messages come and go.
+  std::vector<std::string> folders;
+  /// Folders whose content is not known now; their paths as they are.
+  std::vector<UnreadablePath> unreadable;
+  /// Folders left out because their paths are not UTF-8.
+  std::vector<UnreadablePath> failed;
+  bool rootIsThere = false;
+};
+
+/// The mailboxes at or below `folder`, which lies at or below `root`.
+MailTree walkMail(const std::string& root, const std::string& folder);
+
+struct MessageEntry {
+  /// What the message is known by: of a Maildir file the name before ":2,", of an .emlx file the
+  /// name without ".partial".
+  std::string name;
+  /// The folder below the mailbox: "cur", "new", or empty for the mailbox itself.
+  std::string part;
+  /// The file's whole name now.
+  std::string file;
+
+  friend auto operator<=>(const MessageEntry&, const MessageEntry&) = default;
+};
+
+struct MailboxListing {
+  /// In the order of their names; a folder that changes meanwhile may make one name stand twice.
+  std::vector<MessageEntry> entries;
+  std::vector<UnreadablePath> failed;
+  /// The folders did not change while they were listed, so that no entry can have been missed.
+  bool quiet = false;
+  /// The mailbox is not there (any more).
+  bool gone = false;
+};
+
+/// The message files of one mailbox. An error when it is there and cannot be read.
+Result<MailboxListing> listMailbox(const MailFolder& mailbox);
+
+/// The absolute path of a message's file.
+std::string messagePath(const std::string& mailboxPath, const std::string& part,
+                        const std::string& file);
+
+/// The leading decimal number of a Maildir file's name, the second of its delivery; -1 without one
+/// or outside the years 1 to 9999.
+std::int64_t deliverySecond(std::string_view fileName);
+
+/// Whether a folder can be opened and listed now.
+bool isReadableFolder(const std::string& path);
+
+}  // namespace thmp
