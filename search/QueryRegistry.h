@@ -56,16 +56,25 @@ class QueryRegistry {
     std::size_t queriesLeft = 0;
     std::size_t pendingBatchesLeft = 0;
   };
-  /// Takes the query out of the registry, its record loses searchQuery and pending batches, and,
-  /// when `clientName` is a text, every `uniqueName` leaves that client's array, the client with
-  /// its last one: all in one step, whether or not there is such a query. Then, outside the lock
-  /// and before this returns, the engine query's handlers are detached and it is cancelled. Empty
-  /// when no query has that name. With `only`, nothing at all happens unless that very record is
-  /// registered under the name.
-  std::optional<Ended> end(std::string_view uniqueName, const Value& clientName = Value(),
-                           const THMPMailPluginQuery* only = nullptr);
+  /// Takes the query out of the registry; its record loses searchQuery and pending batches. When
+  /// `clientName` is a text, every `uniqueName` also leaves that client's array, and the client
+  /// goes with its last name, whether or not the query was found. All that is one step. Then,
+  /// outside the lock and before this returns, the engine query's handlers are detached and it is
+  /// cancelled. With `only`, nothing at all happens unless that very record is registered under the
+  /// name.
+  Ended end(std::string_view uniqueName, const Value& clientName,
+            const THMPMailPluginQuery* only = nullptr);
 
-  void forgetClient(std::string_view clientName);
+  struct EndedClient {
+    std::string clientName;
+    std::vector<Ended> queries;
+  };
+  /// Ends, in one step, the queries of `queryNames` and of the client's array, each name once, and
+  /// forgets the client.
+  EndedClient endClient(std::string_view clientName, const std::vector<std::string>& queryNames);
+  /// Ends every client known, in one step.
+  std::vector<EndedClient> endEveryClient();
+
   std::vector<std::string> clientNames() const;
   std::vector<std::string> namesOfClient(std::string_view clientName) const;
 
@@ -114,6 +123,10 @@ class QueryRegistry {
   };
 
   bool isAliveLocked(const THMPMailPluginQuery& record) const THMP_REQUIRES(state_);
+  bool isAliveLocked(std::string_view uniqueName) const THMP_REQUIRES(state_);
+  Ended endLocked(std::string_view uniqueName) THMP_REQUIRES(state_);
+  EndedClient endClientLocked(std::string_view clientName,
+                              const std::vector<std::string>& queryNames) THMP_REQUIRES(state_);
   void forgetLocked(std::string_view clientName, std::string_view uniqueName) THMP_REQUIRES(state_);
 
   mutable Mutex state_;
