@@ -26,7 +26,8 @@ class LogArg {
   LogArg(const Error& error);  // null object when the error is not set
   LogArg(const std::string& text) : value_(Value(text)) {}
   LogArg(std::string_view text) : value_(Value(text)) {}
-  LogArg(const char* text) : value_(Value(text)) {}
+  LogArg(const Text& text) : value_(Value(text)) {}
+  LogArg(const char* text) : value_(text == nullptr ? Value() : Value(text)) {}
   LogArg(double number) : value_(number) {}
   template <typename T>
   requires(std::is_integral_v<T>) LogArg(T number) {

@@ -10,6 +10,7 @@
 // value is safe on any stack. Keys and texts compare by address first, then by their bytes.
 #pragma once
 
+#include <atomic>
 #include <compare>
 #include <cstddef>
 #include <cstdint>
@@ -28,24 +29,54 @@ namespace thmp {
 class Value;
 
 namespace value_internal {
-struct Node;
-/// Counted reference to a node; the last one frees it and, without recursion, all that only it
-/// held.
+
+struct Access;
+
+/// What all copies of one text, data, array or dictionary share. The bytes or elements follow it in
+/// the same allocation; value_nodes.h has their layout.
+struct Node {
+  std::atomic<std::uint32_t> references{1};
+  std::uint8_t kind = 0;  // a Value::Kind
+  std::size_t size = 0;   // of bytes, values or entries
+};
+
+/// Frees a node whose last reference is gone and, without recursion, all that only it held.
+void destroyNode(Node* node) noexcept;
+
+inline void retainNode(Node* node) noexcept {
+  if (node != nullptr) node->references.fetch_add(1, std::memory_order_relaxed);
+}
+
+/// True when the caller held the last reference and has to free the node. A sole owner is spared
+/// the atomic subtraction.
+inline bool dropReference(Node* node) noexcept {
+  return node->references.load(std::memory_order_acquire) == 1 ||
+         node->references.fetch_sub(1, std::memory_order_acq_rel) == 1;
+}
+
+inline void releaseNode(Node* node) noexcept {
+  if (node != nullptr && dropReference(node)) destroyNode(node);
+}
+
+/// Counted reference to a node.
 class NodeRef {
  public:
   NodeRef() noexcept = default;
   explicit NodeRef(Node* adopted) noexcept : node_(adopted) {}
-  NodeRef(const NodeRef& other) noexcept;
+  NodeRef(const NodeRef& other) noexcept : node_(other.node_) { retainNode(node_); }
   NodeRef(NodeRef&& other) noexcept : node_(std::exchange(other.node_, nullptr)) {}
-  NodeRef& operator=(const NodeRef& other) noexcept;
-  NodeRef& operator=(NodeRef&& other) noexcept;
-  ~NodeRef();
+  NodeRef& operator=(NodeRef other) noexcept {
+    std::swap(node_, other.node_);
+    return *this;
+  }
+  ~NodeRef() { releaseNode(node_); }
   Node* get() const noexcept { return node_; }
   Node* release() noexcept { return std::exchange(node_, nullptr); }
 
  private:
   Node* node_ = nullptr;
 };
+
 }  // namespace value_internal
 
 /// Text: bytes with a length. UTF-8 by convention; what came in otherwise is kept as it came, a
@@ -58,12 +89,16 @@ class Text {
   Text(const std::string& bytes) : Text(std::string_view(bytes)) {}
   Text(const char* bytes) : Text(std::string_view(bytes)) {}
 
-  std::string_view view() const noexcept;
+  std::string_view view() const noexcept {
+    const value_internal::Node* node = node_.get();
+    if (node == nullptr) return {};
+    return {reinterpret_cast<const char*>(node + 1), node->size};
+  }
   std::string str() const { return std::string(view()); }
   operator std::string_view() const noexcept { return view(); }
   bool empty() const noexcept { return view().empty(); }
 
-  /// The same for all copies of one text; null for the empty default text.
+  /// The same for all copies of one text; null for the empty text.
   const void* identity() const noexcept { return node_.get(); }
 
   friend bool operator==(const Text& a, const Text& b) noexcept {
@@ -76,6 +111,7 @@ class Text {
 
  private:
   friend class Value;
+  friend struct value_internal::Access;
   value_internal::NodeRef node_;
 };
 
@@ -86,7 +122,7 @@ class Array {
   Array(std::initializer_list<Value> values);
   explicit Array(std::vector<Value> values);
 
-  std::size_t size() const noexcept;
+  std::size_t size() const noexcept { return node_.get() == nullptr ? 0 : node_.get()->size; }
   bool empty() const noexcept { return size() == 0; }
   /// REQUIRES: index < size().
   const Value& operator[](std::size_t index) const noexcept;
@@ -100,6 +136,7 @@ class Array {
 
  private:
   friend class Value;
+  friend struct value_internal::Access;
   value_internal::NodeRef node_;
 };
 
@@ -113,7 +150,7 @@ class Dictionary {
   /// Entries in any order; of two with one key the later one stays, and null values are left out.
   explicit Dictionary(std::vector<Entry> entries);
 
-  std::size_t size() const noexcept;
+  std::size_t size() const noexcept { return node_.get() == nullptr ? 0 : node_.get()->size; }
   bool empty() const noexcept { return size() == 0; }
   /// Null pointer when the key is absent.
   const Value* find(std::string_view key) const noexcept;
@@ -130,6 +167,7 @@ class Dictionary {
 
  private:
   friend class Value;
+  friend struct value_internal::Access;
   value_internal::NodeRef node_;
 };
 
@@ -157,7 +195,7 @@ class Value {
   Value() noexcept = default;
   template <typename T>
   requires std::is_same_v<T, bool> Value(T boolean)
-  noexcept : kind_(Kind::kBoolean) { scalar_.boolean = boolean; }
+  noexcept : kind_(Kind::kBoolean) { scalar_.unsignedInteger = boolean ? 1 : 0; }
   template <typename T>
   requires(std::is_integral_v<T> && !std::is_same_v<T, bool>) Value(T integer)
   noexcept {
@@ -170,16 +208,31 @@ class Value {
   Value(double real) noexcept : kind_(Kind::kReal) { scalar_.real = real; }
   Value(Date date) noexcept : kind_(Kind::kDate) { scalar_.real = date.secondsSinceReference; }
   Value(const Data& data);
-  Value(const Text& text) noexcept;
+  Value(Text text) noexcept : Value(Kind::kText, text.node_.release()) {}
   Value(std::string_view text) : Value(Text(text)) {}
   Value(const std::string& text) : Value(Text(text)) {}
   Value(const char* text) : Value(Text(text)) {}
-  Value(const Array& array) noexcept;
-  Value(const Dictionary& dictionary) noexcept;
+  Value(Array array) noexcept : Value(Kind::kArray, array.node_.release()) {}
+  Value(Dictionary dictionary) noexcept : Value(Kind::kDictionary, dictionary.node_.release()) {}
+
+  Value(const Value& other) noexcept : kind_(other.kind_), scalar_(other.scalar_) {
+    if (hasNode()) value_internal::retainNode(scalar_.node);
+  }
+  Value(Value&& other) noexcept
+      : kind_(std::exchange(other.kind_, Kind::kNull)), scalar_(other.scalar_) {}
+  Value& operator=(Value other) noexcept {
+    std::swap(kind_, other.kind_);
+    std::swap(scalar_, other.scalar_);
+    return *this;
+  }
+  ~Value() {
+    if (hasNode()) value_internal::releaseNode(scalar_.node);
+  }
 
   Kind kind() const noexcept { return kind_; }
   bool isNull() const noexcept { return kind_ == Kind::kNull; }
-  bool isNumber() const noexcept;  // boolean, integer, unsigned or real
+  /// Boolean, integer, unsigned or real.
+  bool isNumber() const noexcept { return kind_ >= Kind::kBoolean && kind_ <= Kind::kReal; }
 
   // Each is empty unless the value has that kind; nothing is converted.
   std::optional<bool> asBoolean() const noexcept;
@@ -207,27 +260,39 @@ class Value {
   /// Any number as a double; empty for other kinds.
   std::optional<double> numberValue() const noexcept;
 
-  /// The same for all copies of one text, data, array or dictionary; null for other kinds.
-  const void* identity() const noexcept;
+  /// The same for all copies of one text, data, array or dictionary; null for other kinds, and for
+  /// empty ones.
+  const void* identity() const noexcept { return hasNode() ? scalar_.node : nullptr; }
 
   /// Equality by value: booleans, integers and reals are equal when their numbers are (1, 1.0 and
-  /// true).
+  /// true). A NaN equals itself, so that a value always equals its copy.
   friend bool operator==(const Value& a, const Value& b) noexcept;
-  /// Equality by value and kind, throughout; a NaN equals itself.
+  /// Equality by value and kind, throughout; a NaN equals itself, and -0.0 is not 0.0.
   static bool identical(const Value& a, const Value& b) noexcept;
 
  private:
-  void setInteger(std::int64_t integer) noexcept;
-  void setUnsigned(std::uint64_t integer) noexcept;
+  friend struct value_internal::Access;
+  union Scalar {
+    std::int64_t integer;
+    std::uint64_t unsignedInteger;  // a boolean is 1 or 0 here
+    double real;
+    value_internal::Node* node;  // null for an empty text, data, array or dictionary
+  };
+
+  Value(Kind kind, value_internal::Node* adopted) noexcept : kind_(kind) { scalar_.node = adopted; }
+  bool hasNode() const noexcept { return kind_ >= Kind::kData; }
+  void setInteger(std::int64_t integer) noexcept {
+    kind_ = Kind::kInteger;
+    scalar_.integer = integer;
+  }
+  void setUnsigned(std::uint64_t integer) noexcept {
+    if (integer <= INT64_MAX) return setInteger(static_cast<std::int64_t>(integer));
+    kind_ = Kind::kUnsigned;
+    scalar_.unsignedInteger = integer;
+  }
 
   Kind kind_ = Kind::kNull;
-  union {
-    bool boolean;
-    std::int64_t integer;
-    std::uint64_t unsignedInteger;
-    double real;
-  } scalar_ = {};
-  value_internal::NodeRef node_;
+  Scalar scalar_ = {.unsignedInteger = 0};
 };
 
 struct Dictionary::Entry {
