@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -17,6 +18,14 @@
 namespace thmp {
 
 inline constexpr std::string_view kPropertyListErrorDomain = "THMPPropertyList";
+
+/// The codes of errors in that domain. The description says what, and at which byte or line.
+enum class PropertyListError : std::int64_t {
+  kDamaged = 1,      // not what the encoding prescribes
+  kTooLarge = 2,     // past a limit on bytes, nodes or depth
+  kUnsupported = 3,  // well-formed, but of a kind or range that values have no place for
+  kNotWritable = 4,  // a value that property lists have no form for
+};
 
 struct PropertyListLimits {
   std::size_t maxBytes;
@@ -43,7 +52,8 @@ std::optional<Value> readXmlPropertyList(std::string_view bytes, const PropertyL
                                          Error* error = nullptr);
 
 /// The binary encoding of `root`; equal scalars are written once. Empty, with `error` filled, when
-/// a null value stands anywhere in it, for which property lists have no form. A text that is not
+/// a null value stands anywhere in it, for which property lists have no form, or a date that is
+/// infinite or NaN. A text that is not
 /// UTF-8 is written with U+FFFD in place of what cannot be read, a lone surrogate as itself.
 std::optional<std::string> writeBinaryPropertyList(const Value& root, Error* error = nullptr);
 
