@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "paths/THMPPathAdditions.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <utility>
+#include <vector>
+
+#include "paths/path_components.h"
+
+namespace thmp {
+namespace {
+
+using Components = std::vector<std::string>;
+
+/// The home of the user whom a first component "~name" names; empty for none.
+std::optional<std::string> homeOfNamedUser(Identity& identity, const std::string& component) {
+  const std::optional<UserRecord> user = identity.userByName(component.substr(1));
+  return user ? user->home : std::nullopt;
+}
+
+/// Puts `home` in the place of the first component, if there is a home.
+std::string withHome(const std::string& path, Components components,
+                     const std::optional<std::string>& home) {
+  if (!home || home->empty()) return path;
+  components.front() = *home;
+  return pathWithComponents(components);
+}
+
+}  // namespace
+
+bool THMPPathAdditions::thmp_isPathString(std::string_view path) const noexcept {
+  return path.starts_with('~') || path.find('/') != std::string_view::npos;
+}
+
+std::optional<std::string> THMPPathAdditions::thmp_commonAncestorWithPath(
+    const std::string& path, const std::string& other) const {
+  Components shared = pathComponents(stringByStandardizingPath(path));
+  const Components others = pathComponents(stringByStandardizingPath(other));
+  const auto end = std::mismatch(shared.begin(), shared.end(), others.begin(), others.end()).first;
+  shared.erase(end, shared.end());
+  if (shared.empty()) return std::nullopt;
+  return pathWithComponents(shared);
+}
+
+bool THMPPathAdditions::thmp_hasPathPrefix(const std::string& path,
+                                           const std::string& prefix) const {
+  return thmp_hasPathPrefix(path, prefix, /*strict=*/false);
+}
+
+bool THMPPathAdditions::thmp_hasPathPrefix(const std::string& path, const std::string& prefix,
+                                           bool strict) const {
+  const Components whole = pathComponents(stringByStandardizingPath(path));
+  const Components start = pathComponents(stringByStandardizingPath(prefix));
+  if (start.size() > whole.size() || (strict && start.size() == whole.size())) return false;
+  return std::equal(start.begin(), start.end(), whole.begin());
+}
+
+std::string THMPPathAdditions::thmp_stringByExpandingTildeInPath(const std::string& path) const {
+  Components components = pathComponents(path);
+  if (components.empty() || !components.front().starts_with('~')) return path;
+  const std::string first = components.front();
+  if (first == "~") {
+    return withHome(path, std::move(components), processPaths_.THMPUserHomeDirectory());
+  }
+  return withHome(path, std::move(components), homeOfNamedUser(identity_, first));
+}
+
+std::string THMPPathAdditions::thmp_stringByAbbreviatingWithTildeInPath(
+    const std::string& path) const {
+  const std::string& home = processPaths_.THMPUserHomeDirectory();
+  if (home.empty() || !thmp_hasPathPrefix(path, home)) return path;
+  // Deliberate: the prefix is tested on standardized paths, the cut is made by count on the path as
+  // it stands.
+  Components components = pathComponents(path);
+  const std::size_t cut = std::min(pathComponents(home).size(), components.size());
+  components.erase(components.begin(), components.begin() + static_cast<std::ptrdiff_t>(cut));
+  components.insert(components.begin(), "~");
+  return pathWithComponents(components);
+}
+
+std::string THMPPathAdditions::stringByStandardizingPath(const std::string& path) const {
+  Components components = pathComponents(path);
+  if (!components.empty() && components.front().starts_with('~')) {
+    const std::string first = components.front();
+    const std::optional<std::string> home =
+        first == "~" ? identity_.processHome() : homeOfNamedUser(identity_, first);
+    components = pathComponents(withHome(path, std::move(components), home));
+  }
+  return pathWithComponents(standardizedComponents(std::move(components)));
+}
+
+}  // namespace thmp
