@@ -60,6 +60,7 @@ class THMPMailPluginQuery {
   std::unordered_set<std::int64_t>& messageIDs() { return messageIDs_; }
   /// Oldest first.
   std::vector<PendingBatch>& pendingBatches() { return pendingBatches_; }
+  const std::vector<PendingBatch>& pendingBatches() const { return pendingBatches_; }
 
   /// Kept for the record's shape; nothing sets or reads it.
   const Error& error() const { return error_; }
