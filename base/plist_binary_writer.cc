@@ -27,8 +27,6 @@ using Entry = Dictionary::Entry;
 using Kind = Value::Kind;
 using Byte = unsigned char;
 
-constexpr std::size_t kTrailerSize = 32;
-
 /// An object to be written. The bits are those of the number, or the address of the node.
 struct Object {
   Kind kind;
