@@ -23,15 +23,16 @@ CORE = {
 OTHERS = {
     "platform/fake": {"base", "platform"},
     "platform/linux": {"base", "platform"},
+    "console": {"base"},
     "host/store": {"base", "platform", "platform/linux", "host/query"},
     "host/index": {"base", "platform", "platform/linux", "host/query", "host/store"},
     "host/adapter": {"base", "platform", "host/query", "host/store", "host/index"},
-    "host": {"base", "platform", "platform/linux", "host/query", "host/store", "host/index", "host/adapter"},
-    "client": {"base", "platform", "platform/linux", "messaging"},
+    "host": {"base", "platform", "platform/linux", "messaging", "console", "host/query", "host/store", "host/index", "host/adapter"},
+    "client": {"base", "platform", "platform/linux", "messaging", "console"},
 }
 ARROWS = CORE | OTHERS
-# Of messaging the client shares the formats alone.
-CLIENT_MAY = {"messaging/message_names.h"}
+# Of messaging the programs share the formats alone.
+FORMATS = {"messaging/message_names.h"}
 LIBRARIES_OF_THE_CORE = {"expat.h", "sqlite3.h", "utf8proc.h"}
 OPERATING_SYSTEM = re.compile(r"^(sys/|linux/|unistd|fcntl|dirent|pwd|poll|pthread|signal\.h|dlfcn|mach/|dispatch/|Foundation)")
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^">]+)[">]')
@@ -72,8 +73,8 @@ def problems_of(path):
                 yield f"{place}: {header} is not named from the root of the tree"
             continue
         if target == folder or target in ARROWS[folder]:
-            if folder == "client" and target == "messaging" and header not in CLIENT_MAY:
-                yield f"{place}: the client shares with messaging its formats alone"
+            if folder in ("client", "host") and target == "messaging" and header not in FORMATS:
+                yield f"{place}: of messaging the programs share the formats alone"
             continue
         if not (test and target in ("platform/fake", "platform/linux")):
             yield f"{place}: {folder} may not include {target}"

@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Found messages as both programs print them: a JSON object, or a row of a table. An item is a
+// dictionary as it stands in a results batch: "attributes", "libraryID", "kMDItemPath", "index".
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "base/value.h"
+#include "console/terminal.h"
+
+namespace thmp::console {
+
+using Json = nlohmann::ordered_json;
+
+/// Dates in ISO 8601 and UTC, data in base64. REQUIRES: a value of bounded depth, as the
+/// property-list reader gives it.
+Json jsonOf(const Value& value);
+
+/// The `found` event: "event", "index", "libraryID", "path", "attributes".
+Json foundEvent(const Dictionary& item);
+
+/// One line. What is no UTF-8 is shown as U+FFFD.
+void printLine(const Json& json, StandardOutput& output);
+
+/// What the table shows of a message, safe for a terminal.
+struct TableRow {
+  std::string date;  // local time
+  std::string author;
+  std::string subject;
+};
+TableRow tableRow(const Value& attributes);
+
+/// On a terminal in columns that fit it less `indent`, else apart by tabs and whole.
+void printRow(const TableRow& row, std::size_t indent, StandardOutput& output);
+
+}  // namespace thmp::console

@@ -1,0 +1,132 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "console/terminal.h"
+
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+#include <utf8proc.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+
+namespace thmp::console {
+namespace {
+
+constexpr std::size_t kBufferSize = std::size_t{64} << 10;
+
+bool colorWanted(ColorMode mode, bool terminal) {
+  if (mode != ColorMode::kAuto) return mode == ColorMode::kAlways;
+  const char* noColor = std::getenv("NO_COLOR");
+  return terminal && (noColor == nullptr || *noColor == '\0');
+}
+
+// Embeddings, overrides, isolates and marks: they could make a line read as something else.
+bool changesDirection(utf8proc_int32_t c) {
+  return c == 0x061C || c == 0x200E || c == 0x200F || (c >= 0x202A && c <= 0x202E) ||
+         (c >= 0x2066 && c <= 0x2069);
+}
+
+struct Character {
+  utf8proc_int32_t codePoint = 0;
+  std::size_t size = 1;
+};
+
+// A byte that is no UTF-8 counts as U+FFFD.
+Character characterAt(std::string_view text, std::size_t position) {
+  Character character;
+  const utf8proc_ssize_t size =
+      utf8proc_iterate(reinterpret_cast<const utf8proc_uint8_t*>(text.data()) + position,
+                       static_cast<utf8proc_ssize_t>(text.size() - position), &character.codePoint);
+  if (size <= 0) return {0xFFFD, 1};
+  character.size = static_cast<std::size_t>(size);
+  return character;
+}
+
+std::size_t widthOf(utf8proc_int32_t codePoint) {
+  return static_cast<std::size_t>(std::max(utf8proc_charwidth(codePoint), 0));
+}
+
+}  // namespace
+
+StandardOutput::StandardOutput(ColorMode color)
+    : terminal_(::isatty(STDOUT_FILENO) == 1), color_(colorWanted(color, terminal_)) {}
+
+void StandardOutput::write(std::string_view bytes) {
+  buffer_ += bytes;
+  if (buffer_.size() >= kBufferSize) flush();
+}
+
+void StandardOutput::flush() {
+  std::string_view left = buffer_;
+  while (!left.empty() && !closed_) {
+    const ssize_t written = ::write(STDOUT_FILENO, left.data(), left.size());
+    if (written >= 0) {
+      left.remove_prefix(static_cast<std::size_t>(written));
+    } else if (errno == EAGAIN) {
+      pollfd waiting{STDOUT_FILENO, POLLOUT, 0};
+      ::poll(&waiting, 1, -1);
+    } else if (errno != EINTR) {
+      closed_ = true;
+    }
+  }
+  buffer_.clear();
+}
+
+std::size_t StandardOutput::columns() const {
+  winsize size{};
+  if (terminal_ && ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
+    return size.ws_col;
+  return 80;
+}
+
+std::string shown(std::string_view text) {
+  std::string safe;
+  safe.reserve(text.size());
+  for (std::size_t position = 0; position < text.size();) {
+    const auto [codePoint, size] = characterAt(text, position);
+    if (codePoint == '\n' || codePoint == '\r' || codePoint == '\t') {
+      if (!safe.empty() && safe.back() != ' ') safe += ' ';
+    } else if (codePoint < 0x20 || (codePoint >= 0x7F && codePoint < 0xA0)) {
+      constexpr std::string_view kDigits = "0123456789ABCDEF";
+      safe += "\\x";
+      safe += kDigits[static_cast<std::size_t>(codePoint >> 4)];
+      safe += kDigits[static_cast<std::size_t>(codePoint & 15)];
+    } else if (codePoint == 0xFFFD) {
+      safe += "\xEF\xBF\xBD";
+    } else if (!changesDirection(codePoint) && codePoint != 0x2028 && codePoint != 0x2029) {
+      safe += text.substr(position, size);
+    }
+    position += size;
+  }
+  return safe;
+}
+
+std::size_t displayWidth(std::string_view text) {
+  std::size_t width = 0;
+  for (std::size_t position = 0; position < text.size();) {
+    const auto [codePoint, size] = characterAt(text, position);
+    width += widthOf(codePoint);
+    position += size;
+  }
+  return width;
+}
+
+std::string fitted(std::string_view text, std::size_t columns, bool pad) {
+  const std::size_t width = displayWidth(text);
+  if (width <= columns) return std::string(text) + std::string(pad ? columns - width : 0, ' ');
+  if (columns == 0) return {};
+  std::string cut;
+  std::size_t used = 0;
+  for (std::size_t position = 0; position < text.size();) {
+    const auto [codePoint, size] = characterAt(text, position);
+    if (used + widthOf(codePoint) > columns - 1) break;
+    used += widthOf(codePoint);
+    cut += text.substr(position, size);
+    position += size;
+  }
+  cut += "…";
+  return cut + std::string(pad ? columns - 1 - used : 0, ' ');
+}
+
+}  // namespace thmp::console

@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "console/terminal.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace thmp::console {
+namespace {
+
+TEST(ShownText, ControlCharactersAreEscaped) {
+  EXPECT_EQ(shown("a\x1b[2Jb\x07"), "a\\x1B[2Jb\\x07");
+  EXPECT_EQ(shown("\xC2\x9B"), "\\x9B") << "the one-character form of ESC [";
+  EXPECT_EQ(shown(std::string_view("a\0b", 3)), "a\\x00b");
+}
+
+TEST(ShownText, LineBreaksAndTabsBecomeOneBlank) { EXPECT_EQ(shown("\na\r\n\tb"), "a b"); }
+
+TEST(ShownText, DirectionMarksAreLeftOut) {
+  EXPECT_EQ(shown("invoice\u202Efdp.exe\u2066\u200F"), "invoicefdp.exe");
+}
+
+TEST(ShownText, BytesThatAreNoUtf8BecomeReplacementCharacters) {
+  EXPECT_EQ(shown("a\xFF\xC3"), "a\uFFFD\uFFFD");
+}
+
+TEST(FittedText, IsCutAtTheDisplayWidth) {
+  EXPECT_EQ(fitted("plum cake", 6, false), "plum …");
+  EXPECT_EQ(fitted("夏休みの予定", 7, false), "夏休み…") << "each of these takes two columns";
+  EXPECT_EQ(fitted("夏休み", 6, false), "夏休み");
+  EXPECT_EQ(fitted("e\u0301e\u0301e\u0301", 2, false), "e\u0301…") << "marks take no column";
+}
+
+TEST(FittedText, IsFilledUpWhenPadded) {
+  EXPECT_EQ(fitted("ab", 4, true), "ab  ");
+  EXPECT_EQ(fitted("夏休み", 4, true), "夏… ") << "half a wide character is a blank";
+  EXPECT_EQ(fitted("ab", 0, true), "");
+}
+
+}  // namespace
+}  // namespace thmp::console
