@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// All watches on folders of one process, on one inotify instance (a user has 128 of them) and one
+// thread that reads it.
+//
+// A watch follows a path, not a folder: besides the folder itself the one above it is watched for
+// the name, and all others on the way for being moved or deleted. So a folder that is replaced, or
+// that does not exist yet, is watched again as soon as one stands there, without polling. Links
+// that are part of the path are followed when the watch is set; one that is changed later is
+// noticed in the folder's own name only.
+//
+// Any thread may use it. The reader thread only posts and logs, and is joined by the destructor;
+// watches that outlive it stay silent.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "platform/execution.h"
+#include "platform/log.h"
+
+namespace thmp {
+
+class InotifyWatches {
+ public:
+  /// Hands a closure to the queue on which a watch reports. Never waits.
+  using Poster = std::function<void(std::function<void()> closure)>;
+
+  /// The system's descriptor of an instance; tests count and refuse them.
+  using MakeInstance = std::function<int()>;
+
+  /// `log` takes what the user should know of watches that fail or are set again.
+  explicit InotifyWatches(SystemLog& log);
+  InotifyWatches(SystemLog& log, MakeInstance makeInstance);
+  ~InotifyWatches();
+  InotifyWatches(const InotifyWatches&) = delete;
+  InotifyWatches& operator=(const InotifyWatches&) = delete;
+
+  /// See Execution::makeDirectoryWatch. `moreEvents`: inotify events to report besides entries
+  /// added, removed and renamed.
+  std::unique_ptr<DirectoryWatch> makeWatch(const std::string& directory, Poster post,
+                                            std::function<void()> changed,
+                                            std::uint32_t moreEvents = 0);
+
+  /// Tries to set the watches that could not be set, for want of descriptors, watches, memory or
+  /// permission. Each one that is set now reports once.
+  void retry();
+
+  class Registry;
+
+ private:
+  const std::shared_ptr<Registry> registry_;
+};
+
+}  // namespace thmp

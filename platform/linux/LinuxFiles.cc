@@ -1,0 +1,140 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/linux/LinuxFiles.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <utility>
+
+#include "platform/linux/TemporaryFile.h"
+#include "platform/linux/posix_io.h"
+
+namespace thmp {
+namespace {
+
+bool hasNul(const std::string& path) { return path.find('\0') != std::string::npos; }
+
+std::string about(std::string_view what, const std::string& path) {
+  return std::string(what) + " " + path;
+}
+
+std::string joined(const std::string& directory, const std::string& name) {
+  return directory + "/" + name;
+}
+
+class LinuxPreparedFile final : public PreparedFile {
+ public:
+  LinuxPreparedFile(Descriptor folder, std::string directory, std::string name, TemporaryFile file)
+      : folder_(std::move(folder)),
+        directory_(std::move(directory)),
+        name_(std::move(name)),
+        file_(std::move(file)) {}
+
+  bool publish(Error* error) override {
+    if (file_.linkAs(folder_.get(), name_)) return true;
+    return failWithErrno(error, about("cannot name the file", joined(directory_, name_)));
+  }
+
+ private:
+  const Descriptor folder_;
+  const std::string directory_;
+  const std::string name_;
+  TemporaryFile file_;
+};
+
+}  // namespace
+
+LinuxFiles::LinuxFiles(std::string dataHome) : dataHome_(std::move(dataHome)) {}
+
+bool LinuxFiles::exists(const std::string& path) {
+  struct stat status = {};
+  return !hasNul(path) && ::stat(path.c_str(), &status) == 0;
+}
+
+bool LinuxFiles::isDirectory(const std::string& path) {
+  struct stat status = {};
+  return !hasNul(path) && ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+bool LinuxFiles::isWritable(const std::string& path) {
+  return !hasNul(path) && ::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0;
+}
+
+std::optional<std::vector<std::string>> LinuxFiles::list(const std::string& directory,
+                                                         Error* error) {
+  const Descriptor folder = openAt(AT_FDCWD, directory, O_RDONLY | O_DIRECTORY);
+  std::optional<std::vector<std::string>> names;
+  if (folder) names = listFolder(folder.get());
+  if (!names) failWithErrno(error, about("cannot list the folder", directory));
+  return names;
+}
+
+bool LinuxFiles::createDirectories(const std::string& path, Error* error) {
+  return createFolders(path) || failWithErrno(error, about("cannot make the folder", path));
+}
+
+std::optional<std::string> LinuxFiles::readFile(const std::string& path, std::size_t maxBytes,
+                                                Error* error) {
+  // Without O_NONBLOCK a FIFO would hold us until somebody writes into it.
+  const Descriptor file = openAt(AT_FDCWD, path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+  std::optional<std::string> bytes;
+  if (file) bytes = readRegularFile(file.get(), maxBytes);
+  if (!bytes) failWithErrno(error, about("cannot read the file", path));
+  return bytes;
+}
+
+std::unique_ptr<PreparedFile> LinuxFiles::prepareFile(const std::string& directory,
+                                                      const std::string& name,
+                                                      std::string_view bytes, Error* error) {
+  const auto failed = [&] {
+    failWithErrno(error, about("cannot write the file", joined(directory, name)));
+    return nullptr;
+  };
+  if (!isEntryName(name)) {
+    errno = EINVAL;
+    return failed();
+  }
+  Descriptor folder = openAt(AT_FDCWD, directory, O_PATH | O_DIRECTORY);
+  if (!folder) return failed();
+  auto file = TemporaryFile::make(folder.get(), std::string(kTemporaryFilePrefix) + randomHex(16));
+  if (!file || !file->write(bytes) || !file->finish()) return failed();
+  return std::make_unique<LinuxPreparedFile>(std::move(folder), directory, name, std::move(*file));
+}
+
+bool LinuxFiles::removeEntry(const std::string& directory, const std::string& name, Error* error) {
+  const auto failed = [&] {
+    return failWithErrno(error, about("cannot remove", joined(directory, name)));
+  };
+  if (!isEntryName(name)) {
+    errno = EINVAL;
+    return failed();
+  }
+  const Descriptor folder = openAt(AT_FDCWD, directory, O_RDONLY | O_DIRECTORY);
+  if (!folder) return errno == ENOENT || failed();
+  return removeTree(folder.get(), name) || failed();
+}
+
+std::string LinuxFiles::displayName(const std::string& path) {
+  const std::size_t last = path.find_last_not_of('/');
+  if (last == std::string::npos) return path.empty() ? "" : "/";
+  const std::size_t slash = path.rfind('/', last);
+  const std::size_t first = slash == std::string::npos ? 0 : slash + 1;
+  return path.substr(first, last + 1 - first);
+}
+
+std::string LinuxFiles::applicationSupportDirectory() { return dataHome_; }
+
+std::string LinuxFiles::applicationSupportBelowHome() { return ".local/share"; }
+
+void LinuxFiles::removeTemporaryFiles(const std::string& directory) {
+  const Descriptor folder = openAt(AT_FDCWD, directory, O_RDONLY | O_DIRECTORY);
+  if (!folder) return;
+  const auto names = listFolder(folder.get());
+  if (!names) return;
+  for (const std::string& name : *names) {
+    if (name.starts_with(kTemporaryFilePrefix)) ::unlinkat(folder.get(), name.c_str(), 0);
+  }
+}
+
+}  // namespace thmp

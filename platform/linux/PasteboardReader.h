@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The clients' side of the named pasteboards. Any thread.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "base/error.h"
+#include "base/plist.h"
+#include "base/value.h"
+#include "platform/linux/PasteboardFolder.h"
+
+namespace thmp {
+
+class PasteboardReader {
+ public:
+  /// `cacheHome`: the folder of XDG_CACHE_HOME.
+  explicit PasteboardReader(std::string cacheHome) : folder_(std::move(cacheHome)) {}
+
+  /// What the pasteboard `name` holds under `type`. Empty, with `error` filled, when there is no
+  /// such pasteboard, when it is without that content, or when the content is no property list
+  /// within `limits`.
+  std::optional<Value> read(const std::string& name, const std::string& type,
+                            const PropertyListLimits& limits = kBatchLimits,
+                            Error* error = nullptr) const;
+
+ private:
+  const PasteboardFolder folder_;
+};
+
+}  // namespace thmp

@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The applications beside the host, as files "BUNDLE-ID.PID" in one folder: each application makes
+// its file, holds a flock(2) on it, and keeps it. It runs from the moment its file exists while the
+// process PID lives; it has quit when the file is gone, or when the process has ended and nobody
+// holds the lock. Then, and only then, a file that is left is removed.
+//
+// The folder is watched, and a descriptor of each process tells at once when it ends. A process
+// number that has gone to another process is told by that process's being younger than the file,
+// which nobody holds locked.
+//
+// Made and used on the main thread, but for isRunning().
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/execution.h"
+#include "platform/linux/Descriptor.h"
+#include "platform/linux/LinuxExecution.h"
+
+namespace thmp {
+
+class RunningApplications {
+ public:
+  using Quit = std::function<void(const std::string& bundleIdentifier)>;
+
+  /// `folder` may be missing. `quit` is called on the main thread, from the loop.
+  RunningApplications(std::string folder, LinuxExecution& execution, Quit quit);
+  ~RunningApplications();
+  RunningApplications(const RunningApplications&) = delete;
+  RunningApplications& operator=(const RunningApplications&) = delete;
+
+  /// Begins to watch. What has quit before is removed without a word. Once.
+  void start();
+
+  /// Looks at the folder as it is now. Any thread.
+  static bool isRunning(const std::string& folder, const std::string& bundleIdentifier);
+
+  struct FileName {
+    std::string bundleIdentifier;
+    pid_t process = 0;
+  };
+  /// Empty when `name` is no application's.
+  static std::optional<FileName> parse(std::string_view name);
+
+ private:
+  struct Entry {
+    FileName name;
+    Descriptor file;
+    Descriptor process;  // none when it has ended, or cannot be had
+    bool ended = false;  // the process, or it is another one than the file's
+  };
+
+  void scan();
+  void add(int folder, const std::string& fileName);
+  void forget(std::map<std::string, Entry>::iterator entry, bool tell);
+  /// Forgets the entry if it has quit, and removes its file.
+  void check(const std::string& fileName);
+  void watchProcess(const std::string& fileName, Entry& entry);
+  void unwatchProcess(Entry& entry);
+
+  const std::string folder_;
+  LinuxExecution& execution_;
+  const Quit quit_;
+  bool firstScan_ = true;
+  std::map<std::string, Entry> entries_;
+  std::unique_ptr<DirectoryWatch> watch_;
+  /// Told apart from a later object by what the loop still holds.
+  std::shared_ptr<RunningApplications*> self_;
+};
+
+}  // namespace thmp
