@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The stages of a query in readable form, for people who want to know how their text was
+// understood. One item a line; control characters never reach the output. Any thread.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "host/query/query.h"
+
+namespace thmp::query {
+
+/// The tokens of any text, each with its place and kind; where they end for an error, the error.
+std::string dumpTokens(std::string_view text);
+
+/// The tree, a node a line, operands two spaces further in.
+std::string dumpTree(const Query& query);
+
+/// Both, under the headings "tokens" and "tree".
+std::string dump(const Query& query);
+
+}  // namespace thmp::query

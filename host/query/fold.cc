@@ -1,0 +1,218 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/query/fold.h"
+
+#include <utf8proc.h>
+
+#include <algorithm>
+
+#include "host/query/characters.h"
+
+namespace thmp::query {
+
+namespace {
+
+constexpr char32_t kFirstCodePointWithLastingMarks = 0x510;
+
+const utf8proc_property_t& property(char32_t codePoint) {
+  return *utf8proc_get_property(static_cast<utf8proc_int32_t>(codePoint));
+}
+
+/// Letters, digits and signs that NFC neither changes nor joins to their left neighbour. Most text
+/// has no others and is spared the two passes. Not complete, and need not be.
+constexpr bool isUnmovedByNfc(char32_t c) {
+  return c < 0x300 || (c >= 0x388 && c <= 0x482) || (c >= 0x48A && c <= 0x52F) ||
+         (c >= 0x2010 && c <= 0x205E) || (c >= 0x3041 && c <= 0x3096) ||
+         (c >= 0x30A0 && c <= 0x30FF) || (c >= 0x3400 && c <= 0x4DBF) ||
+         (c >= 0x4E00 && c <= 0x9FFF) || (c >= 0xAC00 && c <= 0xD7A3) ||
+         (c >= 0x1F300 && c <= 0x1FAFF);
+}
+
+bool isUnmovedByNfc(std::u32string_view text) {
+  return std::all_of(text.begin(), text.end(), [](char32_t c) { return isUnmovedByNfc(c); });
+}
+
+/// Marks after one base into the canonical order. Sorting each run keeps a text of marks alone from
+/// taking quadratic time.
+void orderMarks(std::u32string& text) {
+  const auto classOf = [](char32_t c) { return property(c).combining_class; };
+  std::size_t begin = 0;
+  while (begin < text.size()) {
+    std::size_t end = begin;
+    while (end < text.size() && text[end] >= 0x300 && classOf(text[end]) != 0) ++end;
+    if (end - begin > 1) {
+      std::stable_sort(text.begin() + static_cast<std::ptrdiff_t>(begin),
+                       text.begin() + static_cast<std::ptrdiff_t>(end),
+                       [&](char32_t a, char32_t b) { return classOf(a) < classOf(b); });
+    }
+    begin = std::max(end, begin + 1);
+  }
+}
+
+/// NFD; with `foldCase` each code point is case-folded on the way.
+std::u32string decomposed(std::u32string_view text, bool foldCase) {
+  constexpr std::size_t kLongestDecomposition = 32;
+  const auto options = static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_DECOMPOSE |
+                                                      (foldCase ? UTF8PROC_CASEFOLD : 0));
+  std::u32string result;
+  result.reserve(text.size());
+  for (const char32_t c : text) {
+    utf8proc_int32_t parts[kLongestDecomposition];
+    int boundaryClass = 0;
+    const utf8proc_ssize_t count = utf8proc_decompose_char(
+        static_cast<utf8proc_int32_t>(c), parts, kLongestDecomposition, options, &boundaryClass);
+    if (count < 0 || count > static_cast<utf8proc_ssize_t>(kLongestDecomposition)) {
+      result.push_back(kReplacementCharacter);
+      continue;
+    }
+    for (utf8proc_ssize_t i = 0; i < count; ++i) result.push_back(static_cast<char32_t>(parts[i]));
+  }
+  orderMarks(result);
+  return result;
+}
+
+/// Joins what NFD has taken apart.
+void compose(std::u32string& text) {
+  std::vector<utf8proc_int32_t> points(text.begin(), text.end());
+  const utf8proc_ssize_t length =
+      utf8proc_normalize_utf32(points.data(), static_cast<utf8proc_ssize_t>(points.size()),
+                               static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_COMPOSE));
+  if (length >= 0) text.assign(points.begin(), points.begin() + length);
+}
+
+std::u32string decode(std::string_view text) {
+  std::u32string result;
+  result.reserve(text.size());
+  for (std::size_t position = 0; position < text.size();) {
+    result.push_back(decodeNext(text, position));
+  }
+  return result;
+}
+
+/// Whether folding leaves this code point, which is no mark, as it is.
+bool isUnmovedByFolding(char32_t codePoint) {
+  const utf8proc_property_t& p = property(codePoint);
+  return p.casefold_seqindex == UINT16_MAX && p.decomp_seqindex == UINT16_MAX;
+}
+
+void dropMarks(std::u32string& character) {
+  std::erase_if(character, [](char32_t c) {
+    return c < kFirstCodePointWithLastingMarks && property(c).category == UTF8PROC_CATEGORY_MN;
+  });
+}
+
+/// Folds one character of a text in NFC.
+void appendFolded(std::u32string_view character, Folding folding, std::string& out) {
+  const bool folds = folding.foldCase || folding.dropMarks;
+  const bool simple = !folds || (character.size() == 1 && isUnmovedByFolding(character[0]));
+  if (simple) {
+    for (const char32_t c : character) appendUtf8(c, out);
+    return;
+  }
+  const bool hasBase = !isMark(character[0]);
+  std::u32string folded = decomposed(character, /*foldCase=*/false);
+  if (folding.foldCase) folded = decomposed(folded, /*foldCase=*/true);
+  if (folding.dropMarks && hasBase) dropMarks(folded);
+  compose(folded);
+  for (const char32_t c : folded) appendUtf8(c, out);
+}
+
+/// Where the character that begins at `begin` ends.
+std::size_t characterEnd(std::u32string_view text, std::size_t begin) {
+  std::size_t end = begin + 1;
+  while (end < text.size() && isMark(text[end])) ++end;
+  return end;
+}
+
+}  // namespace
+
+std::u32string composed(std::u32string text) {
+  if (isUnmovedByNfc(text)) return text;
+  std::u32string result = decomposed(text, /*foldCase=*/false);
+  compose(result);
+  return result;
+}
+
+std::string foldText(std::string_view text, Folding folding) {
+  FoldedText folded;
+  folded.assign(text, folding, /*wordRules=*/false);
+  return std::string(folded.bytes());
+}
+
+std::string foldText(std::u32string_view text, Folding folding) {
+  std::string utf8;
+  utf8.reserve(text.size());
+  for (const char32_t c : text) appendUtf8(c, utf8);
+  return foldText(utf8, folding);
+}
+
+void FoldedText::assign(std::string_view text, Folding folding, bool wordRules) {
+  original_ = text;
+  ascii_ = isAscii(text);
+  if (ascii_) {
+    assignAscii(folding);
+  } else {
+    assignCharacters(folding, wordRules);
+  }
+}
+
+void FoldedText::assignAscii(Folding folding) {
+  bytes_ = original_;
+  if (!folding.foldCase) return;
+  buffer_.resize(original_.size());
+  std::transform(original_.begin(), original_.end(), buffer_.begin(), asciiLower);
+  bytes_ = buffer_;
+}
+
+void FoldedText::assignCharacters(Folding folding, bool wordRules) {
+  const std::u32string text = composed(decode(original_));
+  buffer_.clear();
+  flags_.clear();
+  flags_.reserve(original_.size() + 1);
+  const auto mark = [&](unsigned flags) {
+    flags_.resize(buffer_.size() + 1);
+    flags_.back() = static_cast<std::uint8_t>(flags);
+  };
+  char32_t left = ' ';
+  for (std::size_t begin = 0; begin < text.size();) {
+    const std::size_t end = characterEnd(text, begin);
+    const char32_t base = text[begin];
+    unsigned flags = kEdge;
+    if (wordRules && query::isWordCharacter(base)) flags |= kWordCharacter;
+    if (wordRules && isWordBoundary(left, base)) flags |= kBoundary;
+    mark(flags);
+    appendFolded(std::u32string_view(text).substr(begin, end - begin), folding, buffer_);
+    left = base;
+    begin = end;
+  }
+  mark(kEdge | kBoundary);
+  bytes_ = buffer_;
+}
+
+std::size_t FoldedText::next(std::size_t position) const {
+  do {
+    ++position;
+  } while (!isEdge(position));
+  return position;
+}
+
+std::size_t FoldedText::previous(std::size_t position) const {
+  do {
+    --position;
+  } while (!isEdge(position));
+  return position;
+}
+
+bool FoldedText::isWordCharacter(std::size_t position) const {
+  if (!ascii_) return (flags_[position] & kWordCharacter) != 0;
+  return position < original_.size() &&
+         query::isWordCharacter(static_cast<unsigned char>(original_[position]));
+}
+
+bool FoldedText::isBoundary(std::size_t position) const {
+  if (!ascii_) return (flags_[position] & kBoundary) != 0;
+  if (position == 0 || position == original_.size()) return true;
+  return isWordBoundary(static_cast<unsigned char>(original_[position - 1]),
+                        static_cast<unsigned char>(original_[position]));
+}
+
+}  // namespace thmp::query
