@@ -15,6 +15,11 @@ std::string entryPath(const std::string& directory, const std::string& name) {
   return directory + (directory.ends_with('/') ? "" : "/") + name;
 }
 
+std::string lastComponent(std::string path) {
+  while (path.size() > 1 && path.ends_with('/')) path.pop_back();
+  return path == "/" ? path : path.substr(path.rfind('/') + 1);
+}
+
 }  // namespace
 
 class InMemoryFileSystem::Prepared : public PreparedFile {
@@ -276,7 +281,7 @@ std::string InMemoryFileSystem::displayName(const std::string& path) {
   perform(FileOperation::kDisplayName, path, nullptr, [](FileTree&) { return 0; });
   const Lock lock(mutex_);
   const auto known = displayNames_.find(path);
-  return known != displayNames_.end() ? known->second : path.substr(path.rfind('/') + 1);
+  return known != displayNames_.end() ? known->second : lastComponent(path);
 }
 
 std::string InMemoryFileSystem::applicationSupportDirectory() {

@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <set>
+#include <thread>
+
+#include "base/mutex.h"
+#include "tests/contract/fixtures.h"
+
+namespace thmp {
+namespace {
+
+class IdentityContract : public contract::ContractTest<contract::IdentityFixture,
+                                                       &contract::Implementation::identity> {
+ protected:
+  Identity& identity() { return fixture().identity(); }
+};
+
+THMP_RUN_CONTRACT(IdentityContract);
+
+TEST_P(IdentityContract, CurrentUserIsFoundByNameToo) {
+  const auto user = identity().currentUser();
+  if (!user) GTEST_SKIP() << "the user database has no record of this user";
+
+  const auto byName = identity().userByName(user->name);
+  ASSERT_TRUE(byName);
+  EXPECT_EQ(byName->name, user->name);
+  EXPECT_EQ(byName->home, user->home);
+}
+
+TEST_P(IdentityContract, UnknownNamesHaveNoRecord) {
+  EXPECT_FALSE(identity().userByName("no such user here"));
+  EXPECT_FALSE(identity().userByName(""));
+  EXPECT_FALSE(identity().userByName(std::string("root\0x", 6)));
+}
+
+TEST_P(IdentityContract, ProcessHomeIsAnAbsolutePath) {
+  EXPECT_TRUE(identity().processHome().starts_with('/')) << identity().processHome();
+}
+
+TEST_P(IdentityContract, SandboxIsAnsweredTheSameTwice) {
+  EXPECT_EQ(identity().hostSandboxed(), identity().hostSandboxed());
+}
+
+TEST_P(IdentityContract, UniqueStringsAreLettersDigitsAndHyphensOnly) {
+  const std::string text = identity().globallyUniqueString();
+
+  EXPECT_FALSE(text.empty());
+  EXPECT_EQ(text.find_first_not_of("0123456789-"
+                                   "abcdefghijklmnopqrstuvwxyz"
+                                   "ABCDEFGHIJKLMNOPQRSTUVWXYZ"),
+            std::string::npos)
+      << text;
+}
+
+TEST_P(IdentityContract, NoThreadGetsAUniqueStringOfAnother) {
+  Mutex mutex;
+  std::set<std::string> all;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&] {
+      for (int j = 0; j < 250; ++j) {
+        std::string text = identity().globallyUniqueString();
+        const Lock lock(mutex);
+        all.insert(std::move(text));
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+
+  EXPECT_EQ(all.size(), 1000U);
+}
+
+}  // namespace
+}  // namespace thmp
