@@ -344,23 +344,14 @@ const LogArg* Interpreter::takeArgument(std::optional<std::size_t> position) {
 }
 
 void Interpreter::format(const Directive& directive, const LogArg* argument) {
-  static const LogArg& zero = *new LogArg(0);
-  static const LogArg& zeroReal = *new LogArg(0.0);
-  switch (directive.conversion) {
-    case '@':
-    case 's':
-      return formatObject(directive, argument);
-    case 'f':
-    case 'g':
-    case 'e':
-      if (formatReal(directive, argument == nullptr ? zeroReal : *argument)) return;
-      break;
-    case 'c':
-      if (formatCharacter(directive, argument == nullptr ? zero : *argument)) return;
-      break;
-    default:
-      if (formatInteger(directive, argument == nullptr ? zero : *argument)) return;
-  }
+  const bool real = isOneOf(directive.conversion, "fge");
+  const bool object = isOneOf(directive.conversion, "@s");
+  const LogArg zero = real ? LogArg(0.0) : LogArg(0);
+  if (argument == nullptr && !object) argument = &zero;
+  if (object) return formatObject(directive, argument);
+  if (real && formatReal(directive, *argument)) return;
+  if (directive.conversion == 'c' && formatCharacter(directive, *argument)) return;
+  if (isOneOf(directive.conversion, "diuxXop") && formatInteger(directive, *argument)) return;
   // An argument of another kind shows in its own form; a precision means nothing to it.
   Directive natural = directive;
   natural.precision.reset();
