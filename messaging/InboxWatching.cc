@@ -12,7 +12,7 @@
 #include "messaging/MessageClaims.h"
 #include "messaging/THMPCommunicationCenter.h"
 #include "messaging/log_line.h"
-#include "messaging/message_files.h"
+#include "messaging/message_names.h"
 
 namespace thmp {
 

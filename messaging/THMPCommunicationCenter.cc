@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "messaging/log_line.h"
-#include "messaging/message_files.h"
 #include "messaging/message_names.h"
 
 namespace thmp {

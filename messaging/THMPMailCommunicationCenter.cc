@@ -156,9 +156,7 @@ std::optional<Url> THMPMailCommunicationCenter::askUserForDataDirectoryAccess() 
     request.startingFolder = directory;
     const auto delegate = access_.sharedPanelDelegate();
     delegate->setPath(path);
-    request.shouldEnable = [delegate](const Url& entry) {
-      return delegate->panelShouldEnableURL(entry);
-    };
+    request.shouldEnable = [delegate](const Url& entry) { return delegate->panel(entry); };
     const FolderChooserAnswer answer = platform.application.chooseFolder(request);
     if (answer.response != ModalResponse::kOk || answer.folder.empty()) return std::nullopt;
     if (paths.thmp_hasPathPrefix(path, answer.folder.path())) return answer.folder;

@@ -32,8 +32,8 @@ bool equalIgnoringCase(std::string_view a, std::string_view b) {
 
 }  // namespace
 
-bool THMPOpenPanelDelegate::panelShouldEnableURL(const Url& url) const {
-  return url.isFile() && equalIgnoringCase(url.path(), path_);
+bool THMPOpenPanelDelegate::panel(const Url& shouldEnableURL) const {
+  return shouldEnableURL.isFile() && equalIgnoringCase(shouldEnableURL.path(), path_);
 }
 
 }  // namespace thmp

@@ -21,8 +21,8 @@ class THMPOpenPanelDelegate {
 
   /// panel:shouldEnableURL:
   ///
-  /// True when `url` is a file URL and its path is path(), in letters of either case.
-  bool panelShouldEnableURL(const Url& url) const;
+  /// True when the URL is a file URL and its path is path(), in letters of either case.
+  bool panel(const Url& shouldEnableURL) const;
 
  private:
   std::string path_;

@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The vocabulary of the exchange: message names, the types of batch pasteboards, and the keys of
-// messages and batches. Both sides compare them byte for byte. Each name begins with one space,
-// which is part of it.
+// The vocabulary of the exchange: message names, the types of batch pasteboards, the keys of
+// messages and batches, and what message files and their folders are called. Both sides compare
+// names and keys byte for byte. Each message name begins with one space, which is part of it.
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 namespace thmp {
 
@@ -68,5 +71,20 @@ inline constexpr char kAttributesKey[] = "attributes";
 inline constexpr char kLibraryIDKey[] = "libraryID";
 inline constexpr char kPathKey[] = "kMDItemPath";
 inline constexpr char kIndexKey[] = "index";
+
+// Below the data folder: the mail side reads "in", its clients read "out".
+inline constexpr char kInboxName[] = "in";
+inline constexpr char kOutboxName[] = "out";
+
+inline constexpr std::string_view kMessageFileExtension = "plist";
+
+/// Whether `name` has the extension of message files, in letters of either case. A name that is
+/// only an extension (".plist") has none.
+constexpr bool isMessageFileName(std::string_view name) noexcept {
+  const std::size_t dot = name.rfind('.');
+  if (dot == std::string_view::npos || dot == 0) return false;
+  const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
+  return std::ranges::equal(name.substr(dot + 1), kMessageFileExtension, {}, lower);
+}
 
 }  // namespace thmp

@@ -107,6 +107,7 @@ int FileTree::read(const std::string& path, std::size_t maxBytes, std::string& b
 }
 
 int FileTree::makeFolders(const std::string& path) {
+  if (!path.starts_with('/')) return EINVAL;
   std::string so_far;
   Place parent{root_, "/", 0};
   for (const std::string& component : split(path)) {
