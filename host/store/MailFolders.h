@@ -6,8 +6,10 @@
 // are not followed. Any thread; nothing is kept between calls.
 #pragma once
 
+#include <compare>
 #include <cstddef>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/result.h"
@@ -36,12 +38,18 @@ struct UnreadablePath {
   friend auto operator<=>(const UnreadablePath&, const UnreadablePath&) = default;
 };
 
+/// A folder whose entries make mailboxes and messages come and go.
+struct WalkedFolder {
+  std::string path;
+  /// The mailbox whose message files stand in it; empty when there is none.
+  std::string mailbox;
+};
+
 struct MailTree {
   /// In the order of their paths.
   std::vector<MailFolder> mailboxes;
-  /// Every folder walked, those of the mailboxes included, whose entries make mailboxes and
-  /// messages come and go.
-  std::vector<std::string> folders;
+  /// Every folder walked.
+  std::vector<WalkedFolder> folders;
   /// Folders whose content is not known now; their paths as they are.
   std::vector<UnreadablePath> unreadable;
   /// Folders left out because their paths are not UTF-8.
@@ -56,7 +64,7 @@ struct MessageEntry {
   /// What the message is known by: of a Maildir file the name before ":2,", of an .emlx file the
   /// name without ".partial".
   std::string name;
-  /// The folder below the mailbox: "cur", "new", or empty for the mailbox itself.
+  /// The folder below the mailbox, such as "cur" or "new"; empty for the mailbox itself.
   std::string part;
   /// The file's whole name now.
   std::string file;
@@ -64,8 +72,11 @@ struct MessageEntry {
   friend auto operator<=>(const MessageEntry&, const MessageEntry&) = default;
 };
 
+/// The format of a message file in a mailbox of this format.
+MessageFormat messageFormat(MessageFormat mailbox, std::string_view file);
+
 struct MailboxListing {
-  /// In the order of their names; a folder that changes meanwhile may make one name stand twice.
+  /// In order; one name may stand twice, with two files or because the folder changed meanwhile.
   std::vector<MessageEntry> entries;
   std::vector<UnreadablePath> failed;
   /// The folders did not change while they were listed, so that no entry can have been missed.

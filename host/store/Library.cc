@@ -1,0 +1,300 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/store/Library.h"
+
+#include <sys/stat.h>
+
+#include <unordered_map>
+#include <utility>
+
+#include "base/mutex.h"
+#include "host/store/sqlite_connection.h"
+
+namespace thmp {
+
+namespace {
+
+constexpr std::int64_t kSchemaVersion = 1;
+
+constexpr const char* kSchema = R"(
+  CREATE TABLE mailboxes(
+    id INTEGER PRIMARY KEY AUTOINCREMENT,
+    root TEXT NOT NULL,
+    path TEXT NOT NULL UNIQUE,
+    format INTEGER NOT NULL,
+    identifier TEXT NOT NULL);
+  CREATE TABLE messages(
+    rowid INTEGER PRIMARY KEY AUTOINCREMENT,
+    mailbox INTEGER NOT NULL REFERENCES mailboxes(id),
+    name TEXT NOT NULL,
+    part TEXT NOT NULL,
+    file TEXT NOT NULL,
+    UNIQUE(mailbox, name));
+  PRAGMA user_version = 1;
+)";
+
+std::int64_t userVersion(Connection& connection) {
+  Statement version = connection.prepare("PRAGMA user_version");
+  return version.row() ? version.integer(0) : -1;
+}
+
+bool fileExists(const std::string& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0;
+}
+
+Result<void> prepareSchema(Connection& connection) {
+  connection.execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL;");
+  const std::int64_t version = userVersion(connection);
+  if (version == kSchemaVersion) return {};
+  if (version < 0) return connection.error("cannot read the mail library");
+  if (version != 0) {
+    Error error;
+    error.domain = kSqliteErrorDomain;
+    error.code = SQLITE_MISMATCH;
+    error.description = "the mail library is of a newer version than this program";
+    return error;
+  }
+  Transaction transaction(connection);
+  if (!transaction.begun() || !connection.execute(kSchema) || !transaction.commit()) {
+    return connection.error("cannot make the mail library");
+  }
+  return {};
+}
+
+MailFolder folderOf(const Statement& row) {
+  MailFolder folder;
+  folder.root = row.bytes(1);
+  folder.path = row.bytes(2);
+  folder.format = static_cast<MessageFormat>(row.integer(3));
+  folder.identifier = row.bytes(4);
+  return folder;
+}
+
+}  // namespace
+
+struct Library::State {
+  explicit State(const std::string& path) : readers(path) {}
+
+  mutable ReadPool readers;
+  Mutex writing;
+  std::unique_ptr<Connection> writer THMP_GUARDED_BY(writing);
+  // A mailbox keeps its path for ever.
+  Mutex known;
+  std::unordered_map<std::int64_t, MailFolder> folders THMP_GUARDED_BY(known);
+
+  std::optional<MailFolder> folder(Connection& connection, std::int64_t mailbox) {
+    const Lock lock(known);
+    const auto found = folders.find(mailbox);
+    if (found != folders.end()) return found->second;
+    Statement& row = connection.statement(
+        "SELECT id, root, path, format, identifier FROM mailboxes WHERE id = ?");
+    if (!row.bind(1, mailbox).row()) return std::nullopt;
+    MailFolder folder = folderOf(row);
+    row.reset();
+    folders.emplace(mailbox, folder);
+    return folder;
+  }
+};
+
+Library::Library(std::unique_ptr<State> state) : state_(std::move(state)) {}
+Library::~Library() = default;
+
+Result<std::unique_ptr<Library>> Library::open(const std::string& path, Access access) {
+  auto state = std::make_unique<State>(path);
+  if (access == Access::kReadWrite) {
+    Error error;
+    if (!makeParentFolders(path, &error)) return error;
+    auto opened = Connection::open(path, Connection::Mode::kReadWrite);
+    if (!opened) return opened.error();
+    const auto prepared = prepareSchema(**opened);
+    if (!prepared) return prepared.error();
+    const Lock lock(state->writing);
+    state->writer = std::move(*opened);
+  } else {
+    const auto reader = state->readers.borrow();
+    if (!reader || userVersion(*reader) != kSchemaVersion) {
+      return Error::posix(ENOENT, "no mail library at " + path);
+    }
+  }
+  return std::unique_ptr<Library>(new Library(std::move(state)));
+}
+
+bool Library::performRead(const std::function<bool(sqlite3*)>& block) const {
+  const auto reader = state_->readers.borrow();
+  return reader && block(reader->handle());
+}
+
+std::string Library::dataPath(std::int64_t id, std::int64_t mailbox, int type) const {
+  const auto reader = state_->readers.borrow();
+  if (!reader) return {};
+  Statement& row = reader->statement("SELECT mailbox, part, file FROM messages WHERE rowid = ?");
+  if (!row.bind(1, id).row()) return {};
+  const std::string part(row.bytes(1));
+  const std::string file(row.bytes(2));
+  const bool ours = row.integer(0) == mailbox;
+  row.reset();
+  const int stored = file.ends_with(".partial.emlx") ? 1 : 0;
+  if (!ours || stored != type) return {};
+  const auto folder = state_->folder(*reader, mailbox);
+  return folder ? messagePath(folder->path, part, file) : std::string();
+}
+
+std::optional<std::string> Library::pathOfMessage(std::int64_t id) const {
+  std::optional<MailFolder> folder;
+  MessageEntry entry;
+  {
+    const auto reader = state_->readers.borrow();
+    if (!reader) return std::nullopt;
+    Statement& row =
+        reader->statement("SELECT mailbox, name, part, file FROM messages WHERE rowid = ?");
+    if (!row.bind(1, id).row()) return std::nullopt;
+    const std::int64_t mailbox = row.integer(0);
+    entry.name = row.bytes(1);
+    entry.part = row.bytes(2);
+    entry.file = row.bytes(3);
+    row.reset();
+    folder = state_->folder(*reader, mailbox);
+  }
+  if (!folder) return std::nullopt;
+  std::string path = messagePath(folder->path, entry.part, entry.file);
+  if (fileExists(path)) return path;
+  const auto listing = listMailbox(*folder);
+  if (!listing) return std::nullopt;
+  for (const MessageEntry& now : listing->entries) {
+    if (now.name == entry.name) return messagePath(folder->path, now.part, now.file);
+  }
+  return std::nullopt;
+}
+
+Result<std::vector<LibraryMailbox>> Library::mailboxes() const {
+  const auto reader = state_->readers.borrow();
+  if (!reader) return Error::posix(EIO, "cannot read the mail library");
+  Statement& row =
+      reader->statement("SELECT id, root, path, format, identifier FROM mailboxes ORDER BY path");
+  std::vector<LibraryMailbox> all;
+  while (row.row()) all.push_back({row.integer(0), folderOf(row)});
+  if (row.result() != SQLITE_DONE) return reader->error("cannot read the mail library");
+  return all;
+}
+
+Result<std::vector<LibraryMessage>> Library::messages(std::int64_t mailbox) const {
+  const auto reader = state_->readers.borrow();
+  if (!reader) return Error::posix(EIO, "cannot read the mail library");
+  Statement& row = reader->statement(
+      "SELECT rowid, name, part, file FROM messages WHERE mailbox = ? ORDER BY name");
+  row.bind(1, mailbox);
+  std::vector<LibraryMessage> all;
+  while (row.row()) {
+    all.push_back(
+        {row.integer(0),
+         {std::string(row.bytes(1)), std::string(row.bytes(2)), std::string(row.bytes(3))}});
+  }
+  if (row.result() != SQLITE_DONE) return reader->error("cannot read the mail library");
+  return all;
+}
+
+Result<std::uint64_t> Library::messageCount() const {
+  const auto reader = state_->readers.borrow();
+  if (!reader) return Error::posix(EIO, "cannot read the mail library");
+  Statement& row = reader->statement("SELECT count(*) FROM messages");
+  if (!row.row()) return reader->error("cannot read the mail library");
+  const auto count = static_cast<std::uint64_t>(row.integer(0));
+  row.reset();
+  return count;
+}
+
+Result<std::vector<std::string>> Library::roots() const {
+  const auto reader = state_->readers.borrow();
+  if (!reader) return Error::posix(EIO, "cannot read the mail library");
+  Statement& row = reader->statement("SELECT DISTINCT root FROM mailboxes ORDER BY root");
+  std::vector<std::string> all;
+  while (row.row()) all.emplace_back(row.bytes(0));
+  if (row.result() != SQLITE_DONE) return reader->error("cannot read the mail library");
+  return all;
+}
+
+std::vector<std::int64_t> Library::unreachableMailboxes() const {
+  std::vector<std::int64_t> unreachable;
+  const auto all = mailboxes();
+  if (!all) return unreachable;
+  std::unordered_map<std::string, bool> readable;
+  for (const LibraryMailbox& mailbox : *all) {
+    const auto [root, isNew] = readable.try_emplace(mailbox.folder.root, false);
+    if (isNew) root->second = isReadableFolder(root->first);
+    if (!root->second) unreachable.push_back(mailbox.id);
+  }
+  return unreachable;
+}
+
+Result<std::int64_t> Library::addMailbox(const MailFolder& folder) {
+  const Lock lock(state_->writing);
+  if (!state_->writer) return Error::posix(EROFS, "the mail library is open for reading only");
+  Connection& writer = *state_->writer;
+  Statement& upsert = writer.statement(
+      "INSERT INTO mailboxes(root, path, format, identifier) VALUES(?, ?, ?, ?) "
+      "ON CONFLICT(path) DO UPDATE SET root = excluded.root, format = excluded.format, "
+      "identifier = excluded.identifier RETURNING id");
+  upsert.bind(1, folder.root).bind(2, folder.path);
+  upsert.bind(3, static_cast<std::int64_t>(folder.format)).bind(4, folder.identifier);
+  if (!upsert.row()) return writer.error("cannot write the mail library");
+  const std::int64_t id = upsert.integer(0);
+  if (!upsert.run()) return writer.error("cannot write the mail library");
+  const Lock knownLock(state_->known);
+  state_->folders[id] = folder;
+  return id;
+}
+
+Result<std::vector<std::int64_t>> Library::removeMailbox(std::int64_t mailbox) {
+  const Lock lock(state_->writing);
+  if (!state_->writer) return Error::posix(EROFS, "the mail library is open for reading only");
+  Connection& writer = *state_->writer;
+  Transaction transaction(writer);
+  std::vector<std::int64_t> ids;
+  Statement& messages = writer.statement("DELETE FROM messages WHERE mailbox = ? RETURNING rowid");
+  messages.bind(1, mailbox);
+  while (messages.row()) ids.push_back(messages.integer(0));
+  const bool removed =
+      transaction.begun() && messages.result() == SQLITE_DONE &&
+      writer.statement("DELETE FROM mailboxes WHERE id = ?").bind(1, mailbox).run();
+  if (!removed || !transaction.commit()) return writer.error("cannot write the mail library");
+  const Lock knownLock(state_->known);
+  state_->folders.erase(mailbox);
+  return ids;
+}
+
+Result<std::vector<std::int64_t>> Library::apply(std::int64_t mailbox,
+                                                 const LibraryChanges& changes) {
+  const Lock lock(state_->writing);
+  if (!state_->writer) return Error::posix(EROFS, "the mail library is open for reading only");
+  Connection& writer = *state_->writer;
+  Transaction transaction(writer);
+  bool written = transaction.begun();
+  std::vector<std::int64_t> ids;
+  for (const std::int64_t id : changes.removed) {
+    written = written && writer.statement("DELETE FROM messages WHERE rowid = ? AND mailbox = ?")
+                             .bind(1, id)
+                             .bind(2, mailbox)
+                             .run();
+  }
+  for (const LibraryMessage& moved : changes.moved) {
+    written = written && writer.statement("UPDATE messages SET part = ?, file = ? WHERE rowid = ?")
+                             .bind(1, moved.entry.part)
+                             .bind(2, moved.entry.file)
+                             .bind(3, moved.id)
+                             .run();
+  }
+  for (const MessageEntry& added : changes.added) {
+    written = written &&
+              writer.statement("INSERT INTO messages(mailbox, name, part, file) VALUES(?, ?, ?, ?)")
+                  .bind(1, mailbox)
+                  .bind(2, added.name)
+                  .bind(3, added.part)
+                  .bind(4, added.file)
+                  .run();
+    ids.push_back(sqlite3_last_insert_rowid(writer.handle()));
+  }
+  if (!written || !transaction.commit()) return writer.error("cannot write the mail library");
+  return ids;
+}
+
+}  // namespace thmp

@@ -1,0 +1,211 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/store/header_text.h"
+
+#include <algorithm>
+#include <array>
+
+#include "host/store/encoded_words.h"
+#include "host/store/gmime_use.h"
+
+namespace thmp {
+
+namespace {
+
+char lower(char c) noexcept { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+
+bool isAscii(std::string_view text) noexcept {
+  return std::all_of(text.begin(), text.end(),
+                     [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
+bool isUtf8(std::string_view text) noexcept {
+  return g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) != FALSE;
+}
+
+void appendCharacter(std::string& out, char32_t character) {
+  std::array<char, 6> bytes{};
+  const int length = g_unichar_to_utf8(character, bytes.data());
+  out.append(bytes.data(), static_cast<std::size_t>(length));
+}
+
+// The characters of Windows-1252 from 0x80 to 0x9F.
+constexpr std::array<char16_t, 32> kWindows1252 = {
+    0x20AC, 0xFFFD, 0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021, 0x02C6, 0x2030, 0x0160,
+    0x2039, 0x0152, 0xFFFD, 0x017D, 0xFFFD, 0xFFFD, 0x2018, 0x2019, 0x201C, 0x201D, 0x2022,
+    0x2013, 0x2014, 0x02DC, 0x2122, 0x0161, 0x203A, 0x0153, 0xFFFD, 0x017E, 0x0178};
+
+bool isFieldName(std::string_view name) noexcept {
+  return !name.empty() &&
+         std::all_of(name.begin(), name.end(), [](char c) { return c > ' ' && c < 0x7F; });
+}
+
+// Takes comments out of an address field; an unclosed one stays as it is.
+std::string withoutComments(std::string_view text) {
+  if (text.find('(') == std::string_view::npos) return std::string(text);
+  std::string out;
+  bool quoted = false;
+  std::size_t depth = 0;
+  std::size_t opened = 0;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c == '\\' && i + 1 < text.size()) {
+      if (depth == 0) out.append(text.substr(i, 2));
+      ++i;
+      continue;
+    }
+    if (depth == 0 && c == '"') quoted = !quoted;
+    if (!quoted && c == '(') {
+      if (depth++ == 0) opened = i;
+    } else if (depth > 0 && c == ')') {
+      if (--depth == 0) out.push_back(' ');
+    } else if (depth == 0) {
+      out.push_back(c);
+    }
+  }
+  if (depth > 0) out.append(text.substr(opened));
+  return out;
+}
+
+void collectAddresses(InternetAddressList* list, const EncodedWordMask& words,
+                      std::vector<MailAddress>& out) {
+  const int count = internet_address_list_length(list);
+  for (int i = 0; i < count; ++i) {
+    InternetAddress* item = internet_address_list_get_address(list, i);
+    if (INTERNET_ADDRESS_IS_GROUP(item)) {
+      InternetAddressList* members =
+          internet_address_group_get_members(INTERNET_ADDRESS_GROUP(item));
+      if (members != nullptr) collectAddresses(members, words, out);
+      continue;
+    }
+    const char* address = internet_address_mailbox_get_addr(INTERNET_ADDRESS_MAILBOX(item));
+    if (address == nullptr || *address == '\0') continue;
+    const char* name = internet_address_get_name(item);
+    MailAddress entry;
+    entry.address = collapseWhiteSpace(cleanUtf8(words.unmask(address)));
+    if (name != nullptr) entry.name = collapseWhiteSpace(cleanUtf8(words.unmask(name)));
+    if (entry.name.empty()) entry.name = entry.address;
+    if (!entry.address.empty()) out.push_back(std::move(entry));
+  }
+}
+
+}  // namespace
+
+std::vector<RawHeader> splitHeaders(std::string_view bytes) {
+  std::vector<RawHeader> headers;
+  bool inField = false;
+  std::size_t at = 0;
+  while (at < bytes.size()) {
+    const std::size_t newline = bytes.find('\n', at);
+    const std::size_t end = newline == std::string_view::npos ? bytes.size() : newline;
+    const std::string_view line = bytes.substr(at, end - at);
+    if (line.empty() || line == "\r") break;
+    if (line[0] == ' ' || line[0] == '\t') {
+      if (inField) {
+        std::string_view& value = headers.back().value;
+        value = std::string_view(
+            value.data(), static_cast<std::size_t>(line.data() + line.size() - value.data()));
+      }
+    } else {
+      const std::size_t colon = line.find(':');
+      std::string_view name = line.substr(0, colon == std::string_view::npos ? 0 : colon);
+      while (!name.empty() && (name.back() == ' ' || name.back() == '\t')) name.remove_suffix(1);
+      inField = isFieldName(name);
+      if (inField) headers.push_back({name, line.substr(colon + 1)});
+    }
+    at = end + 1;
+  }
+  return headers;
+}
+
+bool startsIgnoringCase(std::string_view text, std::string_view prefix) noexcept {
+  return text.size() >= prefix.size() && equalsIgnoringCase(text.substr(0, prefix.size()), prefix);
+}
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b) noexcept {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(),
+                                            [](char x, char y) { return lower(x) == lower(y); });
+}
+
+std::string cleanUtf8(std::string_view bytes) {
+  if (isAscii(bytes) || isUtf8(bytes)) return std::string(bytes);
+  const GText valid(g_utf8_make_valid(bytes.data(), static_cast<gssize>(bytes.size())));
+  return std::string(valid.get());
+}
+
+std::string toUtf8(std::string_view bytes) {
+  if (isAscii(bytes) || isUtf8(bytes)) return std::string(bytes);
+  std::string out;
+  out.reserve(bytes.size() * 2);
+  for (const char c : bytes) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x80) {
+      out.push_back(c);
+    } else {
+      appendCharacter(out, byte < 0xA0 ? kWindows1252[byte - 0x80U] : byte);
+    }
+  }
+  return out;
+}
+
+std::string collapseWhiteSpace(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  bool pending = false;
+  const auto add = [&](std::string_view character) {
+    if (pending && !out.empty()) out.push_back(' ');
+    pending = false;
+    out.append(character);
+  };
+  for (std::size_t i = 0; i < text.size();) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    if (byte < 0x80) {
+      if (byte == ' ' || (byte >= 0x09 && byte <= 0x0D)) {
+        pending = true;
+      } else {
+        add(text.substr(i, 1));
+      }
+      ++i;
+      continue;
+    }
+    const auto length =
+        std::min<std::size_t>(static_cast<std::size_t>(g_utf8_skip[byte]), text.size() - i);
+    const gunichar character =
+        g_utf8_get_char_validated(text.data() + i, static_cast<gssize>(length));
+    const bool space = character < 0x11'0000 && (g_unichar_isspace(character) || character == 0x85);
+    if (space) {
+      pending = true;
+    } else {
+      add(text.substr(i, length));
+    }
+    i += length;
+  }
+  return out;
+}
+
+std::string decodeHeaderText(std::string_view raw) {
+  if (isAscii(raw) && raw.find("=?") == std::string_view::npos) return collapseWhiteSpace(raw);
+  const std::string unfolded = collapseWhiteSpace(toUtf8(raw));
+  return collapseWhiteSpace(decodeEncodedWords(unfolded));
+}
+
+std::vector<MailAddress> parseAddresses(std::string_view raw) {
+  std::vector<MailAddress> out;
+  const EncodedWordMask words(withoutComments(collapseWhiteSpace(toUtf8(raw))));
+  const GObjectPtr<InternetAddressList> list(
+      internet_address_list_parse(mimeOptions(), words.masked().c_str()));
+  if (list) collectAddresses(list.get(), words, out);
+  return out;
+}
+
+std::optional<std::int64_t> parseMailDate(std::string_view text) {
+  const std::string terminated = collapseWhiteSpace(text);
+  if (terminated.empty()) return std::nullopt;
+  GDateTime* date = g_mime_utils_header_decode_date(terminated.c_str());
+  if (date == nullptr) return std::nullopt;
+  const std::int64_t seconds = g_date_time_to_unix(date);
+  g_date_time_unref(date);
+  if (!isDateInRange(seconds)) return std::nullopt;
+  return seconds;
+}
+
+}  // namespace thmp

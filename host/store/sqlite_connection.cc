@@ -1,0 +1,190 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/store/sqlite_connection.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace thmp {
+
+namespace {
+
+constexpr int kBusyMilliseconds = 10'000;
+constexpr std::size_t kMostIdle = 8;
+
+// SQLite would give the file the umask's mode, and its companions the file's.
+void makePrivateFile(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (fd >= 0) ::close(fd);
+}
+
+}  // namespace
+
+Statement::Statement(Statement&& other) noexcept
+    : statement_(std::exchange(other.statement_, nullptr)), result_(other.result_) {}
+
+Statement& Statement::bind(int place, std::int64_t number) {
+  sqlite3_bind_int64(statement_, place, number);
+  return *this;
+}
+
+Statement& Statement::bind(int place, std::string_view text) {
+  sqlite3_bind_text64(statement_, place, text.empty() ? "" : text.data(), text.size(),
+                      SQLITE_STATIC, SQLITE_UTF8);
+  return *this;
+}
+
+Statement& Statement::bindBlob(int place, std::string_view bytes) {
+  sqlite3_bind_blob64(statement_, place, bytes.empty() ? "" : bytes.data(), bytes.size(),
+                      SQLITE_STATIC);
+  return *this;
+}
+
+Statement& Statement::bindNull(int place) {
+  sqlite3_bind_null(statement_, place);
+  return *this;
+}
+
+bool Statement::row() {
+  result_ = statement_ == nullptr ? SQLITE_MISUSE : sqlite3_step(statement_);
+  if (result_ != SQLITE_ROW && statement_ != nullptr) sqlite3_reset(statement_);
+  return result_ == SQLITE_ROW;
+}
+
+bool Statement::run() {
+  while (row()) {
+  }
+  return result_ == SQLITE_DONE;
+}
+
+void Statement::reset() {
+  if (statement_ != nullptr) sqlite3_reset(statement_);
+}
+
+std::string_view Statement::bytes(int column) const {
+  const void* data = sqlite3_column_blob(statement_, column);
+  const int size = sqlite3_column_bytes(statement_, column);
+  if (data == nullptr || size <= 0) return {};
+  return {static_cast<const char*>(data), static_cast<std::size_t>(size)};
+}
+
+Result<std::unique_ptr<Connection>> Connection::open(const std::string& path, Mode mode) {
+  const bool writes = mode == Mode::kReadWrite;
+  if (writes) makePrivateFile(path);
+  sqlite3* db = nullptr;
+  const int flags = SQLITE_OPEN_NOMUTEX |
+                    (writes ? SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE : SQLITE_OPEN_READONLY);
+  const int code = sqlite3_open_v2(path.c_str(), &db, flags, nullptr);
+  auto connection = std::unique_ptr<Connection>(new Connection(db));
+  if (code != SQLITE_OK) return connection->error("cannot open " + path);
+  sqlite3_extended_result_codes(db, 1);
+  sqlite3_busy_timeout(db, kBusyMilliseconds);
+  if (!writes) connection->execute("PRAGMA query_only = 1; PRAGMA mmap_size = 268435456");
+  return connection;
+}
+
+Connection::~Connection() {
+  statements_.clear();
+  sqlite3_close_v2(db_);
+}
+
+bool Connection::execute(const char* sql) {
+  return sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+Statement Connection::prepare(const char* sql) {
+  sqlite3_stmt* statement = nullptr;
+  sqlite3_prepare_v2(db_, sql, -1, &statement, nullptr);
+  return Statement(statement);
+}
+
+Statement& Connection::statement(const char* sql) {
+  std::unique_ptr<Statement>& kept = statements_[sql];
+  if (!kept) kept = std::make_unique<Statement>(prepare(sql));
+  kept->reset();
+  return *kept;
+}
+
+Error Connection::error(std::string_view what) const {
+  Error error;
+  error.domain = kSqliteErrorDomain;
+  error.code = db_ == nullptr ? SQLITE_NOMEM : sqlite3_extended_errcode(db_);
+  error.description =
+      std::string(what) + ": " + (db_ == nullptr ? "out of memory" : sqlite3_errmsg(db_));
+  return error;
+}
+
+Transaction::Transaction(Connection& connection)
+    : connection_(connection), open_(connection.execute("BEGIN IMMEDIATE")) {}
+
+Transaction::~Transaction() {
+  if (open_) connection_.execute("ROLLBACK");
+}
+
+bool Transaction::commit() {
+  if (!open_ || !connection_.execute("COMMIT")) return false;
+  open_ = false;
+  return true;
+}
+
+ReadPool::Lease::Lease(ReadPool* pool, std::unique_ptr<Connection> connection)
+    : pool_(pool), connection_(std::move(connection)) {}
+
+ReadPool::Lease::~Lease() {
+  if (connection_) pool_->giveBack(std::move(connection_));
+}
+
+ReadPool::Lease ReadPool::borrow() {
+  {
+    const Lock lock(mutex_);
+    while (closed_) changed_.wait(mutex_);
+    ++lent_;
+    if (!idle_.empty()) {
+      auto connection = std::move(idle_.back());
+      idle_.pop_back();
+      return Lease(this, std::move(connection));
+    }
+  }
+  auto opened = Connection::open(path_, Connection::Mode::kReadOnly);
+  if (opened) return Lease(this, std::move(*opened));
+  giveBack(nullptr);
+  return Lease(this, nullptr);
+}
+
+void ReadPool::giveBack(std::unique_ptr<Connection> connection) {
+  const Lock lock(mutex_);
+  --lent_;
+  if (connection && idle_.size() < kMostIdle) idle_.push_back(std::move(connection));
+  changed_.notify_all();
+}
+
+void ReadPool::close() {
+  const Lock lock(mutex_);
+  closed_ = true;
+  while (lent_ > 0) changed_.wait(mutex_);
+  idle_.clear();
+}
+
+void ReadPool::reopen() {
+  const Lock lock(mutex_);
+  closed_ = false;
+  changed_.notify_all();
+}
+
+bool makeParentFolders(const std::string& path, Error* error) {
+  for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
+       slash = path.find('/', slash + 1)) {
+    const std::string folder = path.substr(0, slash);
+    if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
+      const int why = errno;
+      struct stat status {};
+      if (::stat(folder.c_str(), &status) == 0) continue;
+      return fail(error, Error::posix(why, "cannot make the folder " + folder));
+    }
+  }
+  return true;
+}
+
+}  // namespace thmp
