@@ -201,12 +201,9 @@ TEST_P(ExecutionContract, ClosureDestroyedUnrunMayPostAgain) {
   EXPECT_EQ(destroyed, 1);
 }
 
-TEST_P(ExecutionContract, TimeOfDayIsInThisCenturyAndDoesNotRunBack) {
-  const Date before = execution().now();
-  const Date after = execution().now();
-
-  EXPECT_GT(before.secondsSinceReference, 0);
-  EXPECT_LE(before, after);
+TEST_P(ExecutionContract, TimeOfDayIsInThisCentury) {
+  EXPECT_GT(execution().now().secondsSinceReference, 0);
+  EXPECT_LT(execution().now(), *Date::fromIso8601("2100-01-01T00:00:00Z"));
 }
 
 }  // namespace

@@ -114,6 +114,7 @@ class ApplicationFixture {
   virtual Application& application() = 0;
   virtual Scene& scene() = 0;
   // Each returns once all observers have been called.
+  /// Once for each fixture.
   virtual void sendWillTerminate() = 0;
   virtual void sendDidBecomeActive() = 0;
   virtual void sendApplicationTerminated(const std::string& bundleIdentifier) = 0;
@@ -127,7 +128,7 @@ class LogFixture {
   virtual std::vector<std::string> lines() = 0;
 };
 
-/// One implementation. A null fixture: it has nothing of that kind to test.
+/// One implementation: its name, and what makes its fixtures.
 struct Implementation {
   std::string name;
   std::function<std::unique_ptr<FilesFixture>()> files;
