@@ -55,7 +55,7 @@ int search(SearchOptions options, const CommonOptions& common) {
     fmt::print(stderr, "tallyhive-mail: {}\n", exchange.error().description);
     return kExitNoPlugin;
   }
-  const PasteboardReader pasteboards(folders);
+  const PasteboardReader pasteboards(folders.cache);
   console::StandardOutput standardOutput(common.color);
   const OutputForm form = options.json    ? OutputForm::kJson
                           : options.paths ? OutputForm::kPaths

@@ -1,0 +1,49 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Where the host keeps what is its own, and the one lock that says which process keeps it up to
+// date.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/result.h"
+#include "platform/linux/XdgFolders.h"
+#include "platform/preferences.h"
+
+namespace thmp {
+
+struct HostFolders {
+  explicit HostFolders(const XdgFolders& folders)
+      : library(folders.data + "/tallyhive-mailhost/library.sqlite"),
+        index(folders.cache + "/tallyhive-mailhost/index.sqlite"),
+        lock(folders.data + "/tallyhive-mailhost/host.lock") {}
+
+  std::string library;
+  std::string index;
+  std::string lock;
+};
+
+/// Held by the one process that writes library and index; given back when destroyed, and when the
+/// process ends however it does.
+class HostLock {
+ public:
+  /// An error says which process holds it and as what: "serve" or "index".
+  static Result<std::unique_ptr<HostLock>> take(const std::string& path,
+                                                const std::string& command);
+  ~HostLock();
+  HostLock(const HostLock&) = delete;
+  HostLock& operator=(const HostLock&) = delete;
+
+ private:
+  explicit HostLock(int descriptor) : descriptor_(descriptor) {}
+  const int descriptor_;
+};
+
+/// The mail folders to use: those given, made absolute, which are then remembered in the user
+/// defaults; without any the remembered ones. An error when one that is given is no folder.
+Result<std::vector<std::string>> chooseMailFolders(const std::vector<std::string>& given,
+                                                   Preferences& preferences);
+
+}  // namespace thmp

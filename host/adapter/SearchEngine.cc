@@ -1,0 +1,317 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/adapter/SearchEngine.h"
+
+#include <algorithm>
+#include <atomic>
+#include <optional>
+#include <span>
+#include <string_view>
+#include <unordered_set>
+#include <utility>
+
+#include "host/adapter/message_view.h"
+#include "host/query/evaluator.h"
+
+namespace thmp {
+namespace {
+
+// What is fetched when the caller gives no list.
+const std::vector<std::string>& defaultAttributes() {
+  static const std::vector<std::string> kNames = {"_kMDItemExternalID", "kMDItemDisplayName",
+                                                  "kMDItemContentType"};
+  return kNames;
+}
+
+}  // namespace
+
+Error searchError(SearchErrorCode code) {
+  const auto text = [code]() -> std::string {
+    switch (code) {
+      case SearchErrorCode::kIndexUnreachable:
+        return "The index is unreachable.";
+      case SearchErrorCode::kInvalidQuery:
+        return "The query is invalid.";
+      case SearchErrorCode::kCancelled:
+        return "The query was cancelled.";
+      case SearchErrorCode::kUnknown:
+        break;
+    }
+    return "An unknown error occurred.";
+  };
+  return Error{kSearchErrorDomain, static_cast<std::int64_t>(code), text(), nullptr};
+}
+
+// What outlives any one query: queries hold it, so that none needs the engine object itself.
+struct SearchEngine::Shared {
+  Shared(Index& index_, ThreadPool& pool_, SearchEngineOptions options_)
+      : index(index_), pool(pool_), options(std::move(options_)) {}
+
+  Index& index;
+  ThreadPool& pool;
+  const SearchEngineOptions options;
+  Mutex mutex;
+  std::vector<std::weak_ptr<Core>> live THMP_GUARDED_BY(mutex);
+};
+
+// The query as the strand runs it. Tasks hold it strongly; the caller's Query holds it, and its end
+// cancels it.
+class SearchEngine::Core : public std::enable_shared_from_this<Core> {
+ public:
+  Core(std::shared_ptr<Shared> shared, std::string text,
+       std::shared_ptr<const std::vector<std::string>> attributes)
+      : shared_(std::move(shared)),
+        text_(std::move(text)),
+        attributes_(std::move(attributes)),
+        strand_(std::make_shared<Strand>(shared_->pool)) {}
+
+  template <typename Handler>
+  void setHandler(std::shared_ptr<const Handler> Core::*slot,
+                  std::shared_ptr<const Handler> handler) {
+    // The old one is destroyed outside the lock: it may hold anything.
+    const Lock lock(mutex_);
+    std::swap(this->*slot, handler);
+  }
+
+  void setLive(bool live) {
+    const Lock lock(mutex_);
+    live_ = live;
+  }
+
+  void start() {
+    {
+      const Lock lock(mutex_);
+      if (std::exchange(started_, true)) return;
+      if (live_ && !cancelled_) joinLiveQueries();
+    }
+    strand_->post([self = shared_from_this()] { self->run(); });
+  }
+
+  void cancel() {
+    if (cancelled_.exchange(true)) return;
+    {
+      const Lock lock(mutex_);
+      if (!started_) return;  // a later start() tells it
+    }
+    strand_->post(
+        [self = shared_from_this()] { self->complete(searchError(SearchErrorCode::kCancelled)); });
+  }
+
+  bool isCancelled() const { return cancelled_; }
+  std::uint64_t foundItemCount() const { return found_; }
+
+  /// On any thread, after a commit of the index.
+  void indexChanged(std::shared_ptr<const IndexChange> change) {
+    strand_->post(
+        [self = shared_from_this(), change = std::move(change)] { self->follow(*change); });
+  }
+
+  std::shared_ptr<const SpotlightQuery::FoundItemsHandler> foundItems_;
+  std::shared_ptr<const SpotlightQuery::CompletionHandler> completion_;
+  std::shared_ptr<const SpotlightQuery::RemovedItemsHandler> removedItems_;
+  std::shared_ptr<const SpotlightQuery::GatherEndedHandler> gatherEnded_;
+
+ private:
+  void joinLiveQueries() {
+    const Lock lock(shared_->mutex);
+    std::erase_if(shared_->live, [](const std::weak_ptr<Core>& core) { return core.expired(); });
+    shared_->live.push_back(weak_from_this());
+  }
+
+  // Reads a handler at the moment of its call; null once the query is cancelled, unless it is the
+  // completion's own turn.
+  template <typename Handler>
+  std::shared_ptr<const Handler> handler(std::shared_ptr<const Handler> Core::*slot,
+                                         bool evenCancelled = false) {
+    const Lock lock(mutex_);
+    return cancelled_ && !evenCancelled ? nullptr : this->*slot;
+  }
+
+  void run() {
+    if (cancelled_) {
+      complete(searchError(SearchErrorCode::kCancelled));
+      return;
+    }
+    followed_ = [this] {
+      const Lock lock(mutex_);
+      return live_;
+    }();
+    query_ = query::parse(text_, shared_->options.queryOptions());
+    if (!query_) {
+      complete(searchError(SearchErrorCode::kInvalidQuery));
+      return;
+    }
+    if (!gather()) {
+      complete(searchError(SearchErrorCode::kIndexUnreachable));
+      return;
+    }
+    if (!followed_) {
+      complete(Error{});
+    } else if (const auto ended = handler(&Core::gatherEnded_)) {
+      (*ended)();
+    }
+  }
+
+  bool gather() {
+    std::vector<SpotlightItem> portion;
+    const Result<void> walked =
+        shared_->index.forEachDescending([&](const IndexedMessage& message) {
+          if (cancelled_) return false;
+          if (!matches(message)) return true;
+          matching_.insert(message.id());
+          portion.push_back(itemOf(message));
+          if (portion.size() == shared_->options.deliveryLimit) deliver(std::exchange(portion, {}));
+          return true;
+        });
+    deliver(std::move(portion));
+    return walked || cancelled_ || !shared_->options.indexUnreadable ||
+           shared_->options.indexUnreadable();
+  }
+
+  bool matches(const IndexedMessage& message) const {
+    return query::matches(*query_, IndexedMessageView(message));
+  }
+
+  SpotlightItem itemOf(const IndexedMessage& message) const {
+    SpotlightItem item;
+    item.identifier = std::to_string(message.id());
+    item.attributes = message.attributes(attributes_ ? *attributes_ : defaultAttributes());
+    return item;
+  }
+
+  void deliver(std::vector<SpotlightItem> items) {
+    if (items.empty()) return;
+    found_ += items.size();
+    if (const auto found = handler(&Core::foundItems_)) (*found)(items);
+  }
+
+  // Each list of a change tells which messages to look at; what they are now decides, so that late
+  // news do no harm.
+  void follow(const IndexChange& change) {
+    if (cancelled_ || completed_ || !query_) return;
+    std::vector<SpotlightItem> found;
+    Array removed;
+    const auto look = [&](std::int64_t id) {
+      const std::optional<IndexedMessage> message = shared_->index.get(id);
+      const bool matchesNow = message && matches(*message);
+      if (matchesNow && matching_.insert(id).second) {
+        found.push_back(itemOf(*message));
+      } else if (!matchesNow && matching_.erase(id) > 0) {
+        removed.push_back(Value(std::to_string(id)));
+      }
+    };
+    // Newest first, as in the gathering.
+    std::for_each(change.added.rbegin(), change.added.rend(), look);
+    std::for_each(change.changed.rbegin(), change.changed.rend(), look);
+    std::for_each(change.removed.rbegin(), change.removed.rend(), look);
+    for (std::size_t begin = 0; begin < found.size(); begin += shared_->options.deliveryLimit) {
+      const std::size_t end = std::min(begin + shared_->options.deliveryLimit, found.size());
+      const auto at = [&](std::size_t place) {
+        return std::make_move_iterator(found.begin() + static_cast<std::ptrdiff_t>(place));
+      };
+      deliver(std::vector<SpotlightItem>(at(begin), at(end)));
+    }
+    if (removed.empty()) return;
+    if (const auto handlerOfRemoved = handler(&Core::removedItems_)) {
+      (*handlerOfRemoved)("com.apple.mail", Value(removed));
+    }
+  }
+
+  // Once, whatever comes.
+  void complete(const Error& error) {
+    if (std::exchange(completed_, true)) return;
+    matching_.clear();
+    if (const auto completion = handler(&Core::completion_, /*evenCancelled=*/true))
+      (*completion)(error);
+  }
+
+  const std::shared_ptr<Shared> shared_;
+  const std::string text_;
+  const std::shared_ptr<const std::vector<std::string>> attributes_;
+  const std::shared_ptr<Strand> strand_;
+  std::atomic<bool> cancelled_{false};
+  std::atomic<std::uint64_t> found_{0};
+
+  // The handlers above, and:
+  Mutex mutex_;
+  bool started_ THMP_GUARDED_BY(mutex_) = false;
+  bool live_ THMP_GUARDED_BY(mutex_) = false;
+
+  // On the strand only.
+  std::optional<query::Query> query_;
+  bool followed_ = false;                      // live
+  std::unordered_set<std::int64_t> matching_;  // kept up to date while followed
+  bool completed_ = false;
+};
+
+class SearchEngine::Query : public SpotlightQuery {
+ public:
+  explicit Query(std::shared_ptr<Core> core) : core_(std::move(core)) {
+    setRemovedItemsHandler = [core = std::weak_ptr(core_)](auto handler) {
+      if (const auto alive = core.lock())
+        alive->setHandler(&Core::removedItems_, std::move(handler));
+    };
+    setGatherEndedHandler = [core = std::weak_ptr(core_)](auto handler) {
+      if (const auto alive = core.lock())
+        alive->setHandler(&Core::gatherEnded_, std::move(handler));
+    };
+    queryContext = [core = std::weak_ptr(core_)] {
+      auto context = std::make_shared<SpotlightQueryContext>();
+      context->setLive = [core](bool live) {
+        if (const auto alive = core.lock()) alive->setLive(live);
+      };
+      return context;
+    };
+  }
+  ~Query() override { core_->cancel(); }
+  Query(const Query&) = delete;
+  Query& operator=(const Query&) = delete;
+
+  void setFoundItemsHandler(std::shared_ptr<const FoundItemsHandler> handler) override {
+    core_->setHandler(&Core::foundItems_, std::move(handler));
+  }
+  void setCompletionHandler(std::shared_ptr<const CompletionHandler> handler) override {
+    core_->setHandler(&Core::completion_, std::move(handler));
+  }
+  void start() override { core_->start(); }
+  void cancel() override { core_->cancel(); }
+  bool isCancelled() const override { return core_->isCancelled(); }
+  std::uint64_t foundItemCount() const override { return core_->foundItemCount(); }
+
+ private:
+  const std::shared_ptr<Core> core_;
+};
+
+SearchEngine::SearchEngine(Index& index, ThreadPool& pool, SearchEngineOptions options)
+    : shared_(std::make_shared<Shared>(index, pool, std::move(options))) {
+  listener_ = index.addListener([shared = shared_](const IndexChange& change) {
+    const auto copy = std::make_shared<const IndexChange>(change);
+    std::vector<std::shared_ptr<Core>> live;
+    {
+      const Lock lock(shared->mutex);
+      for (const std::weak_ptr<Core>& core : shared->live) {
+        if (auto alive = core.lock(); alive && !alive->isCancelled())
+          live.push_back(std::move(alive));
+      }
+    }
+    for (const std::shared_ptr<Core>& core : live) core->indexChanged(copy);
+  });
+}
+
+SearchEngine::~SearchEngine() { shared_->index.removeListener(listener_); }
+
+std::shared_ptr<SpotlightQuery> SearchEngine::makeQuery(
+    const std::string& queryString, std::shared_ptr<const std::vector<std::string>> attributes) {
+  return std::make_shared<Query>(
+      std::make_shared<Core>(shared_, queryString, std::move(attributes)));
+}
+
+std::size_t SearchEngine::liveQueryCount() const {
+  const Lock lock(shared_->mutex);
+  return static_cast<std::size_t>(std::count_if(shared_->live.begin(), shared_->live.end(),
+                                                [](const std::weak_ptr<Core>& core) {
+                                                  const auto alive = core.lock();
+                                                  return alive && !alive->isCancelled();
+                                                }));
+}
+
+}  // namespace thmp

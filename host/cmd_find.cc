@@ -1,0 +1,118 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <fmt/format.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "console/found_messages.h"
+#include "console/terminal.h"
+#include "host/HostFolders.h"
+#include "host/adapter/message_view.h"
+#include "host/commands.h"
+#include "host/index/Index.h"
+#include "host/local_time.h"
+#include "host/query/evaluator.h"
+#include "host/query/parser.h"
+#include "host/store/Library.h"
+#include "messaging/message_names.h"
+
+namespace thmp {
+namespace {
+
+struct FindOptions {
+  std::string query;
+  bool json = false;
+  bool paths = false;
+  bool nulEnds = false;
+  console::ColorMode color = console::ColorMode::kAuto;
+};
+
+// The path as a search through the exchange finds it: the complete message, else a partial one,
+// else where it has gone.
+std::optional<std::string> pathOf(const Library& library, const IndexedMessage& message) {
+  for (const int type : {0, 1}) {
+    std::string path = library.dataPath(message.id(), message.mailbox(), type);
+    if (!path.empty() && ::access(path.c_str(), F_OK) == 0) return path;
+  }
+  return library.pathOfMessage(message.id());
+}
+
+Dictionary itemOf(const IndexedMessage& message, std::uint64_t number, const std::string& path) {
+  return {{kAttributesKey, message.attributes()},
+          {kLibraryIDKey, message.id()},
+          {kPathKey, path},
+          {kIndexKey, number}};
+}
+
+void printFound(const FindOptions& options, const Dictionary& item,
+                console::StandardOutput& output) {
+  if (options.json) {
+    console::printLine(console::foundEvent(item), output);
+  } else if (options.paths) {
+    output.write(item[kPathKey].asText().value_or(""));
+    output.write(options.nulEnds ? std::string_view("\0", 1) : "\n");
+  } else {
+    console::printRow(console::tableRow(item[kAttributesKey]), 0, output);
+  }
+}
+
+int find(const FindOptions& options) {
+  query::SyntaxError error;
+  const std::optional<query::Query> query = query::parse(options.query, queryOptionsNow(), &error);
+  if (!query) {
+    fmt::print(stderr, "tallyhive-mailhost: {}{}\n{}\n", error.message,
+               error.hint.empty() ? "" : "; " + error.hint, query::pointOut(options.query, error));
+    return kExitUsage;
+  }
+  const HostFolders folders(XdgFolders::fromEnvironment());
+  const auto index = Index::open(folders.index, Index::Access::kReadOnly);
+  const auto library = Library::open(folders.library, Library::Access::kReadOnly);
+  if (!index || !library) {
+    return failWith(kExitFailure,
+                    "there is no index yet; make one with tallyhive-mailhost index --mail DIR");
+  }
+  (*index)->hideMailboxes((*library)->unreachableMailboxes());
+
+  ::signal(SIGPIPE, SIG_IGN);
+  console::StandardOutput output(options.color);
+  const auto begun = std::chrono::steady_clock::now();
+  std::uint64_t found = 0;
+  const Result<void> walked = (*index)->forEachDescending([&](const IndexedMessage& message) {
+    if (!query::matches(*query, IndexedMessageView(message))) return true;
+    const auto path = pathOf(**library, message);
+    if (!path) return true;
+    printFound(options, itemOf(message, found++, *path), output);
+    return !output.isClosed();
+  });
+  output.flush();
+  if (!walked) return failWith(kExitFailure, walked.error().text());
+  if (::isatty(STDERR_FILENO) == 1 && !options.json && !options.paths) {
+    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - begun;
+    fmt::print(stderr, "{} message{} in {:.2f} s\n", found, found == 1 ? "" : "s", elapsed.count());
+  }
+  return found > 0 ? kExitSuccess : kExitFailure;
+}
+
+}  // namespace
+
+Command addFind(CLI::App& app, CLI::App*& subcommand) {
+  subcommand =
+      app.add_subcommand("find", "Run one query on the index directly, without the plug-in");
+  const auto options = std::make_shared<FindOptions>();
+  subcommand
+      ->add_option("QUERY", options->query, "A predicate, such as 'kMDItemSubject == \"*lake*\"cd'")
+      ->required();
+  CLI::Option* json = subcommand->add_flag("--json", options->json, "Print one JSON object a line");
+  CLI::Option* paths =
+      subcommand->add_flag("--paths", options->paths, "Print the paths of the message files");
+  json->excludes(paths);
+  subcommand->add_flag("-0", options->nulEnds, "End each path with a NUL byte")->needs(paths);
+  addColorOption(*subcommand, options->color);
+  return [options] { return find(*options); };
+}
+
+}  // namespace thmp

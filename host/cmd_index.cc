@@ -1,0 +1,133 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <fmt/format.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/HostFolders.h"
+#include "host/commands.h"
+#include "host/index/Index.h"
+#include "host/index/Indexer.h"
+#include "host/store/Library.h"
+#include "platform/linux/LinuxLog.h"
+#include "platform/linux/LinuxPreferences.h"
+
+namespace thmp {
+namespace {
+
+struct IndexOptions {
+  std::vector<std::string> mail;
+  bool dryRun = false;
+};
+
+// For the signal handler alone.
+std::atomic<Indexer*> interruptible{nullptr};
+
+extern "C" void interruptIndexing(int) {
+  if (Indexer* indexer = interruptible.load()) indexer->stop();
+}
+
+// A bar that draws itself over on standard error, ten times a second at most; nothing where that is
+// no terminal.
+class ProgressBar {
+ public:
+  ~ProgressBar() {
+    if (drawn_) fmt::print(stderr, "\r\x1b[K");
+  }
+  void operator()(const IndexProgress& progress) {
+    const auto now = std::chrono::steady_clock::now();
+    if (!terminal_ || now - last_ < std::chrono::milliseconds(100)) return;
+    last_ = now;
+    drawn_ = true;
+    constexpr std::uint64_t kWidth = 30;
+    const std::uint64_t total = std::max<std::uint64_t>(progress.total, 1);
+    const std::uint64_t filled = std::min(progress.seen * kWidth / total, kWidth);
+    fmt::print(stderr, "\r\x1b[K[{:#<{}}{:.<{}}] {} of {}, {:.0f} a second{}", "", filled, "",
+               kWidth - filled, progress.seen, progress.total, progress.rate, remaining(progress));
+  }
+
+ private:
+  static std::string remaining(const IndexProgress& progress) {
+    if (progress.rate < 1 || progress.total <= progress.seen) return {};
+    const double seconds = static_cast<double>(progress.total - progress.seen) / progress.rate;
+    if (seconds < 90) return fmt::format(", {:.0f} s left", seconds);
+    return fmt::format(", {:.0f} min left", seconds / 60);
+  }
+
+  const bool terminal_ = ::isatty(STDERR_FILENO) == 1;
+  bool drawn_ = false;
+  std::chrono::steady_clock::time_point last_;
+};
+
+void listenForInterruption(Indexer& indexer) {
+  interruptible = &indexer;
+  struct sigaction action {};
+  action.sa_handler = interruptIndexing;
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) ::sigaction(signal, &action, nullptr);
+}
+
+Result<Coverage> bringUpToDate(Indexer& indexer, bool dryRun) {
+  if (dryRun) return indexer.count();
+  ProgressBar bar;
+  return indexer.update([&bar](const IndexProgress& progress) { bar(progress); });
+}
+
+int index(const IndexOptions& options) {
+  const XdgFolders xdg = XdgFolders::fromEnvironment();
+  const HostFolders folders(xdg);
+  const auto lock = HostLock::take(folders.lock, "index");
+  if (!lock) return failWith(kExitFailure, lock.error().description);
+
+  LinuxLog log("tallyhive-mailhost");
+  std::vector<std::string> roots;
+  {
+    LinuxPreferences preferences(xdg.config + "/tallyhive-mailhost", log);
+    Result<std::vector<std::string>> chosen = chooseMailFolders(options.mail, preferences);
+    if (!chosen) return failWith(kExitFailure, chosen.error().text());
+    roots = *std::move(chosen);
+    preferences.flush();
+  }
+  if (roots.empty())
+    return failWith(kExitUsage, "no mail folder is known yet; name one with --mail DIR");
+
+  const auto library = Library::open(folders.library, Library::Access::kReadWrite);
+  if (!library) return failWith(kExitFailure, library.error().text());
+  const auto messages = Index::open(folders.index, Index::Access::kReadWrite);
+  if (!messages) return failWith(kExitFailure, messages.error().text());
+
+  Indexer indexer(**library, **messages);
+  indexer.setRoots(roots);
+  listenForInterruption(indexer);
+  const Result<Coverage> coverage = bringUpToDate(indexer, options.dryRun);
+  interruptible = nullptr;
+  if (!coverage) return failWith(kExitFailure, coverage.error().text());
+  fmt::print("seen {}, indexed {}, unchanged {}, removed {}, incomplete {}, failed {}\n",
+             coverage->seen, coverage->indexed, coverage->unchanged, coverage->removed,
+             coverage->incomplete, coverage->failed);
+  if (coverage->stopped) {
+    return failWith(kExitInterrupted, "interrupted; the next run goes on from here");
+  }
+  return kExitSuccess;
+}
+
+}  // namespace
+
+Command addIndex(CLI::App& app, CLI::App*& subcommand) {
+  subcommand = app.add_subcommand("index", "Bring library and index up to date with the mail");
+  const auto options = std::make_shared<IndexOptions>();
+  subcommand
+      ->add_option("--mail", options->mail,
+                   "A folder with mail; as often as needed, and remembered")
+      ->type_name("DIR")
+      ->allow_extra_args(false);
+  subcommand->add_flag("--dry-run", options->dryRun, "Only count what would be done");
+  return [options] { return index(*options); };
+}
+
+}  // namespace thmp
