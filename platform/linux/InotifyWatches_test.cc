@@ -1,0 +1,297 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/linux/InotifyWatches.h"
+
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <filesystem>
+
+#include "platform/linux/LinuxSerialQueue.h"
+#include "platform/linux/testing.h"
+
+namespace thmp {
+namespace {
+
+using testing::Count;
+using testing::TemporaryFolder;
+
+class InotifyWatchesTest : public ::testing::Test {
+ protected:
+  static InotifyWatches::Poster onto(std::shared_ptr<SerialQueue> queue) {
+    return [queue = std::move(queue)](std::function<void()> closure) {
+      queue->post(std::move(closure));
+    };
+  }
+
+  std::unique_ptr<DirectoryWatch> watch(InotifyWatches& watches, const std::string& directory,
+                                        const std::shared_ptr<Count>& calls) {
+    auto made = watches.makeWatch(directory, onto(queue_), [calls] { calls->raise(); });
+    made->resume();
+    return made;
+  }
+
+  /// Until all that is posted has run.
+  void drain() {
+    auto drained = std::make_shared<Count>();
+    queue_->post([drained] { drained->raise(); });
+    EXPECT_TRUE(drained->reaches(1));
+  }
+
+  /// Whether a new file in `directory` is reported.
+  ::testing::AssertionResult reportsFileIn(const std::string& directory) {
+    drain();
+    const int before = calls_->value();
+    testing::writeFile(directory + "/new-" + std::to_string(++files_), "x");
+    if (calls_->reaches(before + 1)) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << directory;
+  }
+
+  static void rename(const std::string& from, const std::string& to) {
+    EXPECT_EQ(::rename(from.c_str(), to.c_str()), 0);
+  }
+
+  const TemporaryFolder folder_;
+  testing::CollectingLog log_;
+  InotifyWatches watches_{log_};
+  const std::shared_ptr<LinuxSerialQueue> queue_ = LinuxSerialQueue::create("test.watches");
+  const std::shared_ptr<Count> calls_ = std::make_shared<Count>();
+  int files_ = 0;
+};
+
+TEST_F(InotifyWatchesTest, FolderMovedAwayAndMadeAnewIsReportedAndToldOnce) {
+  testing::makeFolder(folder_.at("in"));
+  const auto made = watch(watches_, folder_.at("in"), calls_);
+  rename(folder_.at("in"), folder_.at("aside"));
+  testing::makeFolder(folder_.at("in"));
+  ASSERT_TRUE(calls_->reaches(1));
+  EXPECT_TRUE(reportsFileIn(folder_.at("in")));
+  EXPECT_EQ(log_.lines(), std::vector<std::string>{"tallyhive: the folder " + folder_.at("in") +
+                                                   " was made anew and is watched again"});
+}
+
+TEST_F(InotifyWatchesTest, FolderMovedAwayNoLongerCounts) {
+  testing::makeFolder(folder_.at("in"));
+  testing::makeFolder(folder_.at("other"));
+  const auto made = watch(watches_, folder_.at("in"), calls_);
+  rename(folder_.at("in"), folder_.at("aside"));
+  testing::makeFolder(folder_.at("in"));
+  ASSERT_TRUE(calls_->reaches(1));
+  drain();
+  const int before = calls_->value();
+  auto sentinelCalls = std::make_shared<Count>();
+  const auto sentinel = watch(watches_, folder_.at("other"), sentinelCalls);
+  testing::writeFile(folder_.at("aside/late"), "x");
+  testing::writeFile(folder_.at("other/late"), "x");
+  ASSERT_TRUE(sentinelCalls->reaches(1));
+  drain();
+  EXPECT_EQ(calls_->value(), before);
+}
+
+TEST_F(InotifyWatchesTest, AnyFolderOnTheWayMayBeReplaced) {
+  for (const std::string level : {"a", "a/b", "a/b/c", "a/b/c/in"}) {
+    testing::makeFolder(folder_.at("a/b/c/in"));
+    const auto calls = std::make_shared<Count>();
+    const auto made = watch(watches_, folder_.at("a/b/c/in"), calls);
+    rename(folder_.at(level), folder_.at("aside"));
+    testing::makeFolder(folder_.at("a/b/c/in"));
+    ASSERT_TRUE(calls->reaches(1)) << level;
+    drain();
+    const int before = calls->value();
+    testing::writeFile(folder_.at("a/b/c/in/new"), "x");
+    EXPECT_TRUE(calls->reaches(before + 1)) << level;
+    std::filesystem::remove_all(folder_.at("aside"));
+    std::filesystem::remove_all(folder_.at("a"));
+    made->cancel();
+    drain();
+  }
+}
+
+TEST_F(InotifyWatchesTest, FolderWithoutAnyOnTheWayIsWatchedOnceItIsMade) {
+  const auto made = watch(watches_, folder_.at("a/b/c/in"), calls_);
+  testing::makeFolder(folder_.at("a/b/c/in"));
+  ASSERT_TRUE(calls_->reaches(1));
+  EXPECT_TRUE(reportsFileIn(folder_.at("a/b/c/in")));
+}
+
+TEST_F(InotifyWatchesTest, FolderDeletedAndMadeAnewManyTimesIsStillWatched) {
+  const auto made = watch(watches_, folder_.at("a/in"), calls_);
+  for (int i = 0; i < 50; ++i) {
+    testing::makeFolder(folder_.at("a/in"));
+    if (i % 2 == 0) testing::writeFile(folder_.at("a/in/file"), "x");
+    std::filesystem::remove_all(folder_.at(i % 3 == 0 ? "a" : "a/in"));
+  }
+  drain();
+  const int before = calls_->value();
+  testing::makeFolder(folder_.at("a/in"));
+  ASSERT_TRUE(calls_->reaches(before + 1));
+  EXPECT_TRUE(reportsFileIn(folder_.at("a/in")));
+}
+
+TEST_F(InotifyWatchesTest, FileInPlaceOfTheFolderIsNotWatchedUntilAFolderStandsThere) {
+  testing::writeFile(folder_.at("in"), "x");
+  const auto made = watch(watches_, folder_.at("in"), calls_);
+  EXPECT_EQ(::unlink(folder_.at("in").c_str()), 0);
+  testing::makeFolder(folder_.at("in"));
+  ASSERT_TRUE(calls_->reaches(1));
+  EXPECT_TRUE(reportsFileIn(folder_.at("in")));
+}
+
+TEST_F(InotifyWatchesTest, LinkThatIsPointedElsewhereIsFollowed) {
+  testing::makeFolder(folder_.at("first"));
+  testing::makeFolder(folder_.at("second"));
+  ASSERT_EQ(::symlink("first", folder_.at("in").c_str()), 0);
+  const auto made = watch(watches_, folder_.at("in"), calls_);
+  EXPECT_TRUE(reportsFileIn(folder_.at("first")));
+  drain();
+  const int before = calls_->value();
+  ASSERT_EQ(::symlink("second", folder_.at("new").c_str()), 0);
+  rename(folder_.at("new"), folder_.at("in"));
+  ASSERT_TRUE(calls_->reaches(before + 1));
+  EXPECT_TRUE(reportsFileIn(folder_.at("second")));
+}
+
+TEST_F(InotifyWatchesTest, ChangesThatComeWhileTheQueueIsBusyAreOneCall) {
+  testing::makeFolder(folder_.at("in"));
+  testing::makeFolder(folder_.at("other"));
+  const auto made = watch(watches_, folder_.at("in"), calls_);
+  auto otherCalls = std::make_shared<Count>();
+  const auto otherQueue = LinuxSerialQueue::create("test.other");
+  const auto other = watches_.makeWatch(folder_.at("other"), onto(otherQueue),
+                                        [otherCalls] { otherCalls->raise(); });
+  other->resume();
+  auto entered = std::make_shared<Count>();
+  auto leave = std::make_shared<Count>();
+  queue_->post([entered, leave] {
+    entered->raise();
+    EXPECT_TRUE(leave->reaches(1));
+  });
+  ASSERT_TRUE(entered->reaches(1));
+  for (int i = 0; i < 100; ++i) testing::writeFile(folder_.at("in/" + std::to_string(i)), "x");
+  // Read after all of the others, so those have been read, too.
+  testing::writeFile(folder_.at("other/last"), "x");
+  ASSERT_TRUE(otherCalls->reaches(1));
+  leave->raise();
+  drain();
+  EXPECT_EQ(calls_->value(), 1);
+}
+
+TEST_F(InotifyWatchesTest, OverflowOfTheKernelsQueueMeansAChange) {
+  testing::makeFolder(folder_.at("in"));
+  testing::makeFolder(folder_.at("quiet"));
+  const auto quietCalls = std::make_shared<Count>();
+  const auto quiet = watch(watches_, folder_.at("quiet"), quietCalls);
+  // The reader stands still while the log takes its line, and the queue of events runs over.
+  struct BlockingLog final : SystemLog {
+    void write(std::string_view) noexcept override {
+      entered.raise();
+      leave.reaches(1);
+    }
+    Count entered;
+    Count leave;
+  } blocking;
+  {
+    InotifyWatches watches(blocking);
+    const auto calls = std::make_shared<Count>();
+    const auto overflowCalls = std::make_shared<Count>();
+    const auto first = watch(watches, folder_.at("late"), calls);
+    const auto unheard = watch(watches, folder_.at("quiet"), overflowCalls);
+    const auto flooded = watch(watches, folder_.at("in"), calls);
+    testing::makeFolder(folder_.at("late"));
+    ASSERT_TRUE(blocking.entered.reaches(1));
+    const std::string name = folder_.at("in/file");
+    const std::string other = folder_.at("in/other");
+    testing::writeFile(name, "x");
+    for (int i = 0; i < 20'000; ++i) {
+      ASSERT_EQ(::rename(name.c_str(), other.c_str()), 0);
+      ASSERT_EQ(::rename(other.c_str(), name.c_str()), 0);
+    }
+    blocking.leave.raise();
+    EXPECT_TRUE(overflowCalls->reaches(1));
+  }
+  EXPECT_EQ(quietCalls->value(), 0);
+}
+
+TEST_F(InotifyWatchesTest, WatchTheSystemRefusesIsToldOnceAndSetLater) {
+  testing::makeFolder(folder_.at("in"));
+  auto refuse = std::make_shared<std::atomic<bool>>(true);
+  InotifyWatches watches(log_, [refuse] {
+    if (!*refuse) return ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    errno = EMFILE;
+    return -1;
+  });
+  const auto made = watch(watches, folder_.at("in"), calls_);
+  watches.retry();
+  ASSERT_EQ(log_.lines().size(), 1U);
+  EXPECT_TRUE(log_.lines()[0].starts_with("tallyhive: the folder " + folder_.at("in") +
+                                          " cannot be watched: "))
+      << log_.lines()[0];
+  testing::writeFile(folder_.at("in/unseen"), "x");
+  drain();
+  EXPECT_EQ(calls_->value(), 0);
+  *refuse = false;
+  watches.retry();
+  // What came meanwhile is looked for.
+  ASSERT_TRUE(calls_->reaches(1));
+  EXPECT_TRUE(reportsFileIn(folder_.at("in")));
+  EXPECT_EQ(log_.lines().size(), 1U);
+}
+
+TEST_F(InotifyWatchesTest, RetryLeavesWatchesThatRunAlone) {
+  testing::makeFolder(folder_.at("in"));
+  const auto made = watch(watches_, folder_.at("in"), calls_);
+  watches_.retry();
+  drain();
+  EXPECT_EQ(calls_->value(), 0);
+}
+
+TEST_F(InotifyWatchesTest, ManyWatchesTakeOneInstanceAndGiveAllBack) {
+  testing::makeFolder(folder_.at("in"));
+  const std::size_t before = testing::openDescriptors();
+  {
+    InotifyWatches watches(log_);
+    std::vector<std::unique_ptr<DirectoryWatch>> made;
+    for (int i = 0; i < 200; ++i) made.push_back(watch(watches, folder_.at("in"), calls_));
+    EXPECT_LE(testing::openDescriptors(), before + 2);
+    made.clear();
+    drain();
+  }
+  drain();
+  EXPECT_EQ(testing::openDescriptors(), before);
+}
+
+TEST_F(InotifyWatchesTest, StartAndStopManyTimesWhileFilesCome) {
+  testing::makeFolder(folder_.at("in"));
+  std::atomic<bool> stop = false;
+  std::thread writer([&] {
+    for (int i = 0; !stop; ++i) {
+      testing::writeFile(folder_.at("in/file"), "x");
+      ::unlink(folder_.at("in/file").c_str());
+    }
+  });
+  for (int i = 0; i < 500; ++i) {
+    const auto made = watch(watches_, folder_.at("in"), calls_);
+    if (i % 2 == 0) made->cancel();
+  }
+  stop = true;
+  writer.join();
+  drain();
+  const auto made = watch(watches_, folder_.at("in"), calls_);
+  EXPECT_TRUE(reportsFileIn(folder_.at("in")));
+}
+
+TEST_F(InotifyWatchesTest, WatchThatOutlivesTheWatchesStaysSilent) {
+  testing::makeFolder(folder_.at("in"));
+  auto watches = std::make_unique<InotifyWatches>(log_);
+  const auto early = watch(*watches, folder_.at("in"), calls_);
+  const auto late = watches->makeWatch(folder_.at("in"), onto(queue_), [] {});
+  watches.reset();
+  late->resume();
+  testing::writeFile(folder_.at("in/file"), "x");
+  drain();
+  EXPECT_EQ(calls_->value(), 0);
+}
+
+}  // namespace
+}  // namespace thmp

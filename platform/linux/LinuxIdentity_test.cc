@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "platform/linux/LinuxIdentity.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <set>
+
+#include "platform/linux/testing.h"
+
+namespace thmp {
+namespace {
+
+using testing::TemporaryFolder;
+
+TEST(LinuxIdentity, CurrentUserIsTheOneOfTheRealNumber) {
+  LinuxIdentity identity("/h");
+  const auto current = identity.currentUser();
+  if (!current) GTEST_SKIP() << "this user has no record";
+  const auto byName = identity.userByName(current->name);
+  ASSERT_TRUE(byName);
+  EXPECT_EQ(byName->home, current->home);
+}
+
+TEST(LinuxIdentity, UserWithoutRecordIsNobody) {
+  LinuxIdentity identity("/h");
+  EXPECT_FALSE(identity.userByName("no such user here"));
+  EXPECT_FALSE(identity.userByName(""));
+  EXPECT_FALSE(identity.userByName(std::string("root\0x", 6)));
+  if (::geteuid() != 0) return;
+  EXPECT_EQ(
+      testing::resultInChild([&] {
+        return ::setresuid(4'000'000, 4'000'000, 4'000'000) == 0 && !identity.currentUser() ? 0 : 1;
+      }),
+      0);
+}
+
+TEST(LinuxIdentity, ProcessHomeIsTheGivenOne) {
+  EXPECT_EQ(LinuxIdentity("/h").processHome(), "/h");
+}
+
+TEST(LinuxIdentity, SandboxIsToldByItsMarks) {
+  const TemporaryFolder folder;
+  LinuxIdentity identity("/h", {folder.at("flatpak-info"), folder.at("label")});
+  EXPECT_FALSE(identity.hostSandboxed());
+  testing::writeFile(folder.at("label"), "unconfined\n");
+  EXPECT_FALSE(identity.hostSandboxed());
+  testing::writeFile(folder.at("label"), "snapd (enforce)\n");
+  EXPECT_FALSE(identity.hostSandboxed());
+  testing::writeFile(folder.at("label"), "snap.mail.mail (enforce)\n");
+  EXPECT_TRUE(identity.hostSandboxed());
+  testing::writeFile(folder.at("label"), "");
+  EXPECT_FALSE(identity.hostSandboxed());
+  testing::writeFile(folder.at("flatpak-info"), "");
+  EXPECT_TRUE(identity.hostSandboxed());
+}
+
+TEST(LinuxIdentity, FifoInPlaceOfTheLabelIsReadWithoutWaiting) {
+  const TemporaryFolder folder;
+  ASSERT_EQ(::mkfifo(folder.at("label").c_str(), 0600), 0);
+  EXPECT_FALSE(LinuxIdentity("/h", {folder.at("none"), folder.at("label")}).hostSandboxed());
+}
+
+TEST(LinuxIdentity, UniqueStringsHave32DigitsInGroupsAndDiffer) {
+  LinuxIdentity identity("/h");
+  std::set<std::string> seen;
+  for (int i = 0; i < 1000; ++i) {
+    const std::string text = identity.globallyUniqueString();
+    ASSERT_EQ(text.size(), 36U);
+    EXPECT_EQ(text.find_first_not_of("0123456789ABCDEF-"), std::string::npos) << text;
+    for (const std::size_t hyphen : {8U, 13U, 18U, 23U}) EXPECT_EQ(text[hyphen], '-') << text;
+    EXPECT_TRUE(seen.insert(text).second) << text;
+  }
+}
+
+}  // namespace
+}  // namespace thmp
