@@ -16,7 +16,17 @@ namespace {
 constexpr std::size_t kMaxTextBytes = std::size_t{256} << 20;
 
 constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
-constexpr std::string_view kWordEnds = " \t\n\v\f\r(),[]&|!=<>\"'";
+
+/// For each byte whether it ends a word.
+constexpr std::array<bool, 256> kEndsWord = [] {
+  std::array<bool, 256> ends{};
+  for (const char c : std::string_view(" \t\n\v\f\r(),[]&|!=<>\"'")) {
+    ends[static_cast<unsigned char>(c)] = true;
+  }
+  return ends;
+}();
+
+bool endsWord(char byte) { return kEndsWord[static_cast<unsigned char>(byte)]; }
 
 struct Sign {
   std::string_view text;
@@ -99,7 +109,7 @@ Token Lexer::next() {
   if (position_ == text_.size()) return {Token::Kind::kEnd, position_, {}};
   const char byte = text_[position_];
   if (byte == '"' || byte == '\'') return string();
-  return kWordEnds.find(byte) == std::string_view::npos ? word() : sign();
+  return endsWord(byte) ? sign() : word();
 }
 
 void Lexer::skipWhiteSpace() {
@@ -129,7 +139,7 @@ Token Lexer::string() {
 
 Token Lexer::word() {
   std::size_t end = position_;
-  while (end < text_.size() && kWordEnds.find(text_[end]) == std::string_view::npos) {
+  while (end < text_.size() && !endsWord(text_[end])) {
     if (text_[end] == '\\' && end + 1 == text_.size()) {
       return invalid(end, "nothing follows this backslash", "write \\\\ for a backslash itself");
     }

@@ -282,7 +282,7 @@ bool Pattern::matchesWhole(const FoldedText& text) const {
 }
 
 bool Pattern::matchesWords(const FoldedText& text) const {
-  if (steps_.empty()) return false;
+  if (steps_.empty()) return openStart_;
   const Segment first = segmentAt(steps_.data());
   SegmentFinder finder(*this, text, first, 0, text.size(), /*wordsOnly=*/true);
   std::size_t failedRun = 0;

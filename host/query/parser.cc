@@ -154,7 +154,7 @@ std::nullopt_t Parser::fail(std::size_t offset, std::string message, std::string
 }
 
 std::nullopt_t Parser::failHere(std::string_view expected, std::string hint) {
-  const std::string found = at(Kind::kEnd) ? "the end" : quoted(current_.source);
+  const std::string found = at(Kind::kEnd) ? "the end" : inQuotes(current_.source);
   return fail(current_.offset, "expected " + std::string(expected) + ", found " + found,
               std::move(hint));
 }
@@ -221,7 +221,7 @@ std::optional<Node> Parser::primary() {
   if (at(Kind::kWord)) return beginningWith(take());
   if (at(Kind::kString)) {
     return fail(current_.offset, "a value cannot stand alone or before its attribute",
-                "write ATTRIBUTE == " + quoted(current_.content()));
+                "write ATTRIBUTE == " + inQuotes(current_.content()));
   }
   return failHere("an attribute, a group or a function");
 }
@@ -249,13 +249,13 @@ std::optional<Node> Parser::beginningWith(const Token& word) {
   const bool isTrue = equalsIgnoringAsciiCase(word.source, "true");
   if (isTrue || equalsIgnoringAsciiCase(word.source, "false")) return Node{Constant{isTrue}};
   if (std::string hint = logicHint(word.source); !hint.empty()) {
-    return fail(word.offset, quoted(word.source) + " is no operator", std::move(hint));
+    return fail(word.offset, inQuotes(word.source) + " is no operator", std::move(hint));
   }
   if (at(Kind::kOpenGroup)) {
-    return fail(word.offset, "there is no function " + quoted(word.source),
+    return fail(word.offset, "there is no function " + inQuotes(word.source),
                 "the functions are InRange and FieldMatch");
   }
-  return failHere("an operator after " + quoted(word.source),
+  return failHere("an operator after " + inQuotes(word.source),
                   "write ATTRIBUTE == VALUE, for example kMDItemSubject == \"*word*\"cd");
 }
 
@@ -308,7 +308,7 @@ std::optional<AttributeRef> Parser::attribute(const Token& word) {
     return AttributeRef{AttributeRef::Scope::kNamed, std::string(canonicalName(word.source))};
   }
   const bool wild = word.source.find_first_of("*?") != std::string_view::npos;
-  return fail(word.offset, quoted(word.source) + " is no attribute name",
+  return fail(word.offset, inQuotes(word.source) + " is no attribute name",
               wild ? "a name has no wildcards; * alone means any attribute" : "");
 }
 
@@ -358,7 +358,7 @@ bool Parser::trailingModifiers(std::size_t valueEnd, Modifiers* modifiers) {
     return true;
   }
   if (current_.offset > valueEnd) return true;
-  fail(current_.offset, quoted(current_.source) + " are no modifiers",
+  fail(current_.offset, inQuotes(current_.source) + " are no modifiers",
        "the modifiers are c, d, w and t");
   return false;
 }
@@ -382,7 +382,7 @@ std::optional<TimeSpan> Parser::wholeTime() {
 /// The time whose first word has been taken, with what stands in its parentheses.
 std::optional<TimeSpan> Parser::time(const Token& word) {
   if (!word.source.starts_with(kTimePrefix)) {
-    return fail(word.offset, quoted(word.source) + " is no time", "write \\$ for a $ itself");
+    return fail(word.offset, inQuotes(word.source) + " is no time", "write \\$ for a $ itself");
   }
   const std::string_view name = word.source.substr(kTimePrefix.size());
   if (name == "iso") return isoTime(word);
@@ -413,7 +413,7 @@ std::optional<TimeSpan> Parser::isoTime(const Token& word) {
   const Token argument = take();
   const std::optional<TimeSpan> result = readIsoTime(unescaped(argument.content()), options_);
   if (!result) {
-    return fail(argument.offset, quoted(argument.content()) + " is no ISO 8601 time",
+    return fail(argument.offset, inQuotes(argument.content()) + " is no ISO 8601 time",
                 "write 2024-12-31 or 2024-12-31T23:59:59Z");
   }
   if (!expect(Kind::kCloseGroup, ")")) return std::nullopt;

@@ -44,7 +44,7 @@ std::string pointOut(std::string_view text, const SyntaxError& error) {
   return line + "\n" + std::string(column, ' ') + "^";
 }
 
-std::string quoted(std::string_view source) {
+std::string inQuotes(std::string_view source) {
   const bool cut = source.size() > kQuotedBytes;
   if (cut) source = source.substr(0, sequenceEdge(source, kQuotedBytes));
   std::string result = "\"";

@@ -24,6 +24,6 @@ std::string pointOut(std::string_view text, const SyntaxError& error);
 
 /// `source` in quotes for a message: cut when long, control characters and ill-formed bytes as
 /// U+FFFD.
-std::string quoted(std::string_view source);
+std::string inQuotes(std::string_view source);
 
 }  // namespace thmp::query
