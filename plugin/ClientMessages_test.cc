@@ -7,14 +7,13 @@
 #include <string>
 #include <vector>
 
-#include "plugin/PluginScene.h"
+#include "plugin/plugin_test_support.h"
 
 namespace thmp {
 namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using ::testing::UnorderedElementsAre;
 
 constexpr char kTallyhive[] = "com.quorvane.tallyhive";
 constexpr char kVendalo[] = "com.quorvane.tallyhive-vendalo";

@@ -215,6 +215,7 @@ TEST_F(PasteboardLending, ThreadsNeverHoldOnePasteboardTogether) {
   constexpr int kThreads = 4;
   constexpr int kRounds = 500;
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([this, t] {
       for (int i = 0; i < kRounds; ++i) {

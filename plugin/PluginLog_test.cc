@@ -224,6 +224,7 @@ TEST_F(PluginLogging, ConcurrentCallsLoseNoEntry) {
   constexpr int kThreads = 8;
   constexpr int kCalls = 50;
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([this, t] {
       for (int i = 0; i < kCalls; ++i) log.log("q", "%d/%d", t, i);

@@ -70,7 +70,7 @@ void THMPMailPlugin::createInstance(ProcessState& process) {
 }
 
 std::shared_ptr<THMPMailPlugin> THMPMailPlugin::create(ProcessState& process) {
-  const std::shared_ptr<THMPMailPlugin> plugin(new THMPMailPlugin(process));
+  std::shared_ptr<THMPMailPlugin> plugin(new THMPMailPlugin(process));
   plugin->init();
   return plugin;
 }

@@ -8,14 +8,13 @@
 #include <thread>
 #include <vector>
 
-#include "plugin/PluginScene.h"
+#include "plugin/plugin_test_support.h"
 
 namespace thmp {
 namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using ::testing::UnorderedElementsAre;
 
 class StartUp : public PluginScene {
  protected:
@@ -116,6 +115,7 @@ TEST_F(StartUp, SecondInitializeDoesNothing) {
 
 TEST_F(StartUp, InitializeOnManyThreadsRunsOnce) {
   std::vector<std::thread> threads;
+  threads.reserve(8);
   for (int i = 0; i < 8; ++i) {
     threads.emplace_back([this] { THMPMailPlugin::initialize(process); });
   }

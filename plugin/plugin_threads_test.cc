@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "plugin/PluginScene.h"
+#include "plugin/plugin_test_support.h"
 
 namespace thmp {
 namespace {
@@ -39,6 +39,7 @@ class Threads : public PluginScene {
   void runTogether(const std::vector<std::function<void(unsigned seed)>>& bodies) {
     std::latch begin(static_cast<std::ptrdiff_t>(bodies.size()));
     std::vector<std::thread> threads;
+    threads.reserve(bodies.size());
     unsigned seed = 0;
     for (const auto& body : bodies) {
       threads.emplace_back([&begin, &body, number = ++seed] {

@@ -86,7 +86,7 @@ class PluginScene : public ::testing::Test {
 
   /// The system log since the last call.
   std::vector<std::string> takeLog() {
-    const auto lines = fake.log.lines();
+    auto lines = fake.log.lines();
     fake.log.clear();
     return lines;
   }
