@@ -81,8 +81,8 @@ TEST_F(Registry, EndDetachesBeforeItCancels) {
 
 TEST_F(Registry, EndLeavesMissingHandlersAlone) {
   spotlight_.setCapabilities({.removedItemsHandler = false, .gatherEndedHandler = false});
-  const Record record = add("q");
-  registry_.end("q", "c");
+  add("q");
+  const QueryRegistry::Ended ended = registry_.end("q", "c");
   EXPECT_THAT(spotlight_.query()->calls(),
               ElementsAre("setFoundItemsHandler: null", "setCompletionHandler: null", "cancel"));
 }

@@ -20,8 +20,7 @@ namespace thmp {
 inline constexpr char kResultsType[] = " com.quorvane.tallyhive.mailplugin.ResultsBatch";
 inline constexpr char kRemovalType[] = " com.quorvane.tallyhive.mailplugin.RemovalBatch";
 
-class SearchScene : public ::testing::Test {
- protected:
+struct SearchWorld {
   using Query = std::shared_ptr<ScriptedSpotlightQuery>;
 
   /// A Search with these keys, and the engine's query that it made; null when it made none.
@@ -117,5 +116,7 @@ class SearchScene : public ::testing::Test {
       std::make_shared<RecordingMediator>(platform_, registry_);
   SearchExecution execution_{platform_, attributeList_, registry_};
 };
+
+class SearchScene : public ::testing::Test, protected SearchWorld {};
 
 }  // namespace thmp
