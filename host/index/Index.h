@@ -65,6 +65,8 @@ struct IndexedFile {
   /// Stands for its folder and name.
   std::uint64_t place = 0;
   bool incomplete = false;
+
+  friend bool operator==(const IndexedFile&, const IndexedFile&) = default;
 };
 
 /// A message to be put into the index, in place of what stands under its ID.
@@ -139,8 +141,11 @@ class Index {
   /// Takes out every message of a mailbox.
   Result<void> removeMailbox(std::int64_t mailbox);
 
-  /// The files below `folder` that cannot be opened, in place of those known before.
-  Result<void> setFailed(const std::string& folder, const std::vector<UnreadablePath>& failed);
+  /// The files that could not be opened when `source`, a mailbox or the like, was looked through,
+  /// in place of those known from it before.
+  Result<void> setFailed(const std::string& source, const std::vector<UnreadablePath>& failed);
+  /// Forgets failed files of all other sources.
+  Result<void> keepFailed(const std::vector<std::string>& sources);
   Result<void> setLastUpdate(Date date);
 
   /// Whether the file turned out to be damaged since it was opened.
@@ -152,7 +157,7 @@ class Index {
   /// `listener` is called after each commit, in the order of commits, on a thread that writes,
   /// under no lock of the index. Returns the number to remove it by.
   std::uint64_t addListener(ChangeListener listener);
-  /// No call begins after this has returned; one may still be running on another thread.
+  /// A call that has begun on another thread may still be running when this returns.
   void removeListener(std::uint64_t number);
 
  private:

@@ -1,0 +1,736 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/index/Indexer.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <ctime>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <set>
+#include <string_view>
+#include <system_error>
+#include <tuple>
+#include <unordered_map>
+#include <utility>
+
+#include "host/index/message_record.h"
+
+namespace thmp {
+
+namespace {
+
+// A name is believed gone after this many listings at the latest, all of which missed it.
+constexpr int kMostListings = 12;
+
+using Clock = std::chrono::steady_clock;
+
+struct FileStamp {
+  std::int64_t size = 0;
+  std::int64_t seconds = 0;
+  std::int64_t nanoseconds = 0;
+  std::uint64_t inode = 0;
+};
+
+std::optional<FileStamp> stampOf(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) return std::nullopt;
+  return FileStamp{status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec, status.st_ino};
+}
+
+FileStamp stampOf(const FileFacts& facts) {
+  return {facts.size, facts.modifiedSeconds, facts.modifiedNanoseconds, facts.inode};
+}
+
+std::uint64_t contentMark(const FileStamp& stamp) {
+  const std::array<std::int64_t, 4> numbers{stamp.size, stamp.seconds, stamp.nanoseconds,
+                                            static_cast<std::int64_t>(stamp.inode)};
+  const std::uint64_t mark =
+      fingerprint({reinterpret_cast<const char*>(numbers.data()), sizeof numbers});
+  return mark == 0 ? 1 : mark;
+}
+
+// No file has this mark: what bears it is read again by the next update.
+constexpr std::uint64_t kUnsettledMark = 0;
+
+std::uint64_t placeMark(const MailFolder& folder, const MessageEntry& entry) {
+  return fingerprint(entry.part + "/" + entry.file + "/" + folder.identifier);
+}
+
+// The clock that file systems stamp their changes with.
+std::pair<std::int64_t, std::int64_t> stampClock() {
+  struct timespec now {};
+  ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
+  return {now.tv_sec, now.tv_nsec};
+}
+
+bool isAtOrBelow(const std::string& path, const std::string& folder) {
+  return path == folder || (path.size() > folder.size() && path.starts_with(folder) &&
+                            (folder.ends_with('/') || path[folder.size()] == '/'));
+}
+
+// Where an .emlx message's mail program keeps its attachments: ../Attachments/NUMBER beside the
+// folder of the message.
+std::vector<std::string> attachmentPaths(const std::string& messageFile) {
+  namespace fs = std::filesystem;
+  const fs::path file(messageFile);
+  const std::string name = file.filename().string();
+  const fs::path folder =
+      file.parent_path().parent_path() / "Attachments" / name.substr(0, name.find('.'));
+  std::vector<std::string> paths;
+  std::error_code error;
+  fs::recursive_directory_iterator at(folder, fs::directory_options::skip_permission_denied, error);
+  for (; !error && at != fs::recursive_directory_iterator(); at.increment(error)) {
+    std::error_code ignored;
+    if (at->is_regular_file(ignored)) paths.push_back(at->path().string());
+  }
+  std::sort(paths.begin(), paths.end());
+  return paths;
+}
+
+struct SeenFile {
+  MessageEntry entry;
+  FileStamp stamp;
+};
+
+// One file to be read; of a message that has an ID already, or of a new one.
+struct Work {
+  MessageEntry entry;
+  FileStamp stamp;
+  std::int64_t id = 0;
+};
+
+bool byName(const SeenFile& a, const SeenFile& b) { return a.entry.name < b.entry.name; }
+
+}  // namespace
+
+// One update, from its beginning to its end.
+class Indexer::Run {
+ public:
+  Run(Indexer& indexer, const std::vector<std::string>& roots, const Progress& progress,
+      bool dryRun)
+      : library_(indexer.library_),
+        index_(indexer.index_),
+        options_(indexer.options_),
+        stopped_(indexer.stopped_),
+        parser_(indexer.options_.limits),
+        roots_(roots),
+        progress_(progress),
+        dryRun_(dryRun) {}
+
+  Result<Coverage> all() {
+    if (!learnMailboxes()) return error_;
+    std::map<std::string, MailFolder> found;
+    for (const std::string& root : roots_) walk(root, root, found);
+    countTotal(found);
+    for (const LibraryMailbox& mailbox : known_) {
+      if (found.contains(mailbox.folder.path)) continue;
+      if (!isKept(mailbox.folder)) removeMailbox(mailbox);
+    }
+    updateFound(found);
+    dropStrays();
+    if (good() && !isStopped() && !dryRun_) {
+      note(index_.keepFailed(sources_));
+      note(index_.setLastUpdate(Date::fromUnixSeconds(static_cast<double>(
+          std::chrono::system_clock::to_time_t(std::chrono::system_clock::now())))));
+    }
+    return end();
+  }
+
+  Result<Coverage> some(const MailChanges& changes) {
+    if (!learnMailboxes()) return error_;
+    std::map<std::string, MailFolder> found;
+    std::set<std::string> trees = changes.trees;
+    for (const std::string& path : changes.mailboxes) {
+      const auto mailbox = std::find_if(known_.begin(), known_.end(),
+                                        [&](const auto& one) { return one.folder.path == path; });
+      if (mailbox == known_.end()) {
+        trees.insert(path);
+      } else {
+        found.emplace(path, mailbox->folder);
+      }
+    }
+    for (const std::string& tree : trees) updateTree(tree, found);
+    updateFound(found);
+    for (const std::string& path : goneMailboxes_) {
+      std::map<std::string, MailFolder> none;
+      updateTree(path, none);
+      updateFound(none);
+    }
+    return end();
+  }
+
+ private:
+  bool good() const { return !error_.isSet(); }
+  bool isStopped() const { return stopped_.load(std::memory_order_relaxed); }
+
+  template <typename T>
+  bool note(const Result<T>& result) {
+    if (result) return true;
+    if (good()) error_ = result.error();
+    return false;
+  }
+
+  Result<Coverage> end() {
+    if (!good()) return error_;
+    coverage_.stopped = isStopped();
+    return coverage_;
+  }
+
+  bool learnMailboxes() {
+    auto mailboxes = library_.mailboxes();
+    if (!note(mailboxes)) return false;
+    known_ = std::move(*mailboxes);
+    if (!dryRun_) index_.hideMailboxes(library_.unreachableMailboxes());
+    return true;
+  }
+
+  // What stands at or below `folder`; the innermost named folder counts as a mailbox's own.
+  void walk(const std::string& root, const std::string& folder,
+            std::map<std::string, MailFolder>& found) {
+    MailTree tree = walkMail(root, folder);
+    if (folder == root && !tree.rootIsThere) missingRoots_.insert(root);
+    for (MailFolder& mailbox : tree.mailboxes) {
+      std::string path = mailbox.path;
+      found.insert_or_assign(std::move(path), std::move(mailbox));
+    }
+    for (const UnreadablePath& one : tree.unreadable) unreadable_.insert(one.path);
+    std::vector<UnreadablePath> failed = std::move(tree.failed);
+    for (UnreadablePath& one : tree.unreadable) {
+      if (one.path != root) failed.push_back(std::move(one));
+    }
+    coverage_.failed += failed.size();
+    coverage_.seen += failed.size();
+    setFailed(folder + "/", failed);
+  }
+
+  void setFailed(const std::string& source, const std::vector<UnreadablePath>& failed) {
+    if (dryRun_) return;
+    sources_.push_back(source);
+    note(index_.setFailed(source, failed));
+  }
+
+  // Whether a known mailbox that was not found stays as it is: its place cannot be looked at now.
+  bool isKept(const MailFolder& mailbox) const {
+    if (std::find(roots_.begin(), roots_.end(), mailbox.root) == roots_.end()) return false;
+    if (missingRoots_.contains(mailbox.root)) return true;
+    return std::any_of(unreadable_.begin(), unreadable_.end(),
+                       [&](const std::string& path) { return isAtOrBelow(mailbox.path, path); });
+  }
+
+  std::string rootOf(const std::string& path) const {
+    std::string best;
+    for (const std::string& root : roots_) {
+      if (isAtOrBelow(path, root) && root.size() > best.size()) best = root;
+    }
+    return best;
+  }
+
+  void updateTree(const std::string& tree, std::map<std::string, MailFolder>& found) {
+    const std::string root = rootOf(tree);
+    if (root.empty()) return;
+    std::map<std::string, MailFolder> here;
+    walk(root, tree, here);
+    if (!isReadableFolder(root)) missingRoots_.insert(root);
+    for (const LibraryMailbox& mailbox : known_) {
+      const std::string& path = mailbox.folder.path;
+      if (mailbox.folder.format == MessageFormat::kEmlx && path != tree &&
+          isAtOrBelow(tree, path)) {
+        here.emplace(path, mailbox.folder);
+      }
+      if (!isAtOrBelow(path, tree) || here.contains(path) || isKept(mailbox.folder)) continue;
+      found.erase(path);
+      removeMailbox(mailbox);
+    }
+    found.merge(here);
+  }
+
+  void countTotal(const std::map<std::string, MailFolder>& found) {
+    if (!progress_) return;
+    for (const auto& [path, folder] : found) {
+      const auto listing = listMailbox(folder);
+      if (listing) total_ += listing->entries.size() + listing->failed.size();
+    }
+  }
+
+  void report() {
+    if (!progress_) return;
+    const std::chrono::duration<double> passed = Clock::now() - began_;
+    const double rate =
+        passed.count() > 0 ? static_cast<double>(coverage_.seen) / passed.count() : 0;
+    progress_({coverage_.seen, std::max(total_, coverage_.seen), rate});
+  }
+
+  void removeMailbox(const LibraryMailbox& mailbox) {
+    if (!good() || isStopped()) return;
+    if (dryRun_) {
+      const auto messages = library_.messages(mailbox.id);
+      if (note(messages)) coverage_.removed += messages->size();
+      return;
+    }
+    const auto removed = library_.removeMailbox(mailbox.id);
+    if (!note(removed)) return;
+    coverage_.removed += removed->size();
+    note(index_.removeMailbox(mailbox.id));
+    note(index_.setFailed(mailbox.folder.path, {}));
+  }
+
+  // Mail in the index that the library does not know, after an interruption between the two.
+  void dropStrays() {
+    if (!good() || isStopped() || dryRun_) return;
+    const auto indexed = index_.mailboxes();
+    const auto mailboxes = library_.mailboxes();
+    if (!note(indexed) || !note(mailboxes)) return;
+    for (const std::int64_t mailbox : *indexed) {
+      const bool isKnown = std::any_of(mailboxes->begin(), mailboxes->end(),
+                                       [&](const auto& one) { return one.id == mailbox; });
+      if (!isKnown) note(index_.removeMailbox(mailbox));
+    }
+  }
+
+  void updateFound(const std::map<std::string, MailFolder>& found) {
+    for (const auto& [path, folder] : found) {
+      if (!good() || isStopped()) return;
+      const auto known =
+          std::find_if(known_.begin(), known_.end(),
+                       [&, &at = path](const auto& one) { return one.folder.path == at; });
+      LibraryMailbox mailbox{known == known_.end() ? 0 : known->id, folder};
+      if (!dryRun_ && (known == known_.end() || known->folder != folder)) {
+        const auto id = library_.addMailbox(folder);
+        if (!note(id)) return;
+        mailbox.id = *id;
+      }
+      updateMailbox(mailbox);
+      report();
+    }
+  }
+
+  // The files of one mailbox as they are, and which of the library's messages are gone.
+  struct Sight {
+    std::vector<SeenFile> files;  // by name, each once
+    std::vector<std::int64_t> gone;
+    std::vector<UnreadablePath> failed;
+  };
+
+  // A listing may miss a file that is renamed meanwhile. So a name is believed gone only when
+  // several listings have missed it, the last one of a folder that did not change, and its file is
+  // not where it was.
+  std::optional<Sight> look(const LibraryMailbox& mailbox,
+                            const std::vector<LibraryMessage>& messages) {
+    Sight sight;
+    for (int listings = 1;; ++listings) {
+      auto listing = listMailbox(mailbox.folder);
+      if (!listing) {
+        sight.failed.push_back({mailbox.folder.path, listing.error().description});
+        unreadableMailbox(mailbox, sight.failed);
+        return std::nullopt;
+      }
+      if (listing->gone) {
+        goneMailboxes_.insert(mailbox.folder.path);
+        return std::nullopt;
+      }
+      const bool missed = addSeen(mailbox.folder, messages, *listing, sight);
+      findGone(messages, sight);
+      if (sight.gone.empty() && !missed) return sight;
+      if ((listings > 1 && listing->quiet && !missed) || listings == kMostListings) break;
+    }
+    keepThoseThere(mailbox.folder, messages, sight);
+    return sight;
+  }
+
+  void unreadableMailbox(const LibraryMailbox& mailbox, const std::vector<UnreadablePath>& failed) {
+    setFailed(mailbox.folder.path, failed);
+    coverage_.failed += failed.size();
+    coverage_.seen += failed.size();
+  }
+
+  // Adds what the listing shows and `sight` lacks. Returns whether a name had gone again.
+  bool addSeen(const MailFolder& folder, const std::vector<LibraryMessage>& messages,
+               const MailboxListing& listing, Sight& sight) {
+    bool missed = false;
+    sight.failed = listing.failed;
+    const std::size_t before = sight.files.size();
+    const auto beforeEnd = [&] {
+      return sight.files.begin() + static_cast<std::ptrdiff_t>(before);
+    };
+    for (std::size_t i = 0; i < listing.entries.size();) {
+      std::size_t next = i + 1;
+      while (next < listing.entries.size() &&
+             listing.entries[next].name == listing.entries[i].name) {
+        ++next;
+      }
+      const std::string& name = listing.entries[i].name;
+      const auto have = std::lower_bound(
+          sight.files.begin(), beforeEnd(), name,
+          [](const SeenFile& file, const std::string& wanted) { return file.entry.name < wanted; });
+      if (have == beforeEnd() || have->entry.name != name) {
+        missed |= !addBest(folder, messages, {listing.entries.data() + i, next - i}, sight);
+      }
+      i = next;
+    }
+    std::sort(sight.files.begin(), sight.files.end(), byName);
+    return missed;
+  }
+
+  // Of several files with one name: the one that the library knows, else a complete one in `cur`.
+  bool addBest(const MailFolder& folder, const std::vector<LibraryMessage>& messages,
+               std::span<const MessageEntry> entries, Sight& sight) {
+    const auto known = std::lower_bound(
+        messages.begin(), messages.end(), entries[0].name,
+        [](const LibraryMessage& one, const std::string& name) { return one.entry.name < name; });
+    const auto rank = [&](const MessageEntry& entry) {
+      const bool isKnown = known != messages.end() && known->entry == entry;
+      const bool isPartial = entry.file.ends_with(".partial.emlx");
+      return std::tuple(!isPartial, isKnown, entry.part == "cur");
+    };
+    std::vector<const MessageEntry*> order;
+    for (const MessageEntry& entry : entries) order.push_back(&entry);
+    std::stable_sort(order.begin(), order.end(), [&](const MessageEntry* a, const MessageEntry* b) {
+      return rank(*a) > rank(*b);
+    });
+    for (const MessageEntry* entry : order) {
+      const std::string path = messagePath(folder.path, entry->part, entry->file);
+      const auto stamp = stampOf(path);
+      if (stamp) {
+        sight.files.push_back({*entry, *stamp});
+        return true;
+      }
+      struct stat link {};
+      if (::lstat(path.c_str(), &link) == 0) {
+        sight.failed.push_back({path, "it leads nowhere"});
+        return true;
+      }
+    }
+    return false;
+  }
+
+  static void findGone(const std::vector<LibraryMessage>& messages, Sight& sight) {
+    sight.gone.clear();
+    auto file = sight.files.begin();
+    for (const LibraryMessage& message : messages) {
+      while (file != sight.files.end() && file->entry.name < message.entry.name) ++file;
+      if (file == sight.files.end() || file->entry.name != message.entry.name) {
+        sight.gone.push_back(message.id);
+      }
+    }
+  }
+
+  static void keepThoseThere(const MailFolder& folder, const std::vector<LibraryMessage>& messages,
+                             Sight& sight) {
+    if (sight.gone.empty()) return;
+    std::vector<std::int64_t> gone;
+    auto next = sight.gone.begin();
+    for (const LibraryMessage& message : messages) {
+      if (next == sight.gone.end()) break;
+      if (message.id != *next) continue;
+      ++next;
+      const auto stamp = stampOf(messagePath(folder.path, message.entry.part, message.entry.file));
+      if (stamp) {
+        sight.files.push_back({message.entry, *stamp});
+      } else {
+        gone.push_back(message.id);
+      }
+    }
+    std::sort(sight.files.begin(), sight.files.end(), byName);
+    sight.gone = std::move(gone);
+  }
+
+  void updateMailbox(const LibraryMailbox& mailbox) {
+    auto messages = mailbox.id == 0
+                        ? Result<std::vector<LibraryMessage>>(std::vector<LibraryMessage>())
+                        : library_.messages(mailbox.id);
+    auto files = index_.files(mailbox.id);
+    if (!note(messages) || !note(files)) return;
+    std::optional<Sight> sight = look(mailbox, *messages);
+    if (!sight) return;
+
+    LibraryChanges changes;
+    std::vector<Work> renamed;
+    std::vector<Work> toRead;
+    compare(*messages, *files, mailbox.folder, *sight, changes, renamed, toRead);
+    failed_ = std::move(sight->failed);
+    coverage_.seen += failed_.size();
+    coverage_.removed += changes.removed.size();
+    if (dryRun_) {
+      coverage_.indexed += toRead.size();
+      coverage_.seen += toRead.size();
+      coverage_.failed += failed_.size();
+      return;
+    }
+    applyChanges(mailbox, *messages, *files, changes);
+    renameAll(mailbox, *files, renamed);
+    readAll(mailbox, toRead);
+    readVanished(mailbox);
+    coverage_.failed += failed_.size();
+    setFailed(mailbox.folder.path, failed_);
+  }
+
+  void compare(const std::vector<LibraryMessage>& messages,
+               const std::unordered_map<std::int64_t, IndexedFile>& files, const MailFolder& folder,
+               const Sight& sight, LibraryChanges& changes, std::vector<Work>& renamed,
+               std::vector<Work>& toRead) {
+    changes.removed = sight.gone;
+    auto message = messages.begin();
+    for (const SeenFile& file : sight.files) {
+      while (message != messages.end() && message->entry.name < file.entry.name) ++message;
+      if (message == messages.end() || message->entry.name != file.entry.name) {
+        toRead.push_back({file.entry, file.stamp, 0});
+        continue;
+      }
+      if (message->entry != file.entry) changes.moved.push_back({message->id, file.entry});
+      const auto indexed = files.find(message->id);
+      const Work work{file.entry, file.stamp, message->id};
+      const bool isRead =
+          indexed != files.end() && indexed->second.content == contentMark(file.stamp);
+      const bool isInPlace = isRead && indexed->second.place == placeMark(folder, file.entry);
+      if (!isRead || (!isInPlace && folder.format != MessageFormat::kMaildir)) {
+        toRead.push_back(work);
+        continue;
+      }
+      if (!isInPlace) renamed.push_back(work);
+      ++coverage_.seen;
+      ++coverage_.unchanged;
+      coverage_.incomplete += indexed->second.incomplete;
+    }
+    // Those with an ID first, then the new ones in the order in which they came.
+    std::sort(toRead.begin(), toRead.end(), [](const Work& a, const Work& b) {
+      const auto key = [](const Work& work) {
+        const std::int64_t delivered = deliverySecond(work.entry.file);
+        return std::tuple(work.id == 0, work.id, delivered >= 0 ? delivered : work.stamp.seconds,
+                          std::string_view(work.entry.name));
+      };
+      return key(a) < key(b);
+    });
+  }
+
+  void applyChanges(const LibraryMailbox& mailbox, const std::vector<LibraryMessage>& messages,
+                    const std::unordered_map<std::int64_t, IndexedFile>& files,
+                    const LibraryChanges& changes) {
+    if (!good()) return;
+    if (!changes.moved.empty() || !changes.removed.empty()) {
+      if (!note(library_.apply(mailbox.id, changes))) return;
+    }
+    std::vector<std::int64_t> removed;
+    for (const std::int64_t id : changes.removed) {
+      if (files.contains(id)) removed.push_back(id);
+    }
+    std::set<std::int64_t> known;
+    for (const LibraryMessage& message : messages) known.insert(known.end(), message.id);
+    for (const auto& [id, file] : files) {
+      if (!known.contains(id)) removed.push_back(id);
+    }
+    if (!removed.empty()) note(index_.remove(removed));
+  }
+
+  // A rename changes flags and names; the message need not be read again.
+  void renameAll(const LibraryMailbox& mailbox,
+                 const std::unordered_map<std::int64_t, IndexedFile>& files,
+                 const std::vector<Work>& renamed) {
+    std::vector<IndexEntry> entries;
+    for (const Work& work : renamed) {
+      if (!good()) return;
+      const auto message = index_.get(work.id);
+      if (!message) continue;
+      IndexEntry entry;
+      entry.id = work.id;
+      entry.mailbox = mailbox.id;
+      entry.file = files.at(work.id);
+      entry.file.place = placeMark(mailbox.folder, work.entry);
+      message->forEachAttribute([&](AttributeKey key, const Value& value) {
+        if (key == AttributeKey::kExternalID) return true;
+        (isQueryOnly(key) ? entry.queryOnly : entry.attributes).set(keyText(key), value);
+        return true;
+      });
+      renameMessage(placeOf(mailbox.folder, work.entry, {}), entry.attributes, entry.queryOnly);
+      entries.push_back(std::move(entry));
+      if (entries.size() >= options_.batchSize) {
+        note(index_.put(entries));
+        entries.clear();
+      }
+    }
+    if (good() && !entries.empty()) note(index_.put(entries));
+  }
+
+  static MessagePlace placeOf(const MailFolder& folder, const MessageEntry& entry,
+                              const FileFacts& facts) {
+    MessagePlace place;
+    place.format = messageFormat(folder.format, entry.file);
+    place.fileName = entry.file;
+    place.isNew = folder.format == MessageFormat::kMaildir && entry.part == "new";
+    place.mailboxIdentifier = folder.identifier;
+    place.facts = facts;
+    if (place.format == MessageFormat::kEmlx) {
+      place.attachmentPaths = attachmentPaths(messagePath(folder.path, entry.part, entry.file));
+    }
+    return place;
+  }
+
+  // Reads and stores in batches; a batch in hand is stored even when the update is stopped.
+  void readAll(const LibraryMailbox& mailbox, const std::vector<Work>& toRead) {
+    std::vector<Work> read;
+    std::vector<IndexEntry> entries;
+    std::size_t bytes = 0;
+    for (const Work& work : toRead) {
+      if (!good() || isStopped()) break;
+      ++coverage_.seen;
+      std::optional<IndexEntry> entry = readOne(mailbox, work);
+      if (!entry) continue;
+      bytes += entry->textContent->size();
+      read.push_back(work);
+      entries.push_back(std::move(*entry));
+      if (entries.size() >= options_.batchSize || bytes >= options_.batchBytes) {
+        store(mailbox, read, entries);
+        bytes = 0;
+      }
+    }
+    store(mailbox, read, entries);
+  }
+
+  // Files that were renamed between their listing and their reading, under their new names.
+  void readVanished(const LibraryMailbox& mailbox) {
+    constexpr int kMostRounds = 3;
+    for (int round = 0; round < kMostRounds && !vanished_.empty(); ++round) {
+      const auto listing = listMailbox(mailbox.folder);
+      if (!listing) break;
+      std::vector<Work> again;
+      for (Work& work : vanished_) {
+        const auto now = std::lower_bound(listing->entries.begin(), listing->entries.end(),
+                                          MessageEntry{work.entry.name, {}, {}});
+        if (now == listing->entries.end() || now->name != work.entry.name) continue;
+        again.push_back({*now, work.stamp, work.id});
+      }
+      vanished_.clear();
+      readAll(mailbox, again);
+    }
+    vanished_.clear();
+  }
+
+  std::optional<IndexEntry> readOne(const LibraryMailbox& mailbox, const Work& work) {
+    const std::string path = messagePath(mailbox.folder.path, work.entry.part, work.entry.file);
+    const auto started = stampClock();
+    auto file = readMessageFile(path, options_.limits.fileBytes);
+    if (!file) {
+      // It went or was renamed since it was listed.
+      if (file.error().code == ENOENT) {
+        --coverage_.seen;
+        vanished_.push_back(work);
+      } else {
+        failed_.push_back(
+            {path, std::generic_category().message(static_cast<int>(file.error().code))});
+      }
+      return std::nullopt;
+    }
+    ParsedMessage parsed =
+        parser_.parse(file->bytes, placeOf(mailbox.folder, work.entry, file->facts));
+    IndexEntry entry;
+    entry.id = work.id;
+    entry.mailbox = mailbox.id;
+    const FileStamp stamp = stampOf(file->facts);
+    // A stamp as young as this would not show a change that follows at once.
+    const bool isSettled = std::pair(stamp.seconds, stamp.nanoseconds) < started;
+    entry.file.content = isSettled ? contentMark(stamp) : kUnsettledMark;
+    entry.file.place = placeMark(mailbox.folder, work.entry);
+    entry.file.incomplete = !parsed.incomplete.empty();
+    entry.attributes = std::move(parsed.attributes);
+    entry.queryOnly = std::move(parsed.queryOnly);
+    entry.textContent = std::move(parsed.textContent);
+    entry.incomplete = std::move(parsed.incomplete);
+    return entry;
+  }
+
+  void store(const LibraryMailbox& mailbox, std::vector<Work>& read,
+             std::vector<IndexEntry>& entries) {
+    if (!good() || entries.empty()) return;
+    LibraryChanges changes;
+    for (const Work& work : read) {
+      if (work.id == 0) changes.added.push_back(work.entry);
+    }
+    if (!changes.added.empty()) {
+      const auto ids = library_.apply(mailbox.id, changes);
+      if (!note(ids)) return;
+      auto id = ids->begin();
+      for (IndexEntry& entry : entries) {
+        if (entry.id == 0) entry.id = *id++;
+      }
+    }
+    if (!note(index_.put(entries))) return;
+    coverage_.indexed += entries.size();
+    for (const IndexEntry& entry : entries) coverage_.incomplete += entry.file.incomplete;
+    read.clear();
+    entries.clear();
+    report();
+  }
+
+  Library& library_;
+  Index& index_;
+  const IndexerOptions& options_;
+  const std::atomic<bool>& stopped_;
+  const MessageParser parser_;
+  const std::vector<std::string>& roots_;
+  const Progress& progress_;
+  const bool dryRun_;
+  const Clock::time_point began_ = Clock::now();
+
+  std::vector<LibraryMailbox> known_;
+  std::set<std::string> missingRoots_;
+  std::set<std::string> unreadable_;
+  std::set<std::string> goneMailboxes_;
+  std::vector<std::string> sources_;
+  // Of the mailbox in hand.
+  std::vector<UnreadablePath> failed_;
+  std::vector<Work> vanished_;
+  std::uint64_t total_ = 0;
+  Coverage coverage_;
+  Error error_;
+};
+
+Indexer::Indexer(Library& library, Index& index, IndexerOptions options)
+    : library_(library), index_(index), options_(options) {}
+
+void Indexer::setRoots(std::vector<std::string> roots) {
+  for (std::string& root : roots) {
+    while (root.size() > 1 && root.back() == '/') root.pop_back();
+  }
+  // An outer folder before those in it.
+  std::sort(roots.begin(), roots.end());
+  roots.erase(std::unique(roots.begin(), roots.end()), roots.end());
+  const Lock lock(running_);
+  roots_ = std::move(roots);
+}
+
+Result<Coverage> Indexer::update(const Progress& progress) {
+  const Lock lock(running_);
+  if (index_.isDamaged()) {
+    const auto made = index_.makeAnew();
+    if (!made) return made.error();
+  }
+  auto done = Run(*this, roots_, progress, /*dryRun=*/false).all();
+  if (done || !index_.isDamaged()) return done;
+  const auto made = index_.makeAnew();
+  if (!made) return made.error();
+  return Run(*this, roots_, progress, /*dryRun=*/false).all();
+}
+
+Result<Coverage> Indexer::update(const MailChanges& changes) {
+  if (changes.everything) return update();
+  {
+    const Lock lock(running_);
+    if (!index_.isDamaged()) {
+      auto done = Run(*this, roots_, {}, /*dryRun=*/false).some(changes);
+      if (done || !index_.isDamaged()) return done;
+    }
+  }
+  return update();
+}
+
+Result<Coverage> Indexer::count() {
+  const Lock lock(running_);
+  return Run(*this, roots_, {}, /*dryRun=*/true).all();
+}
+
+}  // namespace thmp
