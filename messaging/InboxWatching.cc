@@ -57,8 +57,9 @@ void THMPCommunicationCenter::stopObservingDirectory() {
 void THMPCommunicationCenter::directoryChanged(const Url& directory) {
   // An observer may let go of the center's last other reference.
   const std::shared_ptr<THMPCommunicationCenter> self = shared_from_this();
-  const std::shared_ptr<const KnownMessageFiles> known = knownMessageFiles_.get();
+  // In flight first: what a scan that ends now has taken is then either known or still claimed.
   MessageClaims::Scan scan(class_.messageClaims(), directory.path());
+  const std::shared_ptr<const KnownMessageFiles> known = knownMessageFiles_.get();
   auto* const receiver = dynamic_cast<protocol::THMPCommunicationCenter*>(this);
   auto listed = std::make_shared<KnownMessageFiles>();
   const auto names = class_.platform().files.list(directory.path());

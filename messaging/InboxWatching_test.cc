@@ -334,7 +334,7 @@ TEST_F(InboxWatching, RootThatIsNoDictionaryIsAReadFailure) {
   start();
   EXPECT_EQ(fake.log.count(kReadFailure), roots.size());
   EXPECT_EQ(filesIn(inbox.path()), roots.size());
-  EXPECT_THAT(center->offered, IsEmpty());
+  EXPECT_EQ(center->offered, 0u);
 }
 
 TEST_F(InboxWatching, KeysOfEveryOtherTypeAreToleratedAndTheFileIsDeleted) {
@@ -400,7 +400,7 @@ TEST_F(InboxWatching, DeclinedFileStaysAndIsNotOfferedAgain) {
   center->accepts = true;
   watch()->fire();
   fake.runUntilIdle();
-  EXPECT_EQ(center->offered.size(), 2u);
+  EXPECT_EQ(center->offered, 2u);
   EXPECT_EQ(received(), 0u);
   EXPECT_EQ(filesIn(inbox.path()), 2u);
 }
@@ -413,7 +413,7 @@ TEST_F(InboxWatching, DeclinedFileThatVanishesAndReappearsIsOfferedAgain) {
   fake.runUntilIdle();
   placeMessage("1.plist");
   fake.runUntilIdle();
-  EXPECT_EQ(center->offered.size(), 2u);
+  EXPECT_EQ(center->offered, 2u);
 }
 
 TEST_F(InboxWatching, FileNobodyRegisteredForIsDeleted) {
@@ -468,7 +468,7 @@ TEST_F(InboxWatching, FailedListingEmptiesTheKnownSet) {
   EXPECT_THAT(known(), IsEmpty());
   watch()->fire();
   fake.runUntilIdle();
-  EXPECT_EQ(center->offered.size(), 2u);
+  EXPECT_EQ(center->offered, 2u);
 }
 
 TEST_F(InboxWatching, InboxThatIsReplacedIsWatchedOn) {

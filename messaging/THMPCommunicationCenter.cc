@@ -32,7 +32,7 @@ std::string messageFileName(Identity& identity, const std::optional<std::string>
 
 std::shared_ptr<THMPCommunicationCenter> THMPCommunicationCenter::create(
     THMPCommunicationCenterClass& centerClass) {
-  const std::shared_ptr<THMPCommunicationCenter> center(new THMPCommunicationCenter(centerClass));
+  std::shared_ptr<THMPCommunicationCenter> center(new THMPCommunicationCenter(centerClass));
   center->init();
   return center;
 }

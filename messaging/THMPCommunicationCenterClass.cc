@@ -42,8 +42,8 @@ Url THMPCommunicationCenterClass::communicationOutboxURL() {
 }
 
 Url THMPCommunicationCenterClass::messageFolder(const char* name, LogFormat<Error> failure) {
-  const Url data = pluginDataDirectoryURL();
-  const Url folder = data.empty() ? data : data.appending(name);
+  Url folder = pluginDataDirectoryURL();
+  if (!folder.empty()) folder = folder.appending(name);
   Error error;
   if (!platform_.files.createDirectories(folder.path(), &error)) {
     writeLogLine(platform_.log, failure, error);

@@ -21,7 +21,7 @@ bool isExistingDirectory(Files& files, const std::string& path) {
 
 std::shared_ptr<THMPMailCommunicationCenter> THMPMailCommunicationCenter::create(
     THMPCommunicationCenterClass& centerClass, DataDirectoryAccess& access) {
-  const std::shared_ptr<THMPMailCommunicationCenter> center(
+  std::shared_ptr<THMPMailCommunicationCenter> center(
       new THMPMailCommunicationCenter(centerClass, access));
   center->init();
   return center;
