@@ -24,13 +24,19 @@ std::atomic<std::size_t> memoryPeak{0};
 
 }  // namespace
 
-void* operator new(std::size_t size) {
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
   void* memory = std::malloc(size);
-  if (memory == nullptr) throw std::bad_alloc();
+  if (memory == nullptr) return nullptr;
   const std::size_t now = memoryNow += malloc_usable_size(memory);
   std::size_t peak = memoryPeak;
   while (now > peak && !memoryPeak.compare_exchange_weak(peak, now)) {
   }
+  return memory;
+}
+
+void* operator new(std::size_t size) {
+  void* memory = operator new(size, std::nothrow);
+  if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
 
