@@ -20,7 +20,6 @@ namespace thmp {
 namespace {
 
 using value_internal::Access;
-using value_internal::ContainerNode;
 using value_internal::entriesOf;
 using value_internal::Node;
 using value_internal::NodeRef;
@@ -102,6 +101,13 @@ Node* nodeOfBytes(Kind kind, const Byte* bytes, std::size_t count) {
 
 bool isAscii(const Byte* bytes, std::size_t count) {
   return std::none_of(bytes, bytes + count, [](Byte byte) { return byte >= 0x80; });
+}
+
+/// A copy of a value that no other thread can see yet.
+Value sharedUnpublished(const Value& value) {
+  if (value.kind() < Kind::kData) return value;
+  retainUnpublished(Access::node(value));
+  return Access::value(value.kind(), Access::node(value));
 }
 
 class BinaryReader {
@@ -279,11 +285,8 @@ bool BinaryReader::place(Frame& frame, const Slot& member) {
     return tooLarge(position(reference), "values nested too deeply");
   }
   frame.height = std::max(frame.height, member.height);
-  if (member.value.kind() >= Kind::kData) retainUnpublished(Access::node(member.value));
   Node* node = frame.node.get();
-  Value shared = member.value.kind() >= Kind::kData
-                     ? Access::value(member.value.kind(), Access::node(member.value))
-                     : member.value;
+  Value shared = sharedUnpublished(member.value);
   if (frame.kind == Kind::kArray) {
     new (valuesOf(node) + frame.next) Value(std::move(shared));
     ++node->size;

@@ -8,6 +8,7 @@
 #include <bit>
 #include <cmath>
 #include <cstring>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -32,18 +33,23 @@ struct Object {
   Kind kind;
   std::uint64_t bits;
 
-  Node* node() const { return reinterpret_cast<Node*>(static_cast<std::uintptr_t>(bits)); }
+  Node* node() const { return std::bit_cast<Node*>(bits); }
   std::size_t size() const { return node() == nullptr ? 0 : node()->size; }
+  /// False for a node that only one place refers to, and which therefore does not come again.
+  bool mayComeAgain() const {
+    return kind < Kind::kData || node() == nullptr ||
+           node()->references.load(std::memory_order_relaxed) > 1;
+  }
   friend bool operator==(const Object&, const Object&) = default;
 };
 
 Object objectOf(const Value& value) {
   if (value.kind() < Kind::kData) return {value.kind(), Access::bits(value)};
-  return {value.kind(), reinterpret_cast<std::uintptr_t>(Access::node(value))};
+  return {value.kind(), std::bit_cast<std::uint64_t>(Access::node(value))};
 }
 
 Object objectOf(const Text& text) {
-  return {Kind::kText, reinterpret_cast<std::uintptr_t>(Access::node(text))};
+  return {Kind::kText, std::bit_cast<std::uint64_t>(Access::node(text))};
 }
 
 std::string_view bytesOf(const Object& object) {
@@ -63,14 +69,15 @@ constexpr std::uint32_t kNoNumber = UINT32_MAX;
 /// The numbers of objects by kind and bits, with open addressing.
 class IdentityTable {
  public:
-  explicit IdentityTable(std::uint64_t seed) : seed_(seed), slots_(64) {}
+  explicit IdentityTable(std::uint64_t seed) : seed_(seed), slots_(1024) {}
 
   /// The place of an object's number: kNoNumber when it is new, and for the caller to fill then.
   std::uint32_t& at(const Object& object) {
     if ((used_ + 1) * 2 > slots_.size()) grow();
-    Slot& slot = slots_[indexOf(object)];
+    Slot& slot = slots_[indexOf(object.kind, object.bits)];
     if (slot.number == kNoNumber) {
-      slot.object = object;
+      slot.bits = object.bits;
+      slot.kind = object.kind;
       ++used_;
     }
     return slot.number;
@@ -78,22 +85,25 @@ class IdentityTable {
 
  private:
   struct Slot {
-    Object object;
+    std::uint64_t bits = 0;
     std::uint32_t number = kNoNumber;
+    Kind kind = Kind::kNull;
   };
 
-  std::size_t indexOf(const Object& object) const {
+  std::size_t indexOf(Kind kind, std::uint64_t bits) const {
     const std::size_t mask = slots_.size() - 1;
-    std::size_t i = mix(object.bits + static_cast<std::uint64_t>(object.kind), seed_) & mask;
-    while (slots_[i].number != kNoNumber && !(slots_[i].object == object)) i = (i + 1) & mask;
+    std::size_t i = mix(bits + static_cast<std::uint64_t>(kind), seed_) & mask;
+    while (slots_[i].number != kNoNumber && (slots_[i].bits != bits || slots_[i].kind != kind)) {
+      i = (i + 1) & mask;
+    }
     return i;
   }
 
   void grow() {
-    std::vector<Slot> old(slots_.size() * 2);
+    std::vector<Slot> old(slots_.size() * 4);
     old.swap(slots_);
     for (const Slot& slot : old) {
-      if (slot.number != kNoNumber) slots_[indexOf(slot.object)] = slot;
+      if (slot.number != kNoNumber) slots_[indexOf(slot.kind, slot.bits)] = slot;
     }
   }
 
@@ -106,7 +116,7 @@ class IdentityTable {
 class ContentTable {
  public:
   ContentTable(std::uint64_t seed, const std::vector<Object>& objects)
-      : seed_(seed), objects_(objects), slots_(64) {}
+      : seed_(seed), objects_(objects), slots_(1024) {}
 
   /// As IdentityTable::at.
   std::uint32_t& at(const Object& object) {
@@ -144,7 +154,7 @@ class ContentTable {
   }
 
   void grow() {
-    std::vector<Slot> old(slots_.size() * 2);
+    std::vector<Slot> old(slots_.size() * 4);
     old.swap(slots_);
     const std::size_t mask = slots_.size() - 1;
     for (const Slot& slot : old) {
@@ -173,6 +183,15 @@ void putBig(std::string& out, std::uint64_t number, std::size_t width) {
     bytes[i] = static_cast<char>(number >> (8 * (width - 1 - i)) & 0xFF);
   }
   out.append(bytes, width);
+}
+
+template <std::size_t kWidth>
+void storeReferences(char* out, std::span<const std::uint32_t> references) {
+  for (const std::uint32_t reference : references) {
+    for (std::size_t i = 0; i < kWidth; ++i) {
+      *out++ = static_cast<char>(reference >> (8 * (kWidth - 1 - i)) & 0xFF);
+    }
+  }
 }
 
 constexpr std::uint32_t kReplacement = 0xFFFD;
@@ -285,6 +304,7 @@ class BinaryWriter {
   }
 
   std::uint32_t numberOf(const Object& object) {
+    if (!object.mayComeAgain()) return newNumber(object);
     std::uint32_t& number = identities_.at(object);
     if (number == kNoNumber) number = newNumber(object);
     return number;
@@ -454,9 +474,14 @@ void BinaryWriter::writeText(std::string_view text) {
 }
 
 void BinaryWriter::writeReferences(std::size_t count) {
-  for (std::size_t i = 0; i < count; ++i) {
-    putBig(out_, references_[nextReference_++], referenceSize_);
-  }
+  const auto references = std::span(references_).subspan(nextReference_, count);
+  nextReference_ += count;
+  const std::size_t start = out_.size();
+  out_.resize(start + count * referenceSize_);
+  char* out = out_.data() + start;
+  if (referenceSize_ == 1) return storeReferences<1>(out, references);
+  if (referenceSize_ == 2) return storeReferences<2>(out, references);
+  storeReferences<4>(out, references);
 }
 
 }  // namespace

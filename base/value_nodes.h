@@ -12,8 +12,8 @@
 
 namespace thmp::value_internal {
 
-/// The head of an array or dictionary. Its elements are relocated byte by byte: a Value and an Entry
-/// hold no address of themselves.
+/// The head of an array or dictionary. Its elements are relocated byte by byte: a Value and an
+/// Entry hold no address of themselves.
 struct ContainerNode : Node {
   std::size_t capacity = 0;
   ContainerNode* nextToFree = nullptr;
