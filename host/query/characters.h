@@ -24,6 +24,9 @@ constexpr char asciiLower(char byte) {
 /// Whether two texts are equal when the case of ASCII letters does not count.
 bool equalsIgnoringAsciiCase(std::string_view a, std::string_view b);
 
+/// `text`, which is ASCII, in lower case; written to `out`, which has room for as many bytes.
+void lowerAscii(std::string_view text, char* out);
+
 /// Whether every byte of `text` is ASCII, NUL included.
 bool isAscii(std::string_view text);
 
@@ -37,22 +40,29 @@ void appendUtf8(char32_t codePoint, std::string& out);
 /// Where the first byte stands that is not well-formed UTF-8; empty when all is.
 std::optional<std::size_t> firstInvalidUtf8(std::string_view text);
 
-/// General category M: belongs to the character before it.
-bool isMark(char32_t codePoint);
+/// What the rules ask about a code point, as bits.
+enum CharacterClass : std::uint8_t {
+  kMark = 1,            // general category M: belongs to the character before it
+  kWordCharacter = 2,   // general category L or N
+  kLowerCase = 4,       // Ll
+  kUpperCase = 8,       // Lu or Lt
+  kWordByItself = 16,   // ideographs and kana, which are written without spaces
+  kUnmovedByFolds = 32  // folding leaves it as it is: it neither decomposes nor has another case
+};
 
-/// General category L or N.
-bool isWordCharacter(char32_t codePoint);
+/// The CharacterClass bits of `codePoint`.
+unsigned classOf(char32_t codePoint);
 
-/// Ideographs and kana, which are written without spaces: each is a word of its own.
-constexpr bool isWordByItself(char32_t c) {
-  return (c >= 0x3040 && c <= 0x30FF) || (c >= 0x31F0 && c <= 0x31FF) ||
-         (c >= 0x3400 && c <= 0x4DBF) || (c >= 0x4E00 && c <= 0x9FFF) ||
-         (c >= 0xF900 && c <= 0xFAFF) || (c >= 0x20000 && c <= 0x3FFFF);
+inline bool isMark(char32_t c) { return c >= 0x300 && (classOf(c) & kMark) != 0; }
+inline bool isWordCharacter(char32_t c) { return (classOf(c) & kWordCharacter) != 0; }
+
+/// Whether a word may begin or end between two neighbouring characters, given by the classes of
+/// their bases: always, unless both are word characters; then only at a step from lower to upper
+/// case and beside an ideograph or kana.
+constexpr bool isWordBoundary(unsigned leftClass, unsigned rightClass) {
+  if ((leftClass & rightClass & kWordCharacter) == 0) return true;
+  if (((leftClass | rightClass) & kWordByItself) != 0) return true;
+  return (leftClass & kLowerCase) != 0 && (rightClass & kUpperCase) != 0;
 }
-
-/// Whether a word may begin or end between two neighbouring characters, each given by its base:
-/// always, unless both are word characters; then only at a step from lower to upper case and beside
-/// an ideograph or kana.
-bool isWordBoundary(char32_t left, char32_t right);
 
 }  // namespace thmp::query

@@ -55,7 +55,8 @@ class TreeWriter {
     line(node.attribute.name + " " + std::string(operatorText(node.op)) + literalText(node.value));
   }
   void operator()(const InRange& node) {
-    line("InRange " + node.attribute.name + literalText(node.low) + literalText(node.high));
+    line("InRange " + node.attribute.name + literalText(node.bounds->low) +
+         literalText(node.bounds->high));
   }
   void operator()(const FieldMatch& node) {
     line("FieldMatch " + node.attribute.name);

@@ -81,8 +81,8 @@ class Evaluation {
   }
   bool operator()(const InRange& node) {
     return anyElement(node.attribute, [&](const Value& element, bool isContent) {
-      return elementHolds(Operator::kGreaterOrEqual, element, node.low, isContent) &&
-             elementHolds(Operator::kLessOrEqual, element, node.high, isContent);
+      return elementHolds(Operator::kGreaterOrEqual, element, node.bounds->low, isContent) &&
+             elementHolds(Operator::kLessOrEqual, element, node.bounds->high, isContent);
     });
   }
   bool operator()(const FieldMatch& node) {

@@ -88,12 +88,6 @@ std::u32string decode(std::string_view text) {
   return result;
 }
 
-/// Whether folding leaves this code point, which is no mark, as it is.
-bool isUnmovedByFolding(char32_t codePoint) {
-  const utf8proc_property_t& p = property(codePoint);
-  return p.casefold_seqindex == UINT16_MAX && p.decomp_seqindex == UINT16_MAX;
-}
-
 void dropMarks(std::u32string& character) {
   std::erase_if(character, [](char32_t c) {
     return c < kFirstCodePointWithLastingMarks && property(c).category == UTF8PROC_CATEGORY_MN;
@@ -103,7 +97,8 @@ void dropMarks(std::u32string& character) {
 /// Folds one character of a text in NFC.
 void appendFolded(std::u32string_view character, Folding folding, std::string& out) {
   const bool folds = folding.foldCase || folding.dropMarks;
-  const bool simple = !folds || (character.size() == 1 && isUnmovedByFolding(character[0]));
+  const bool simple =
+      !folds || (character.size() == 1 && (classOf(character[0]) & kUnmovedByFolds) != 0);
   if (simple) {
     for (const char32_t c : character) appendUtf8(c, out);
     return;
@@ -134,7 +129,7 @@ std::u32string composed(std::u32string text) {
 
 std::string foldText(std::string_view text, Folding folding) {
   FoldedText folded;
-  folded.assign(text, folding, /*wordRules=*/false);
+  folded.assign(text, folding);
   return std::string(folded.bytes());
 }
 
@@ -145,13 +140,13 @@ std::string foldText(std::u32string_view text, Folding folding) {
   return foldText(utf8, folding);
 }
 
-void FoldedText::assign(std::string_view text, Folding folding, bool wordRules) {
+void FoldedText::assign(std::string_view text, Folding folding) {
   original_ = text;
   ascii_ = isAscii(text);
   if (ascii_) {
     assignAscii(folding);
   } else {
-    assignCharacters(folding, wordRules);
+    assignCharacters(folding);
   }
 }
 
@@ -159,29 +154,30 @@ void FoldedText::assignAscii(Folding folding) {
   bytes_ = original_;
   if (!folding.foldCase) return;
   buffer_.resize(original_.size());
-  std::transform(original_.begin(), original_.end(), buffer_.begin(), asciiLower);
+  lowerAscii(original_, buffer_.data());
   bytes_ = buffer_;
 }
 
-void FoldedText::assignCharacters(Folding folding, bool wordRules) {
+void FoldedText::assignCharacters(Folding folding) {
   const std::u32string text = composed(decode(original_));
   buffer_.clear();
+  buffer_.reserve(original_.size());
   flags_.clear();
   flags_.reserve(original_.size() + 1);
   const auto mark = [&](unsigned flags) {
     flags_.resize(buffer_.size() + 1);
     flags_.back() = static_cast<std::uint8_t>(flags);
   };
-  char32_t left = ' ';
+  unsigned left = 0;
   for (std::size_t begin = 0; begin < text.size();) {
     const std::size_t end = characterEnd(text, begin);
-    const char32_t base = text[begin];
+    const unsigned right = classOf(text[begin]);
     unsigned flags = kEdge;
-    if (wordRules && query::isWordCharacter(base)) flags |= kWordCharacter;
-    if (wordRules && isWordBoundary(left, base)) flags |= kBoundary;
+    if ((right & query::kWordCharacter) != 0) flags |= kWordCharacter;
+    if (isWordBoundary(left, right)) flags |= kBoundary;
     mark(flags);
     appendFolded(std::u32string_view(text).substr(begin, end - begin), folding, buffer_);
-    left = base;
+    left = right;
     begin = end;
   }
   mark(kEdge | kBoundary);
@@ -211,8 +207,8 @@ bool FoldedText::isWordCharacter(std::size_t position) const {
 bool FoldedText::isBoundary(std::size_t position) const {
   if (!ascii_) return (flags_[position] & kBoundary) != 0;
   if (position == 0 || position == original_.size()) return true;
-  return isWordBoundary(static_cast<unsigned char>(original_[position - 1]),
-                        static_cast<unsigned char>(original_[position]));
+  return isWordBoundary(classOf(static_cast<unsigned char>(original_[position - 1])),
+                        classOf(static_cast<unsigned char>(original_[position])));
 }
 
 }  // namespace thmp::query

@@ -37,9 +37,8 @@ class FoldedText {
   FoldedText(const FoldedText&) = delete;
   FoldedText& operator=(const FoldedText&) = delete;
 
-  /// Folds `text`, which must live as long as this object shows it. `wordRules` says that
-  /// isBoundary() and isWordCharacter() will be asked.
-  void assign(std::string_view text, Folding folding, bool wordRules);
+  /// Folds `text`, which must live as long as this object shows it.
+  void assign(std::string_view text, Folding folding);
 
   std::string_view bytes() const { return bytes_; }
   std::size_t size() const { return bytes_.size(); }
@@ -59,7 +58,7 @@ class FoldedText {
   enum Flag : std::uint8_t { kEdge = 1, kWordCharacter = 2, kBoundary = 4 };
 
   void assignAscii(Folding folding);
-  void assignCharacters(Folding folding, bool wordRules);
+  void assignCharacters(Folding folding);
 
   std::string_view original_;
   std::string_view bytes_;  // of original_ or of buffer_

@@ -18,7 +18,7 @@ constexpr Folding kBoth{.foldCase = true, .dropMarks = true};
 
 std::vector<std::size_t> edgesOf(std::string_view text, Folding folding) {
   FoldedText folded;
-  folded.assign(text, folding, /*wordRules=*/false);
+  folded.assign(text, folding);
   std::vector<std::size_t> edges;
   for (std::size_t i = 0; i <= folded.size(); ++i) {
     if (folded.isEdge(i)) edges.push_back(i);
@@ -144,7 +144,7 @@ TEST(TextFolding, ManyMarksInTheWrongOrderAreOrderedAllTheSame) {
   std::string text = "a";
   for (int i = 0; i < 50000; ++i) text += "\u0301\u0323";
   FoldedText folded;
-  folded.assign(text, kCase, /*wordRules=*/true);
+  folded.assign(text, kCase);
   EXPECT_EQ(folded.next(0), folded.size()) << "one character";
   EXPECT_EQ(foldText(text, kMarks), "a");
 }
@@ -153,7 +153,7 @@ TEST(TextFolding, ManyMarksInTheWrongOrderAreOrderedAllTheSame) {
 
 std::string boundariesOf(std::string_view text) {
   FoldedText folded;
-  folded.assign(text, kNone, /*wordRules=*/true);
+  folded.assign(text, kNone);
   std::string result;
   for (std::size_t i = 0; i <= folded.size(); ++i) {
     if (folded.isEdge(i) && folded.isBoundary(i)) result += "|";
@@ -196,7 +196,7 @@ TEST(WordBoundaries, MarksBelongToTheirBase) {
 
 TEST(WordBoundaries, AreFoundBeforeFolding) {
   FoldedText folded;
-  folded.assign("myWindow\u00E9", kBoth, /*wordRules=*/true);
+  folded.assign("myWindow\u00E9", kBoth);
   EXPECT_EQ(folded.bytes(), "mywindowe");
   EXPECT_TRUE(folded.isBoundary(2));
 }

@@ -365,7 +365,7 @@ TextMatcher::TextMatcher(std::u32string_view pattern, Modifiers modifiers) : mod
 bool TextMatcher::matches(std::string_view text, bool byWords, FoldedText& scratch) const {
   const bool words =
       byWords || modifiers_.has(Modifiers::kWords) || modifiers_.has(Modifiers::kTokens);
-  scratch.assign(text, modifiers_.folding(), words);
+  scratch.assign(text, modifiers_.folding());
   if (!words) return patterns_.front().matchesWhole(scratch);
   return !patterns_.empty() &&
          std::all_of(patterns_.begin(), patterns_.end(),

@@ -65,7 +65,7 @@ class Pattern {
   /// Whether the pattern covers the whole text.
   bool matchesWhole(const FoldedText& text) const;
   /// Whether the pattern covers a stretch of the text from one word boundary to another; wildcards
-  /// take word characters only. A text assigned without word rules does not do.
+  /// take word characters only.
   bool matchesWords(const FoldedText& text) const;
 
   /// The folded literal, when the pattern is nothing but one; what an index can look up. Empty for

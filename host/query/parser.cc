@@ -280,7 +280,8 @@ std::optional<Node> Parser::inRange() {
   if (!low || !expect(Kind::kComma, "a comma")) return std::nullopt;
   std::optional<Literal> high = bound();
   if (!high || !expect(Kind::kCloseGroup, ")")) return std::nullopt;
-  return Node{InRange{*std::move(attr), *std::move(low), *std::move(high)}};
+  auto bounds = std::make_unique<const Bounds>(Bounds{*std::move(low), *std::move(high)});
+  return Node{InRange{*std::move(attr), std::move(bounds)}};
 }
 
 std::optional<Node> Parser::fieldMatch() {

@@ -77,10 +77,13 @@ struct Comparison {
   Operator op;
   Literal value;
 };
-struct InRange {
-  AttributeRef attribute;
+struct Bounds {
   Literal low;
   Literal high;
+};
+struct InRange {
+  AttributeRef attribute;
+  std::unique_ptr<const Bounds> bounds;  // apart, so that nodes stay small
 };
 struct FieldMatch {
   AttributeRef attribute;
