@@ -72,14 +72,13 @@ ParsedMessage parseMessage(std::string_view bytes, const MessagePlace& place,
     bytes = parts.message;
     trailer = parts.trailer;
   }
-  LimitedMessage limited;
-  limitMessage(bytes, limits, limited);
+  LimitedMessage limited = limitMessage(bytes, limits);
   for (std::string& reason : limited.reasons) parsed.incomplete.push_back(std::move(reason));
 
   const GMimeUse use;
-  const std::vector<RawHeader> headers = splitHeaders(limited.bytes);
+  const std::vector<RawHeader> headers = splitHeaders(limited.headers);
   if (headers.empty()) parsed.incomplete.emplace_back("no header field");
-  MessageBody body = readBody(limited.bytes, limits, parsed.incomplete);
+  MessageBody body = readBody(limited.mime, limits, parsed.incomplete);
   AttributeSet attributes;
   AttributeSet queryOnly;
   setMessageAttributes(headers, place, trailer, body.attachments, attributes, queryOnly);

@@ -39,32 +39,76 @@ bool isFieldName(std::string_view name) noexcept {
          std::all_of(name.begin(), name.end(), [](char c) { return c > ' ' && c < 0x7F; });
 }
 
-// Takes comments out of an address field; an unclosed one stays as it is.
-std::string withoutComments(std::string_view text) {
-  if (text.find('(') == std::string_view::npos) return std::string(text);
-  std::string out;
-  bool quoted = false;
-  std::size_t depth = 0;
-  std::size_t opened = 0;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
-    if (c == '\\' && i + 1 < text.size()) {
-      if (depth == 0) out.append(text.substr(i, 2));
-      ++i;
-      continue;
-    }
-    if (depth == 0 && c == '"') quoted = !quoted;
-    if (!quoted && c == '(') {
-      if (depth++ == 0) opened = i;
-    } else if (depth > 0 && c == ')') {
-      if (--depth == 0) out.push_back(' ');
-    } else if (depth == 0) {
-      out.push_back(c);
-    }
-  }
-  if (depth > 0) out.append(text.substr(opened));
-  return out;
+// The length of the white space character at `at`; 0 when none stands there.
+std::size_t whiteSpaceAt(std::string_view text, std::size_t at) noexcept {
+  const auto byte = static_cast<unsigned char>(text[at]);
+  if (byte < 0x80) return byte == ' ' || (byte >= 0x09 && byte <= 0x0D) ? 1 : 0;
+  // U+0085, U+00A0, U+1680, U+2000 to U+205F and U+3000 begin with these.
+  if (byte != 0xC2 && byte != 0xE1 && byte != 0xE2 && byte != 0xE3) return 0;
+  const std::size_t length = byte == 0xC2 ? 2 : 3;
+  if (text.size() - at < length) return 0;
+  const gunichar character =
+      g_utf8_get_char_validated(text.data() + at, static_cast<gssize>(length));
+  if (character >= 0x11'0000) return 0;
+  return character == 0x85 || g_unichar_isspace(character) != FALSE ? length : 0;
 }
+
+std::string_view fieldName(std::string_view line) noexcept {
+  const std::size_t colon = line.find(':');
+  std::string_view name = line.substr(0, colon == std::string_view::npos ? 0 : colon);
+  while (!name.empty() && (name.back() == ' ' || name.back() == '\t')) name.remove_suffix(1);
+  return name;
+}
+
+// Makes an address field flat for a parser that follows its nesting on the stack: without comments,
+// and without groups in groups.
+class FlatAddresses {
+ public:
+  explicit FlatAddresses(std::string_view text) : text_(text) {}
+
+  std::string run() {
+    for (std::size_t i = 0; i < text_.size(); ++i) {
+      const char c = text_[i];
+      if (c == '\\') {
+        if (depth_ == 0) out_.append(text_.substr(i, 2));
+        ++i;
+      } else if (depth_ == 0) {
+        outside(c);
+      } else if (c == '(') {
+        ++depth_;
+      } else if (c == ')' && --depth_ == 0) {
+        out_.push_back(' ');
+      }
+    }
+    return std::move(out_);
+  }
+
+ private:
+  void outside(char c) {
+    if (c == '"') quoted_ = !quoted_;
+    if (!quoted_) {
+      if (c == '(') {
+        ++depth_;
+        return;
+      }
+      if (c == '<') inAngle_ = true;
+      if (c == '>' || c == ',') inAngle_ = false;
+      if (c == ';') inGroup_ = false;
+      if (c == ':' && !inAngle_) {
+        if (inGroup_) c = ' ';
+        inGroup_ = true;
+      }
+    }
+    out_.push_back(c);
+  }
+
+  const std::string_view text_;
+  std::string out_;
+  std::size_t depth_ = 0;
+  bool quoted_ = false;
+  bool inAngle_ = false;
+  bool inGroup_ = false;
+};
 
 void collectAddresses(InternetAddressList* list, const EncodedWordMask& words,
                       std::vector<MailAddress>& out) {
@@ -106,16 +150,16 @@ std::vector<RawHeader> splitHeaders(std::string_view bytes) {
             value.data(), static_cast<std::size_t>(line.data() + line.size() - value.data()));
       }
     } else {
-      const std::size_t colon = line.find(':');
-      std::string_view name = line.substr(0, colon == std::string_view::npos ? 0 : colon);
-      while (!name.empty() && (name.back() == ' ' || name.back() == '\t')) name.remove_suffix(1);
+      const std::string_view name = fieldName(line);
       inField = isFieldName(name);
-      if (inField) headers.push_back({name, line.substr(colon + 1)});
+      if (inField) headers.push_back({name, line.substr(line.find(':') + 1)});
     }
     at = end + 1;
   }
   return headers;
 }
+
+bool isHeaderField(std::string_view line) noexcept { return isFieldName(fieldName(line)); }
 
 bool startsIgnoringCase(std::string_view text, std::string_view prefix) noexcept {
   return text.size() >= prefix.size() && equalsIgnoringCase(text.substr(0, prefix.size()), prefix);
@@ -150,35 +194,21 @@ std::string toUtf8(std::string_view bytes) {
 std::string collapseWhiteSpace(std::string_view text) {
   std::string out;
   out.reserve(text.size());
-  bool pending = false;
-  const auto add = [&](std::string_view character) {
-    if (pending && !out.empty()) out.push_back(' ');
-    pending = false;
-    out.append(character);
+  std::size_t wordBegin = 0;
+  const auto endWord = [&](std::size_t end) {
+    if (end == wordBegin) return;
+    if (!out.empty()) out.push_back(' ');
+    out.append(text.substr(wordBegin, end - wordBegin));
   };
   for (std::size_t i = 0; i < text.size();) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    if (byte < 0x80) {
-      if (byte == ' ' || (byte >= 0x09 && byte <= 0x0D)) {
-        pending = true;
-      } else {
-        add(text.substr(i, 1));
-      }
-      ++i;
-      continue;
+    const std::size_t space = whiteSpaceAt(text, i);
+    if (space > 0) {
+      endWord(i);
+      wordBegin = i + space;
     }
-    const auto length =
-        std::min<std::size_t>(static_cast<std::size_t>(g_utf8_skip[byte]), text.size() - i);
-    const gunichar character =
-        g_utf8_get_char_validated(text.data() + i, static_cast<gssize>(length));
-    const bool space = character < 0x11'0000 && (g_unichar_isspace(character) || character == 0x85);
-    if (space) {
-      pending = true;
-    } else {
-      add(text.substr(i, length));
-    }
-    i += length;
+    i += space > 0 ? space : 1;
   }
+  endWord(text.size());
   return out;
 }
 
@@ -190,7 +220,7 @@ std::string decodeHeaderText(std::string_view raw) {
 
 std::vector<MailAddress> parseAddresses(std::string_view raw) {
   std::vector<MailAddress> out;
-  const EncodedWordMask words(withoutComments(collapseWhiteSpace(toUtf8(raw))));
+  const EncodedWordMask words(FlatAddresses(collapseWhiteSpace(toUtf8(raw))).run());
   const GObjectPtr<InternetAddressList> list(
       internet_address_list_parse(mimeOptions(), words.masked().c_str()));
   if (list) collectAddresses(list.get(), words, out);

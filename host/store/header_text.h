@@ -22,6 +22,9 @@ struct RawHeader {
 /// GMime needed.
 std::vector<RawHeader> splitHeaders(std::string_view bytes);
 
+/// Whether a line begins a field: a name, and a colon. No GMime needed.
+bool isHeaderField(std::string_view line) noexcept;
+
 /// ASCII letters without case. No GMime needed.
 bool equalsIgnoringCase(std::string_view a, std::string_view b) noexcept;
 bool startsIgnoringCase(std::string_view text, std::string_view prefix) noexcept;

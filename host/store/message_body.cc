@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 
+#include "host/store/encoded_words.h"
 #include "host/store/gmime_use.h"
 #include "host/store/header_text.h"
 #include "host/store/html_text.h"
@@ -57,14 +58,40 @@ bool isType(GMimeObject* part, const char* type, const char* subtype) {
   return content != nullptr && g_mime_content_type_is_type(content, type, subtype) != FALSE;
 }
 
-std::string attachmentName(GMimeObject* part) {
-  const char* name = g_mime_object_get_disposition(part) == nullptr
-                         ? nullptr
-                         : g_mime_object_get_content_disposition_parameter(part, "filename");
-  if (name == nullptr || *name == '\0') {
-    name = g_mime_object_get_content_type_parameter(part, "name");
+const char* text(const char* found) { return found == nullptr ? "" : found; }
+
+// A parameter of the part's Content-Disposition or Content-Type. The MIME library stumbles over
+// encoded words that are padded each for itself, so it gets the field without them.
+std::string parameter(GMimeObject* part, const char* field, const char* name) {
+  const bool isType = equalsIgnoringCase(field, "Content-Type");
+  GMimeHeader* header = g_mime_header_list_get_header(g_mime_object_get_header_list(part), field);
+  const std::string_view raw = header == nullptr ? "" : text(g_mime_header_get_raw_value(header));
+  if (raw.find("=?") == std::string_view::npos) {
+    return decodeHeaderText(
+        text(isType ? g_mime_object_get_content_type_parameter(part, name)
+                    : g_mime_object_get_content_disposition_parameter(part, name)));
   }
-  return name == nullptr ? std::string() : decodeHeaderText(name);
+  const EncodedWordMask words(collapseWhiteSpace(toUtf8(raw)));
+  std::string found;
+  if (isType) {
+    const GObjectPtr<GMimeContentType> type(
+        g_mime_content_type_parse(mimeOptions(), words.masked().c_str()));
+    found = type ? text(g_mime_content_type_get_parameter(type.get(), name)) : "";
+  } else {
+    const GObjectPtr<GMimeContentDisposition> disposition(
+        g_mime_content_disposition_parse(mimeOptions(), words.masked().c_str()));
+    found =
+        disposition ? text(g_mime_content_disposition_get_parameter(disposition.get(), name)) : "";
+  }
+  return collapseWhiteSpace(cleanUtf8(words.unmask(found)));
+}
+
+std::string attachmentName(GMimeObject* part) {
+  std::string name;
+  if (g_mime_object_get_disposition(part) != nullptr) {
+    name = parameter(part, "Content-Disposition", "filename");
+  }
+  return name.empty() ? parameter(part, "Content-Type", "name") : name;
 }
 
 bool isAttachment(GMimeObject* part) {

@@ -29,19 +29,17 @@ std::string_view trimRight(std::string_view text) {
 // Follows the lines of a message through its headers and parts.
 class Scan {
  public:
-  Scan(std::string_view bytes, const ParseLimits& limits, LimitedMessage& out)
-      : bytes_(bytes), limits_(limits), out_(out) {}
+  Scan(std::string_view bytes, const ParseLimits& limits) : bytes_(bytes), limits_(limits) {}
 
-  void run() {
-    std::size_t at = bytes_.substr(0, 5) == "From " ? lineEnd(0) : 0;
-    start_ = at;
-    while (at < bytes_.size() && !cut_) {
-      const std::size_t end = lineEnd(at);
-      line(at, bytes_.substr(at, end - at));
-      if (cut_) break;
+  LimitedMessage run() {
+    out_.mime.reserve(bytes_.size());
+    for (std::size_t at = 0; at < bytes_.size() && !cut_;) {
+      const std::size_t newline = bytes_.find('\n', at);
+      const std::size_t end = newline == std::string_view::npos ? bytes_.size() : newline + 1;
+      line(bytes_.substr(at, end - at));
       at = end;
     }
-    finish(at);
+    return std::move(out_);
   }
 
  private:
@@ -51,22 +49,17 @@ class Scan {
     bool anyLine = false;
   };
 
-  std::size_t lineEnd(std::size_t at) const {
-    const std::size_t newline = bytes_.find('\n', at);
-    return newline == std::string_view::npos ? bytes_.size() : newline + 1;
-  }
-
-  void line(std::size_t at, std::string_view whole) {
+  void line(std::string_view whole) {
     std::string_view text = whole;
     if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
-    if (text.substr(0, 2) == "--" && !levels_.empty() && boundaryLine(trimRight(text))) {
-      keep(at, whole);
-      return;
-    }
-    if (inHeader_) {
-      headerLine(at, whole, text);
+    if (text.substr(0, 2) == "--" && boundaryLine(trimRight(text))) {
+      out_.mime.append(whole);
+    } else if (!inHeader_) {
+      out_.mime.append(whole);
+    } else if (text.empty() || text == "\r") {
+      endHeader(whole);
     } else {
-      keep(at, whole);
+      headerLine(whole);
     }
   }
 
@@ -81,10 +74,12 @@ class Scan {
                           name.substr(level.boundary.size()) == "--";
       if (!opens && !closes) continue;
       levels_.resize(closes ? i : i + 1);
+      isTop_ = false;
       if (closes) {
         inHeader_ = false;
       } else if (++parts_ > limits_.parts) {
         cut(fmt::format("more than {} parts", limits_.parts));
+        return false;
       } else {
         beginHeader();
       }
@@ -95,9 +90,18 @@ class Scan {
 
   void beginHeader() {
     inHeader_ = true;
+    field_ = Field::kNone;
     headerBytes_ = 0;
-    inContentType_ = false;
     isMessage_ = false;
+  }
+
+  void endHeader(std::string_view whole) {
+    out_.mime.append(whole);
+    inHeader_ = false;
+    isTop_ = false;
+    if (!isMessage_) return;
+    push({});
+    beginHeader();
   }
 
   void push(Level level) {
@@ -107,72 +111,53 @@ class Scan {
     }
   }
 
-  void headerLine(std::size_t at, std::string_view whole, std::string_view text) {
-    if (text.empty() || text == "\r") {
-      keep(at, whole);
-      inHeader_ = false;
-      if (isMessage_) {
-        push({});
-        beginHeader();
-      }
-      return;
-    }
+  enum class Field : std::uint8_t { kNone, kOther, kContent, kContentType };
+
+  void headerLine(std::string_view whole) {
     const std::size_t room = limits_.headerBytes - std::min(limits_.headerBytes, headerBytes_);
     headerBytes_ += whole.size();
     if (whole.size() > room) {
-      replace(at, room == 0 ? std::string() : std::string(whole.substr(0, room)) + "\n");
       note(fmt::format("a header longer than {} bytes", limits_.headerBytes));
-      text = text.substr(0, std::min(room, text.size()));
-    } else if (text.find('\0') != std::string_view::npos) {
-      std::string without(whole);
-      std::replace(without.begin(), without.end(), '\0', ' ');
-      replace(at, without);
-    } else {
-      keep(at, whole);
+      whole = whole.substr(0, room);
+      if (whole.empty()) return;
     }
-    contentType(text);
+    const bool continues = whole[0] == ' ' || whole[0] == '\t';
+    if (!continues) field_ = fieldOf(whole);
+    if (field_ == Field::kNone) return;
+    std::string clean(whole);
+    std::replace(clean.begin(), clean.end(), '\0', ' ');
+    if (clean.back() != '\n') clean.push_back('\n');
+    if (isTop_) out_.headers.append(clean);
+    if (field_ != Field::kOther) out_.mime.append(clean);
+    if (field_ == Field::kContentType) contentType(whole);
+  }
+
+  static Field fieldOf(std::string_view line) {
+    if (!isHeaderField(line)) return Field::kNone;
+    if (startsIgnoringCase(line, "content-type")) return Field::kContentType;
+    return startsIgnoringCase(line, "content-") ? Field::kContent : Field::kOther;
   }
 
   void contentType(std::string_view text) {
-    const bool continues = !text.empty() && (text[0] == ' ' || text[0] == '\t');
-    if (!continues) inContentType_ = startsIgnoringCase(text, "content-type");
-    if (!inContentType_) return;
     if (findIgnoringCase(text, "message/") != std::string_view::npos) isMessage_ = true;
-    boundaryParameter(text);
-  }
-
-  void boundaryParameter(std::string_view text) {
     constexpr std::string_view kWord = "boundary";
     const std::size_t found = findIgnoringCase(text, kWord);
     if (found == std::string_view::npos) return;
     std::string_view rest = text.substr(found + kWord.size());
     const std::size_t equals = rest.find('=');
-    if (equals == std::string_view::npos) return;
+    if (equals == std::string_view::npos) {
+      push({{}, true});
+      return;
+    }
     const bool plain = trimRight(rest.substr(0, equals)).empty();
     rest.remove_prefix(equals + 1);
     while (!rest.empty() && (rest[0] == ' ' || rest[0] == '\t')) rest.remove_prefix(1);
     const bool quoted = !rest.empty() && rest[0] == '"';
     if (quoted) rest.remove_prefix(1);
     const std::string_view value =
-        trimRight(rest.substr(0, rest.find_first_of(quoted ? "\"" : "; \t\r(")));
-    const bool escaped = value.find('\\') != std::string_view::npos;
-    if (!plain || escaped || value.empty()) {
-      push({{}, true});
-    } else {
-      push({value, false});
-    }
-  }
-
-  void keep(std::size_t, std::string_view whole) {
-    if (copying_) out_.storage.append(whole);
-  }
-
-  void replace(std::size_t at, std::string_view line) {
-    if (!copying_) {
-      copying_ = true;
-      out_.storage.assign(bytes_.substr(start_, at - start_));
-    }
-    out_.storage.append(line);
+        trimRight(rest.substr(0, rest.find_first_of(quoted ? "\"\r\n" : "; \t\r\n(")));
+    const bool odd = !plain || value.empty() || value.find('\\') != std::string_view::npos;
+    push(odd ? Level{{}, true} : Level{value, false});
   }
 
   void note(std::string reason) {
@@ -186,28 +171,23 @@ class Scan {
     cut_ = true;
   }
 
-  void finish(std::size_t end) {
-    out_.bytes = copying_ ? std::string_view(out_.storage) : bytes_.substr(start_, end - start_);
-  }
-
   const std::string_view bytes_;
   const ParseLimits& limits_;
-  LimitedMessage& out_;
+  LimitedMessage out_;
   std::vector<Level> levels_;
-  std::size_t start_ = 0;
   std::size_t headerBytes_ = 0;
   std::size_t parts_ = 0;
+  Field field_ = Field::kNone;
+  bool isTop_ = true;
   bool inHeader_ = true;
-  bool inContentType_ = false;
   bool isMessage_ = false;
-  bool copying_ = false;
   bool cut_ = false;
 };
 
 }  // namespace
 
-void limitMessage(std::string_view bytes, const ParseLimits& limits, LimitedMessage& out) {
-  Scan(bytes, limits, out).run();
+LimitedMessage limitMessage(std::string_view bytes, const ParseLimits& limits) {
+  return Scan(bytes, limits).run();
 }
 
 }  // namespace thmp

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Cuts a message down to what a MIME parser can be given without harm: header blocks, the number
-// of parts and their depth are bounded beforehand, in one pass over the lines, because the parser
-// builds an object for everything it meets. Any thread.
+// Cuts a message down to what a MIME parser can be given without harm. The parser builds an object
+// for everything it meets and follows the nesting of addresses and comments on its stack, so header
+// blocks, the number of parts and their depth are bounded beforehand, and of the fields it only
+// sees those that say what a part is. One pass over the lines. Any thread.
 #pragma once
 
 #include <string>
@@ -14,15 +15,15 @@
 namespace thmp {
 
 struct LimitedMessage {
-  /// The message, or `storage` where something had to be taken out; valid while both live.
-  std::string_view bytes;
-  std::string storage;
+  /// The message's own header fields, a line end behind each.
+  std::string headers;
+  /// For the MIME parser: the message with the Content- fields only, in it and in its parts.
+  std::string mime;
   /// What was cut, in words.
   std::vector<std::string> reasons;
 };
 
-/// A leading mbox line is taken off, NULs in headers become spaces. Fills `out` in place, as it
-/// refers to itself.
-void limitMessage(std::string_view bytes, const ParseLimits& limits, LimitedMessage& out);
+/// Lines of a header block that are no field are left out, NULs in fields become spaces.
+LimitedMessage limitMessage(std::string_view bytes, const ParseLimits& limits);
 
 }  // namespace thmp

@@ -1,0 +1,366 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/index/Index.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <random>
+#include <thread>
+
+#include "host/index/message_record.h"
+#include "host/store/test_support.h"
+
+namespace thmp {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using testing_support::TemporaryFolder;
+
+IndexEntry entryOf(std::int64_t id, const std::string& subject, const std::string& text = "words",
+                   std::int64_t mailbox = 1) {
+  IndexEntry entry;
+  entry.id = id;
+  entry.mailbox = mailbox;
+  entry.file = {static_cast<std::uint64_t>(id) * 7, static_cast<std::uint64_t>(id) * 11, false};
+  entry.attributes.set(keyText(AttributeKey::kSubject), Value(subject));
+  entry.attributes.set(keyText(AttributeKey::kContentType), Value("public.email-message"));
+  entry.queryOnly.set(keyText(AttributeKey::kTitle), Value(subject));
+  entry.textContent = text;
+  return entry;
+}
+
+class TheIndex : public ::testing::Test {
+ protected:
+  void SetUp() override { open(); }
+
+  void open() {
+    index_.reset();
+    auto opened = Index::open(path_, Index::Access::kReadWrite);
+    ASSERT_TRUE(opened) << opened.error().text();
+    index_ = std::move(*opened);
+  }
+  void put(std::vector<IndexEntry> entries) { ASSERT_TRUE(index_->put(entries)); }
+  std::vector<std::int64_t> found() const {
+    std::vector<std::int64_t> ids;
+    EXPECT_TRUE(index_->forEachDescending([&](const IndexedMessage& message) {
+      ids.push_back(message.id());
+      return true;
+    }));
+    return ids;
+  }
+  std::vector<std::string> filesBeside() const {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder_ / "idx")) {
+      names.push_back(entry.path().filename().string());
+    }
+    return names;
+  }
+
+  TemporaryFolder folder_;
+  const std::string path_ = folder_ / "idx/index.sqlite";
+  std::unique_ptr<Index> index_;
+};
+
+TEST_F(TheIndex, MessagesComeInDescendingOrder) {
+  put({entryOf(2, "two"), entryOf(7, "seven"), entryOf(5, "five")});
+  EXPECT_THAT(found(), ElementsAre(7, 5, 2));
+  EXPECT_EQ(*index_->count(), 3U);
+}
+
+TEST_F(TheIndex, MoreMessagesThanOneStepReadsComeEachOnce) {
+  std::vector<IndexEntry> entries;
+  for (int id = 1; id <= 1000; ++id) entries.push_back(entryOf(id, "s"));
+  put(std::move(entries));
+  const auto ids = found();
+  ASSERT_EQ(ids.size(), 1000U);
+  EXPECT_EQ(ids.front(), 1000);
+  EXPECT_EQ(ids.back(), 1);
+}
+
+TEST_F(TheIndex, AVisitCanEndEarlyAndMayWriteMeanwhile) {
+  put({entryOf(1, "one"), entryOf(2, "two"), entryOf(3, "three")});
+  int visited = 0;
+  ASSERT_TRUE(index_->forEachDescending([&](const IndexedMessage&) {
+    EXPECT_TRUE(index_->put(std::vector<IndexEntry>{entryOf(9, "nine")}));
+    return ++visited < 2;
+  }));
+  EXPECT_EQ(visited, 2);
+}
+
+TEST_F(TheIndex, AMessageHasItsAttributesItsTextAndItsIdentifier) {
+  put({entryOf(42, "Subject", "the text")});
+  const auto message = index_->get(42);
+  ASSERT_TRUE(message);
+  EXPECT_EQ(message->value("kMDItemSubject").asText(), "Subject");
+  EXPECT_EQ(message->value("kMDItemTitle").asText(), "Subject");
+  EXPECT_EQ(message->value("kMDItemTextContent").asText(), "the text");
+  EXPECT_EQ(message->value("_kMDItemExternalID").asText(), "42");
+  EXPECT_TRUE(message->value("kMDItemAuthors").isNull());
+  EXPECT_TRUE(message->value("no such").isNull());
+  const Dictionary all = message->attributes();
+  EXPECT_EQ(all.size(), 3U);
+  EXPECT_FALSE(all.contains("kMDItemTitle"));
+  const std::vector<std::string> names{"kMDItemSubject", "kMDItemTitle", "kMDItemTextContent"};
+  EXPECT_EQ(message->attributes(names).size(), 1U);
+  EXPECT_FALSE(index_->get(43));
+}
+
+TEST_F(TheIndex, AnEntryWithoutTextKeepsTheTextThatStands) {
+  IndexEntry entry = entryOf(1, "before", "the text");
+  entry.incomplete = {"cut"};
+  put({entry});
+  entry = entryOf(1, "after");
+  entry.textContent.reset();
+  put({entry});
+  EXPECT_EQ(index_->get(1)->value("kMDItemSubject").asText(), "after");
+  EXPECT_EQ(index_->textContent(1), "the text");
+  EXPECT_EQ(index_->incomplete()->size(), 1U);
+  put({entryOf(1, "whole", "other")});
+  EXPECT_EQ(index_->textContent(1), "other");
+  EXPECT_THAT(*index_->incomplete(), IsEmpty());
+}
+
+TEST_F(TheIndex, WhatItKnowsOfFilesOutlivesIt) {
+  put({entryOf(1, "one"), entryOf(2, "two", "", 8)});
+  ASSERT_TRUE(index_->setFailed("/m", {{"/m/x", "no"}}));
+  ASSERT_TRUE(index_->setLastUpdate(Date::fromUnixSeconds(1'500'000'000)));
+  open();
+  EXPECT_EQ(index_->files(1)->at(1), (IndexedFile{7, 11, false}));
+  EXPECT_EQ(index_->files(8)->size(), 1U);
+  EXPECT_THAT(*index_->mailboxes(), ElementsAre(1, 8));
+  EXPECT_THAT(*index_->failed(), ElementsAre(UnreadablePath{"/m/x", "no"}));
+  EXPECT_EQ(index_->lastUpdate()->unixSeconds(), 1'500'000'000);
+  ASSERT_TRUE(index_->keepFailed({"/other"}));
+  EXPECT_THAT(*index_->failed(), IsEmpty());
+}
+
+TEST_F(TheIndex, FilesArePrivateToTheUser) {
+  struct stat status {};
+  ASSERT_EQ(::stat(path_.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0600U);
+  ASSERT_EQ(::stat((path_ + "-wal").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0600U);
+  ASSERT_EQ(::stat((folder_ / "idx").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0700U);
+}
+
+TEST_F(TheIndex, EachCommitIsToldOnceInOrder) {
+  std::vector<std::string> told;
+  const auto text = [](const std::vector<std::int64_t>& ids) {
+    std::string all;
+    for (const std::int64_t id : ids) all += std::to_string(id) + ",";
+    return all;
+  };
+  const auto number = index_->addListener([&](const IndexChange& change) {
+    told.push_back("+" + text(change.added) + " ~" + text(change.changed) + " -" +
+                   text(change.removed));
+  });
+  put({entryOf(2, "b"), entryOf(1, "a")});
+  put({entryOf(2, "b2"), entryOf(3, "c")});
+  ASSERT_TRUE(index_->remove(std::vector<std::int64_t>{2, 99}));
+  ASSERT_TRUE(index_->removeMailbox(1));
+  ASSERT_TRUE(index_->removeMailbox(1));
+  index_->removeListener(number);
+  put({entryOf(5, "e")});
+  EXPECT_THAT(told, ElementsAre("+1,2, ~ -", "+3, ~2, -", "+ ~ -2,", "+ ~ -1,3,"));
+}
+
+TEST_F(TheIndex, AListenerMayReadWriteAndLeave) {
+  std::uint64_t number = 0;
+  int calls = 0;
+  number = index_->addListener([&](const IndexChange& change) {
+    ++calls;
+    EXPECT_TRUE(index_->contains(change.added.at(0)));
+    index_->removeListener(number);
+    EXPECT_TRUE(index_->put(std::vector<IndexEntry>{entryOf(9, "nine")}));
+  });
+  put({entryOf(1, "one")});
+  EXPECT_EQ(calls, 1);
+  EXPECT_TRUE(index_->contains(9));
+}
+
+TEST_F(TheIndex, HiddenMailboxesAreNotFoundAndComeBackAsAdded) {
+  put({entryOf(1, "one"), entryOf(2, "two", "", 2), entryOf(3, "three", "", 2)});
+  std::vector<IndexChange> told;
+  index_->addListener([&](const IndexChange& change) { told.push_back(change); });
+  index_->hideMailboxes({2});
+  EXPECT_THAT(found(), ElementsAre(1));
+  EXPECT_FALSE(index_->get(2));
+  EXPECT_EQ(*index_->count(), 3U);
+  EXPECT_TRUE(told.empty()) << "hiding reports no removals";
+  index_->hideMailboxes({});
+  EXPECT_THAT(found(), ElementsAre(3, 2, 1));
+  ASSERT_EQ(told.size(), 1U);
+  EXPECT_THAT(told[0].added, ElementsAre(2, 3));
+}
+
+TEST_F(TheIndex, ADamagedFileIsSetAsideAndBegunAnew) {
+  put({entryOf(1, "one")});
+  index_.reset();
+  testing_support::writeFile(path_, std::string(8192, 'x'));
+  std::filesystem::remove(path_ + "-wal");
+  open();
+  EXPECT_THAT(found(), IsEmpty());
+  EXPECT_THAT(filesBeside(), ::testing::Contains("index.sqlite.damaged-1"));
+  put({entryOf(1, "again")});
+  EXPECT_THAT(found(), ElementsAre(1));
+}
+
+TEST_F(TheIndex, AnotherSchemaVersionIsBegunAnewWithoutKeepingTheOld) {
+  put({entryOf(1, "one")});
+  index_.reset();
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(path_.c_str(), &db), SQLITE_OK);
+  sqlite3_exec(db, "PRAGMA user_version = 77", nullptr, nullptr, nullptr);
+  sqlite3_close(db);
+  open();
+  EXPECT_THAT(found(), IsEmpty());
+  EXPECT_THAT(filesBeside(), ::testing::Not(::testing::Contains("index.sqlite.damaged-1")));
+}
+
+TEST_F(TheIndex, AFileDeletedUnderUsIsNoticedAsAnErrorAndNotACrash) {
+  put({entryOf(1, "one")});
+  std::filesystem::remove_all(folder_ / "idx");
+  static_cast<void>(index_->put(std::vector<IndexEntry>{entryOf(2, "two")}));
+  static_cast<void>(index_->get(1));
+  open();
+  put({entryOf(2, "two")});
+  EXPECT_THAT(found(), ElementsAre(2));
+}
+
+TEST_F(TheIndex, ForReadingOnlyNothingIsMadeOrChanged) {
+  EXPECT_FALSE(Index::open(folder_ / "none/index.sqlite", Index::Access::kReadOnly));
+  EXPECT_FALSE(std::filesystem::exists(folder_ / "none"));
+  put({entryOf(1, "one")});
+  auto reader = Index::open(path_, Index::Access::kReadOnly);
+  ASSERT_TRUE(reader);
+  EXPECT_TRUE((*reader)->contains(1));
+  EXPECT_FALSE((*reader)->put(std::vector<IndexEntry>{entryOf(2, "two")}));
+  put({entryOf(2, "two")});
+  EXPECT_TRUE((*reader)->contains(2)) << "and it sees what is committed later";
+}
+
+TEST_F(TheIndex, DamageAnywhereNeverCrashesAndIsNoticedOrHarmless) {
+  std::vector<IndexEntry> entries;
+  for (int id = 1; id <= 200; ++id) {
+    entries.push_back(entryOf(id, "subject " + std::to_string(id), std::string(3000, 't')));
+  }
+  put(std::move(entries));
+  index_.reset();
+  const std::string good = testing_support::readWhole(path_);
+  ASSERT_GT(good.size(), 100'000U);
+  std::mt19937 random(7);
+  constexpr std::size_t kPage = 4096;
+  for (int round = 0; round < 60; ++round) {
+    std::string bad = good;
+    const std::size_t page = random() % (bad.size() / kPage);
+    for (std::size_t i = 0; i < kPage; ++i) bad[page * kPage + i] = static_cast<char>(random());
+    for (const auto& entry : std::filesystem::directory_iterator(folder_ / "idx")) {
+      std::filesystem::remove(entry);
+    }
+    testing_support::writeFile(path_, bad);
+    open();
+    ASSERT_TRUE(index_) << page;
+    static_cast<void>(index_->forEachDescending([&](const IndexedMessage& message) {
+      const auto subject = message.value("kMDItemSubject");
+      EXPECT_EQ(subject.asText(), "subject " + std::to_string(message.id()));
+      const auto text = message.value("kMDItemTextContent");
+      EXPECT_TRUE(text.isNull() || text.asText() == std::string(3000, 't'));
+      return true;
+    }));
+    if (index_->isDamaged()) {
+      ASSERT_TRUE(index_->makeAnew());
+      EXPECT_FALSE(index_->isDamaged());
+      EXPECT_THAT(found(), IsEmpty());
+    }
+  }
+}
+
+TEST_F(TheIndex, ReadersGoOnWhileAWriterWrites) {
+  put({entryOf(1, "one")});
+  std::atomic<bool> done{false};
+  std::atomic<int> told{0};
+  index_->addListener([&](const IndexChange&) { ++told; });
+  std::vector<std::thread> readers;
+  for (int i = 0; i < 3; ++i) {
+    readers.emplace_back([&] {
+      while (!done.load()) {
+        std::int64_t last = INT64_MAX;
+        EXPECT_TRUE(index_->forEachDescending([&](const IndexedMessage& message) {
+          EXPECT_LT(message.id(), last);
+          last = message.id();
+          EXPECT_FALSE(message.value("kMDItemSubject").isNull());
+          return true;
+        }));
+        EXPECT_TRUE(last == 1 || last == INT64_MAX) << "all, or just begun anew";
+      }
+    });
+  }
+  for (int round = 0; round < 30; ++round) {
+    put({entryOf(2 + round, "s"), entryOf(1, "one")});
+    if (round == 15) {
+      ASSERT_TRUE(index_->makeAnew());
+      put({entryOf(1, "one")});
+      break;
+    }
+  }
+  done.store(true);
+  for (std::thread& reader : readers) reader.join();
+  EXPECT_EQ(told.load(), 17);
+}
+
+TEST(MessageRecord, GivesBackWhatWasPutIn) {
+  const Value shared(Array{Value("a@b.test"), Value("c@d.test")});
+  Dictionary attributes;
+  attributes.set(keyText(AttributeKey::kAuthorEmailAddresses), shared);
+  attributes.set(keyText(AttributeKey::kAuthorAddresses), shared);
+  attributes.set(keyText(AttributeKey::kFSSize), Value(-5));
+  attributes.set(keyText(AttributeKey::kFileIdentifier), Value(~std::uint64_t{0}));
+  attributes.set(keyText(AttributeKey::kRead), Value(true));
+  attributes.set(keyText(AttributeKey::kFlagged), Value(false));
+  attributes.set(keyText(AttributeKey::kDateAdded), Value(Date{-123456789.0}));
+  attributes.set(keyText(AttributeKey::kCreationDate), Value(Date{0.25}));
+  attributes.set(keyText(AttributeKey::kKind), Value("Mail Message"));
+  attributes.set(keyText(AttributeKey::kEmailHeadersDictionary),
+                 Value(Dictionary{{"Subject", Value(Array{Value("x")})}}));
+  const Dictionary queryOnly{{keyText(AttributeKey::kTitle), Value("t")}};
+  const std::string record = encodeRecord(attributes, queryOnly);
+  EXPECT_TRUE(isIntactRecord(record));
+  Dictionary back;
+  Dictionary backQueryOnly;
+  forEachInRecord(record, [&](AttributeKey key, const Value& value) {
+    (isQueryOnly(key) ? backQueryOnly : back).set(keyText(key), value);
+    EXPECT_TRUE(Value::identical(value, recordValue(record, key)));
+    return true;
+  });
+  EXPECT_TRUE(Value::identical(Value(back), Value(attributes)));
+  EXPECT_TRUE(Value::identical(Value(backQueryOnly), Value(queryOnly)));
+  EXPECT_EQ(back["kMDItemAuthorAddresses"].identity(),
+            back["kMDItemAuthorEmailAddresses"].identity());
+  EXPECT_TRUE(recordValue(record, AttributeKey::kSubject).isNull());
+}
+
+TEST(MessageRecord, AnyBytesAreSafeToRead) {
+  std::mt19937 random(11);
+  Dictionary attributes{{keyText(AttributeKey::kAuthors), Value(Array{Value("x"), Value("y")})},
+                        {keyText(AttributeKey::kSubject), Value("subject")}};
+  const std::string good = encodeRecord(attributes, {});
+  for (int round = 0; round < 20'000; ++round) {
+    std::string bad = good;
+    for (int i = 0; i < 3; ++i) bad[random() % bad.size()] = static_cast<char>(random());
+    bad.resize(random() % (bad.size() + 1));
+    forEachInRecord(bad, [](AttributeKey, const Value&) { return true; });
+    static_cast<void>(recordValue(bad, AttributeKey::kSubject));
+  }
+  EXPECT_FALSE(isIntactRecord("abc"));
+  std::string changed = good;
+  changed.back() = static_cast<char>(changed.back() ^ 1);
+  EXPECT_FALSE(isIntactRecord(changed));
+}
+
+}  // namespace
+}  // namespace thmp
