@@ -79,15 +79,19 @@ void LinuxPreferences::set(const std::string& key, const Value& value) {
 void LinuxPreferences::remove(const std::string& key) { set(key, Value()); }
 
 bool LinuxPreferences::flush() {
+  bool written = false;
   const Lock lock(fileMutex_);
-  return write();
+  runGuarded([&]() THMP_NO_THREAD_SAFETY_ANALYSIS { written = write(); });
+  return written;
 }
 
 void LinuxPreferences::load() {
   const Descriptor folder = openAt(AT_FDCWD, folder_, O_RDONLY | O_DIRECTORY);
   if (!folder) return;
   const Descriptor lock = lockFile(folder.get());
-  adoptFile(folder.get());
+  if (!adoptFile(folder.get())) {
+    tellErrno("the user defaults cannot be read: ", "cannot read the file in");
+  }
 }
 
 void LinuxPreferences::writeBehind() {
@@ -112,16 +116,13 @@ bool LinuxPreferences::write() {
     if (changedKeys_.empty()) return true;
   }
   const auto failed = [this](const char* what) THMP_NO_THREAD_SAFETY_ANALYSIS {
-    Error error;
-    failWithErrno(&error, what + (" " + folder_));
-    tell("the user defaults cannot be written: " + error.text());
-    return false;
+    return tellErrno("the user defaults cannot be written: ", what);
   };
   if (!createFolders(folder_)) return failed("cannot make the folder");
   const Descriptor folder = openAt(AT_FDCWD, folder_, O_RDONLY | O_DIRECTORY);
   if (!folder) return failed("cannot open the folder");
   const Descriptor lock = lockFile(folder.get());
-  adoptFile(folder.get());
+  if (!adoptFile(folder.get())) return failed("cannot read the file in");
   Dictionary values;
   std::set<std::string> keys;
   {
@@ -140,43 +141,36 @@ bool LinuxPreferences::write() {
     const Lock state(mutex_);
     changedKeys_.merge(keys);
   }
-  if (!bytes) {
-    tell("the user defaults cannot be written: " + error.text());
-    return false;
-  }
+  if (!bytes) return tell("the user defaults cannot be written: " + error.text());
   errno = number;
   return failed("cannot replace the file in");
 }
 
 /// Takes in what another process has written since the file was seen last; our own changes stay.
-void LinuxPreferences::adoptFile(int folder) {
+/// False when a file stands there that may be sound and cannot be read: then it must not be
+/// replaced.
+bool LinuxPreferences::adoptFile(int folder) {
   const auto status = statAt(folder, kFileName);
-  if (!status || (known_ && sameState(*status, *known_))) return;
-  std::optional<Dictionary> found = read(folder);
-  if (!found) return;
-  const Lock lock(mutex_);
-  for (const std::string& key : changedKeys_) found->set(key, values_[key]);
-  values_ = std::move(*found);
-}
-
-/// Empty when there is no file, or none that could be read; that is set aside.
-std::optional<Dictionary> LinuxPreferences::read(int folder) {
+  if (!status) return errno == ENOENT;
+  if (known_ && sameState(*status, *known_)) return true;
   const Descriptor file = openAt(folder, kFileName, O_RDONLY | O_NONBLOCK | O_NOCTTY);
   std::optional<std::string> bytes;
   if (file) bytes = readRegularFile(file.get(), kBatchLimits.maxBytes);
+  struct stat seen = {};
+  if (!bytes || ::fstat(file.get(), &seen) != 0) return false;
   Error error;
-  if (!bytes) failWithErrno(&error, "cannot read the file in " + folder_);
-  const auto root = bytes ? readPropertyList(*bytes, kBatchLimits, &error) : std::nullopt;
-  auto dictionary = root ? root->asDictionary() : std::nullopt;
-  struct stat status = {};
-  if (dictionary && ::fstat(file.get(), &status) == 0) known_ = status;
-  if (dictionary) return dictionary;
-  // What only could not be opened or read may be sound.
-  if (bytes) ::renameat(folder, kFileName, folder, kDamagedName);
-  log_.write("tallyhive: the user defaults cannot be read, and " +
-             std::string(bytes ? "were set aside as defaults.plist.damaged: " : "stay away: ") +
-             (error.isSet() ? error.text() : std::string("no dictionary")));
-  return std::nullopt;
+  const auto root = readPropertyList(*bytes, kBatchLimits, &error);
+  std::optional<Dictionary> found = root ? root->asDictionary() : std::nullopt;
+  if (!found) {
+    log_.write("tallyhive: the user defaults are damaged and were set aside as " + folder_ + "/" +
+               kDamagedName + ": " + (error.isSet() ? error.text() : "no dictionary"));
+    return ::renameat(folder, kFileName, folder, kDamagedName) == 0;
+  }
+  known_ = seen;
+  const Lock lock(mutex_);
+  for (const std::string& key : changedKeys_) found->set(key, values_[key]);
+  values_ = std::move(*found);
+  return true;
 }
 
 bool LinuxPreferences::replaceFile(int folder, const std::string& bytes) {
@@ -193,8 +187,15 @@ bool LinuxPreferences::replaceFile(int folder, const std::string& bytes) {
   return ::fsync(folder) == 0;
 }
 
-void LinuxPreferences::tell(const std::string& what) {
+bool LinuxPreferences::tell(const std::string& what) {
   if (!std::exchange(failing_, true)) log_.write("tallyhive: " + what);
+  return false;
+}
+
+bool LinuxPreferences::tellErrno(const std::string& what, const std::string& why) {
+  Error error;
+  failWithErrno(&error, why + " " + folder_);
+  return tell(what + error.text());
 }
 
 }  // namespace thmp

@@ -4,10 +4,11 @@
 // memory, written behind on a thread of its own within a second of a change.
 //
 // The file is replaced whole, and is on the disk (file, then folder) before the old one is given
-// up. A file that cannot be read is set aside under its name and ".damaged". Where several
-// processes keep one file, each writes what it has changed itself into what it finds; the last
-// writer of a key wins. What fails is tried again with the next change, and told once in the log.
-// Any thread.
+// up. A damaged file is set aside under its name and ".damaged"; one that cannot be read for want
+// of descriptors or rights, or is no file, stays, and nothing is written in its place. Where
+// several processes keep one file, each writes what it has changed itself into what it finds; the
+// last writer of a key wins. What fails is tried again with the next change, and told once in the
+// log. Any thread.
 #pragma once
 
 #include <sys/stat.h>
@@ -46,10 +47,11 @@ class LinuxPreferences final : public Preferences {
   void load() THMP_REQUIRES(fileMutex_);
   void writeBehind();
   bool write() THMP_REQUIRES(fileMutex_);
-  void adoptFile(int folder) THMP_REQUIRES(fileMutex_);
+  bool adoptFile(int folder) THMP_REQUIRES(fileMutex_);
   bool replaceFile(int folder, const std::string& bytes) THMP_REQUIRES(fileMutex_);
-  std::optional<Dictionary> read(int folder) THMP_REQUIRES(fileMutex_);
-  void tell(const std::string& what) THMP_REQUIRES(fileMutex_);
+  /// Writes the line unless the last one told of a failure, too. Always false.
+  bool tell(const std::string& what) THMP_REQUIRES(fileMutex_);
+  bool tellErrno(const std::string& what, const std::string& why) THMP_REQUIRES(fileMutex_);
 
   const std::string folder_;
   SystemLog& log_;

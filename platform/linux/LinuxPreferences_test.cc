@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/linux/LinuxPreferences.h"
 
-#include <sys/inotify.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -111,13 +111,33 @@ TEST_F(LinuxPreferencesTest, DamagedFileIsSetAsideAndToldOnce) {
   }
 }
 
-TEST_F(LinuxPreferencesTest, FolderInPlaceOfTheFileCountsAsEmpty) {
+TEST_F(LinuxPreferencesTest, FolderInPlaceOfTheFileCountsAsEmptyAndStays) {
   testing::makeFolder(file());
   LinuxPreferences preferences(folder_.at("host"), log_);
   EXPECT_TRUE(preferences.get("key").isNull());
   preferences.set("key", 1);
   EXPECT_EQ(preferences.get("key"), Value(1));
   EXPECT_FALSE(preferences.flush());
+  EXPECT_FALSE(preferences.flush());
+  EXPECT_EQ(log_.lines().size(), 1U);
+}
+
+TEST_F(LinuxPreferencesTest, FileThatCannotBeReadNowIsNotReplaced) {
+  store(Dictionary{{"kept", 1}});
+  int failed = 0;
+  for (rlim_t descriptors = 0; descriptors < 12; ++descriptors) {
+    failed += testing::resultInChild([&] {
+      const rlimit limit = {descriptors, descriptors};
+      ::setrlimit(RLIMIT_NOFILE, &limit);
+      LinuxPreferences starved(folder_.at("host"), log_);
+      starved.set("key", 1);
+      return starved.flush() ? 0 : 1;
+    });
+    EXPECT_EQ(stored()["kept"], Value(1)) << descriptors;
+  }
+  EXPECT_GE(failed, 3);
+  EXPECT_LT(failed, 12);
+  EXPECT_EQ(stored()["key"], Value(1));
 }
 
 TEST_F(LinuxPreferencesTest, FailureIsToldOnceAndTriedAgain) {

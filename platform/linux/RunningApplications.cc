@@ -32,7 +32,8 @@ bool hasEnded(pid_t process, const Descriptor& descriptor) {
   return ::poll(&ready, 1, 0) == 1;
 }
 
-/// A shared lock never keeps the application from taking its own.
+/// Asked only where the process seems to have ended: for a moment the lock is ours, and an
+/// application that would take it just then had to wait.
 bool isLocked(int file) {
   if (::flock(file, LOCK_SH | LOCK_NB) != 0) return errno == EWOULDBLOCK;
   ::flock(file, LOCK_UN);

@@ -61,7 +61,7 @@ TEST_F(PosixIo, FileLongerThanItsSizeSaysIsReadWhole) {
 }
 
 TEST_F(PosixIo, VeryDeepFolderIsRemovedWithFewDescriptors) {
-  constexpr int kDepth = 3000;
+  constexpr int kDepth = 1500;
   Descriptor at = open();
   ASSERT_EQ(::mkdirat(at.get(), "deep", 0700), 0);
   at = openAt(at.get(), "deep", O_RDONLY | O_DIRECTORY);
