@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
+#include <vector>
 
 #include "client/Exchange.h"
 #include "client/SearchOutput.h"
@@ -27,17 +29,18 @@ Exit status: 0 found, 1 nothing found, 2 wrong usage or failed query, 3 no plug-
 
 struct SearchOptions {
   SearchRequest request;
-  std::string query;
+  std::vector<std::string> words;
   bool json = false;
   bool paths = false;
   bool nulEnds = false;
 };
 
 int search(SearchOptions options, const CommonOptions& common) {
-  if (isPredicate(options.query)) {
-    options.request.query = options.query;
+  const std::string query = fmt::format("{}", fmt::join(options.words, " "));
+  if (isPredicate(query)) {
+    options.request.query = query;
   } else {
-    const Result<std::string> predicate = predicateFromShorthand(options.query);
+    const Result<std::string> predicate = predicateFromShorthand(query);
     if (!predicate) {
       fmt::print(stderr, "tallyhive-mail: {}\n", console::shown(predicate.error().description));
       return kExitUsage;
@@ -70,7 +73,7 @@ Command addSearch(CLI::App& app, const CommonOptions& common, CLI::App*& subcomm
   subcommand = app.add_subcommand("search", "Find mail; without QUERY all of it");
   const auto options = std::make_shared<SearchOptions>();
   SearchRequest& request = options->request;
-  subcommand->add_option("QUERY", options->query, "What to find, see below");
+  subcommand->add_option("QUERY", options->words, "What to find, see below");
   subcommand->add_option("--sort", request.sortingAttribute, "Sort each delivery by this attribute")
       ->type_name("ATTRIBUTE");
   subcommand->add_flag("--ascending", request.sortAscending, "Sort from low to high");

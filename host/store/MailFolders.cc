@@ -17,6 +17,7 @@
 
 #include "host/store/folder_names.h"
 #include "host/store/header_text.h"
+#include "platform/linux/utf8.h"
 
 namespace thmp {
 

@@ -84,10 +84,6 @@ constexpr std::array<Role, 14> kRoles = {{{"inbox", "inbox"},
 
 }  // namespace
 
-bool isUtf8(std::string_view bytes) noexcept {
-  return g_utf8_validate(bytes.data(), static_cast<gssize>(bytes.size()), nullptr) != FALSE;
-}
-
 std::string escapedPath(std::string_view path) {
   constexpr std::string_view kHex = "0123456789ABCDEF";
   std::string out;

@@ -8,8 +8,6 @@
 
 namespace thmp {
 
-bool isUtf8(std::string_view bytes) noexcept;
-
 /// `path` with what is not UTF-8 in it as %XX.
 std::string escapedPath(std::string_view path);
 

@@ -6,6 +6,7 @@
 
 #include "host/store/encoded_words.h"
 #include "host/store/gmime_use.h"
+#include "platform/linux/utf8.h"
 
 namespace thmp {
 
@@ -16,10 +17,6 @@ char lower(char c) noexcept { return c >= 'A' && c <= 'Z' ? static_cast<char>(c 
 bool isAscii(std::string_view text) noexcept {
   return std::all_of(text.begin(), text.end(),
                      [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-}
-
-bool isUtf8(std::string_view text) noexcept {
-  return g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) != FALSE;
 }
 
 void appendCharacter(std::string& out, char32_t character) {
