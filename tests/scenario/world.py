@@ -1,0 +1,293 @@
+# SPDX-License-Identifier: Apache-2.0
+"""A world for one scenario: folders of its own, a mailbox, a real host, and clients written with nothing but plistlib.
+
+Nothing here waits for time to pass: every wait is for something that the programs do, and gives up loudly after PATIENCE.
+"""
+
+import contextlib
+import os
+import pathlib
+import plistlib
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import unittest
+import urllib.parse
+import uuid
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+BUILD = pathlib.Path(os.environ.get("THMP_BUILD", ROOT / "build"))
+HOST = BUILD / "bin" / "tallyhive-mailhost"
+CLIENT = BUILD / "bin" / "tallyhive-mail"
+SAMPLE = pathlib.Path(os.environ.get("THMP_MAIL_SAMPLE", ROOT.parent / "shared" / "mail-sample"))
+PATIENCE = 60.0
+
+sys.path.insert(0, str(ROOT / "tests" / "support"))
+
+PREFIX = " com.quorvane.tallyhive.mailplugin."
+
+
+def wait_for(condition, what, patience=PATIENCE):
+    """The condition's first true value. Other processes cannot wake us, so it is asked again and again."""
+    deadline = time.monotonic() + patience
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > deadline:
+            raise AssertionError(f"gave up waiting for {what}")
+        time.sleep(0.005)
+
+
+class World:
+    def __init__(self):
+        self.root = pathlib.Path(tempfile.mkdtemp(prefix="tallyhive-world-"))
+        self.folders = {name: self.root / name for name in ("data", "config", "cache", "runtime")}
+        for folder in self.folders.values():
+            folder.mkdir(mode=0o700)
+        self.environment = dict(os.environ)
+        self.environment.update(
+            XDG_DATA_HOME=str(self.folders["data"]), XDG_CONFIG_HOME=str(self.folders["config"]),
+            XDG_CACHE_HOME=str(self.folders["cache"]), XDG_RUNTIME_DIR=str(self.folders["runtime"]),
+            HOME=str(self.root), TZ="UTC", LC_ALL="C.UTF-8")
+        self.mail = self.root / "Mail"
+        self.exchange = self.folders["data"] / "Mail" / "Tallyhive"
+        self.inbox = self.exchange / "in"
+        self.outbox = self.exchange / "out"
+        self.pasteboards = self.folders["cache"] / "tallyhive" / "pasteboards"
+        self.applications = self.folders["runtime"] / "tallyhive" / "applications"
+        self.defaults = self.folders["config"] / "tallyhive-mailhost" / "defaults.plist"
+        self.library = self.folders["data"] / "tallyhive-mailhost" / "library.sqlite"
+        self.delivered = 0
+        self.hosts = []
+        self.client_running = None
+
+    def close(self):
+        for host in self.hosts:
+            host.kill()
+        shutil.rmtree(self.root, ignore_errors=True)
+
+    # Mail
+
+    def maildir(self, name=""):
+        folder = self.mail / name if name else self.mail
+        for part in ("cur", "new", "tmp"):
+            (folder / part).mkdir(parents=True, exist_ok=True)
+        return folder
+
+    def deliver(self, subject="Hello", sender="Ada <ada@example.org>", to="Robin <robin@example.org>", flags="S",
+                folder="", date="Mon, 05 May 2025 10:00:00 +0000", second=None, body="A few words.", headers=""):
+        """One message, whole in one step. Returns its path."""
+        box = self.maildir(folder)
+        self.delivered += 1
+        second = 1_700_000_000 + self.delivered if second is None else second
+        name = f"{second}.M{self.delivered}.world"
+        temporary = box / "tmp" / name
+        temporary.write_text(
+            f"From: {sender}\nTo: {to}\nSubject: {subject}\nDate: {date}\nMessage-ID: <{name}@example.org>\n{headers}"
+            f"Content-Type: text/plain; charset=utf-8\n\n{body}\n", encoding="utf-8")
+        place = box / "new" / name if flags is None else box / "cur" / f"{name}:2,{flags}"
+        temporary.rename(place)
+        return place
+
+    def deliver_many(self, count, **options):
+        return [self.deliver(subject=f"Message {number}", **options) for number in range(count)]
+
+    # Programs
+
+    def run(self, program, *arguments, **options):
+        options.setdefault("timeout", PATIENCE)
+        return subprocess.run([str(program), *map(str, arguments)], env=self.environment, capture_output=True, text=True,
+                              stdin=subprocess.DEVNULL, **options)
+
+    def index(self, *arguments):
+        result = self.run(HOST, "index", *(arguments or ("--mail", self.mail)))
+        assert result.returncode == 0, result.stderr
+        return result.stdout
+
+    def serve(self, *arguments, ready=True, indexed=True, remembered=False, **options):
+        """A host that serves, the world's mail unless it goes by the remembered folders. With `indexed`, its first walk over
+        the mail has ended."""
+        if not arguments and not remembered:
+            arguments = ("--mail", str(self.mail))
+        host = Host(self, arguments, **options)
+        self.hosts.append(host)
+        if ready:
+            host.wait_for_ready()
+        if indexed and ready:
+            host.wait_for_line("the index is up to date")
+        return host
+
+    def client(self, name="client"):
+        return Client(self, name)
+
+    def search(self, *arguments, **options):
+        return self.run(CLIENT, "search", *arguments, **options)
+
+    # What is there
+
+    def stored_log(self):
+        with contextlib.suppress(FileNotFoundError):
+            return plistlib.loads(self.defaults.read_bytes()).get("THMPMailPlugin.log", [])
+        return []
+
+    def pasteboard_names(self):
+        return sorted(entry.name for entry in self.pasteboards.iterdir()) if self.pasteboards.is_dir() else []
+
+    def messages_in(self, folder):
+        """All readable messages of a folder, none taken."""
+        found = []
+        for path in folder.iterdir():
+            with contextlib.suppress(FileNotFoundError):
+                if path.suffix == ".plist":
+                    found.append(plistlib.loads(path.read_bytes()))
+        return found
+
+
+class Host:
+    """A running `tallyhive-mailhost serve`, its standard error kept line by line."""
+
+    def __init__(self, world, arguments, environment=None, prefix=()):
+        self.world = world
+        world.outbox.mkdir(parents=True, exist_ok=True, mode=0o700)
+        self.old_answers = set(os.listdir(world.outbox))
+        self.process = subprocess.Popen([*prefix, str(HOST), "serve", *arguments], env=environment or world.environment,
+                                        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                        text=True, errors="replace")
+        self.lines = []
+        self.reader = threading.Thread(target=self._read, daemon=True)
+        self.reader.start()
+
+    def _read(self):
+        for line in self.process.stderr:
+            self.lines.append(line.rstrip("\n"))
+
+    def _ended(self):
+        return self.process.poll() is not None
+
+    def wait_for_ready(self):
+        def ready():
+            if self._ended():
+                raise AssertionError(f"the host has ended: {self.lines}")
+            return any(message["name"] == PREFIX + "PluginReady" and "clientName" not in message["userInfo"]
+                       for message in self.world.messages_in(self.world.outbox))
+        wait_for(lambda: any("THMPMailPlugin create instance" in line for line in self.lines) and ready(), "PluginReady")
+
+    def wait_for_line(self, text, count=1):
+        wait_for(lambda: sum(text in line for line in list(self.lines)) >= count, f"{count} x {text!r} in {self.lines[-20:]}")
+
+    def count(self, text):
+        return sum(text in line for line in list(self.lines))
+
+    def signal(self, number):
+        self.process.send_signal(number)
+
+    def quit(self, number=signal.SIGTERM):
+        """Tells it to quit; returns its exit status."""
+        self.process.send_signal(number)
+        return self.wait()
+
+    def wait(self):
+        status = self.process.wait(PATIENCE)
+        self.reader.join(PATIENCE)
+        self.process.stdout.close()
+        self.process.stderr.close()
+        return status
+
+    def kill(self):
+        if not self._ended():
+            self.process.kill()
+            self.wait()
+
+
+class Client:
+    """A client of the exchange, written from its description alone."""
+
+    def __init__(self, world, name):
+        self.world = world
+        self.name = name
+        self.taken = {}  # unique name to its messages, in the order taken
+        self.batches = {}
+        world.inbox.mkdir(parents=True, exist_ok=True, mode=0o700)
+
+    def post(self, kind, _format=plistlib.FMT_BINARY, **user_info):
+        user_info.setdefault("clientName", self.name)
+        message = {"name": PREFIX + kind, "userInfo": {k: v for k, v in user_info.items() if v is not None}}
+        return self.post_bytes(plistlib.dumps(message, fmt=_format))
+
+    def post_bytes(self, content, name=None):
+        name = name or f"{uuid.uuid4().hex}.plist"
+        temporary = self.world.inbox / f"{uuid.uuid4().hex}.part"
+        temporary.write_bytes(content)
+        temporary.rename(self.world.inbox / name)
+        return self.world.inbox / name
+
+    def take(self, own):
+        """Reads and deletes the messages in "out" that `own` claims."""
+        found = []
+        for path in sorted(self.world.outbox.iterdir()):
+            if path.suffix != ".plist":
+                continue
+            try:
+                message = plistlib.loads(path.read_bytes())
+            except FileNotFoundError:
+                continue
+            if own(message):
+                path.unlink()
+                found.append(message)
+        return found
+
+    def connect(self, **user_info):
+        token = uuid.uuid4().hex
+        self.post("Connect", token=token, **user_info)
+        return wait_for(lambda: self.take(lambda m: m["name"] == PREFIX + "PluginReady" and
+                                          m.get("userInfo", {}).get("token") == token), "the answer to Connect")[0]
+
+    def search(self, unique, query=None, **user_info):
+        self.taken.setdefault(unique, [])
+        return self.post("Search", uniqueName=unique, queryString=query, version="1", **user_info)
+
+    def look(self, unique):
+        taken = self.take(lambda m: m.get("userInfo", {}).get("uniqueName") == unique)
+        self.taken.setdefault(unique, []).extend(taken)
+        return self.taken[unique]
+
+    def of_kind(self, unique, kind):
+        return [message["userInfo"] for message in self.look(unique) if message["name"] == PREFIX + kind]
+
+    def wait_for_kind(self, unique, kind, count=1):
+        return wait_for(lambda: len(found := self.of_kind(unique, kind)) >= count and found, f"{count} x {kind} of {unique}")
+
+    def gathered(self, unique):
+        """Waits for the end of gathering; then all updates that came, in their order."""
+        self.wait_for_kind(unique, "QueryDidComplete")
+        return sorted(self.of_kind(unique, "QueryHasUpdates"), key=lambda info: info["batchNumber"])
+
+    def read(self, info, kind="ResultsBatch"):
+        path = self.world.pasteboards / info["batchName"] / urllib.parse.quote(PREFIX + kind, safe="-._~")
+        return plistlib.loads(path.read_bytes())
+
+    def clear(self, info, **changes):
+        return self.post("Clear", **{"uniqueName": info["uniqueName"], "batchName": info["batchName"], **changes})
+
+    def cancel(self, unique, **changes):
+        return self.post("Cancel", uniqueName=unique, **changes)
+
+    def wait_taken(self, *paths):
+        """Until the plug-in has taken the requests."""
+        wait_for(lambda: not any(path.exists() for path in paths), "requests to be taken")
+
+    def subjects(self, unique):
+        """Of all results so far, batch by batch."""
+        updates = sorted(self.of_kind(unique, "QueryHasUpdates"), key=lambda info: info["batchNumber"])
+        return [item["attributes"].get("kMDItemSubject") for info in updates for item in self.read(info)["messages"]]
+
+
+class Scenario(unittest.TestCase):
+    def setUp(self):
+        self.world = World()
+        self.addCleanup(self.world.close)
