@@ -141,7 +141,7 @@ class World:
     def messages_in(self, folder):
         """All readable messages of a folder, none taken."""
         found = []
-        for path in folder.iterdir():
+        for path in folder.iterdir() if folder.is_dir() else ():
             with contextlib.suppress(FileNotFoundError):
                 if path.suffix == ".plist":
                     found.append(plistlib.loads(path.read_bytes()))
@@ -151,13 +151,11 @@ class World:
 class Host:
     """A running `tallyhive-mailhost serve`, its standard error kept line by line."""
 
-    def __init__(self, world, arguments, environment=None, prefix=()):
+    def __init__(self, world, arguments, environment=None, prefix=(), umask=-1):
         self.world = world
-        world.outbox.mkdir(parents=True, exist_ok=True, mode=0o700)
-        self.old_answers = set(os.listdir(world.outbox))
         self.process = subprocess.Popen([*prefix, str(HOST), "serve", *arguments], env=environment or world.environment,
                                         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                        text=True, errors="replace")
+                                        text=True, errors="replace", umask=umask)
         self.lines = []
         self.reader = threading.Thread(target=self._read, daemon=True)
         self.reader.start()
@@ -183,7 +181,7 @@ class Host:
     def count(self, text):
         return sum(text in line for line in list(self.lines))
 
-    def signal(self, number):
+    def send(self, number):
         self.process.send_signal(number)
 
     def quit(self, number=signal.SIGTERM):
@@ -249,7 +247,8 @@ class Client:
 
     def search(self, unique, query=None, **user_info):
         self.taken.setdefault(unique, [])
-        return self.post("Search", uniqueName=unique, queryString=query, version="1", **user_info)
+        user_info.setdefault("version", "1")
+        return self.post("Search", uniqueName=unique, queryString=query, **user_info)
 
     def look(self, unique):
         taken = self.take(lambda m: m.get("userInfo", {}).get("uniqueName") == unique)
