@@ -28,6 +28,9 @@ namespace {
 // A name is believed gone after this many listings at the latest, all of which missed it.
 constexpr int kMostListings = 12;
 
+// Seconds by which a file server's clock may be ahead of ours.
+constexpr std::int64_t kClockSlack = 60;
+
 using Clock = std::chrono::steady_clock;
 
 struct FileStamp {
@@ -95,7 +98,8 @@ std::vector<std::string> attachmentPaths(const std::string& messageFile) {
 
 struct SeenFile {
   MessageEntry entry;
-  FileStamp stamp;
+  /// Empty when the file had been renamed again by the time it was looked at.
+  std::optional<FileStamp> stamp;
 };
 
 // One file to be read; of a message that has an ID already, or of a new one.
@@ -334,10 +338,10 @@ class Indexer::Run {
         goneMailboxes_.insert(mailbox.folder.path);
         return std::nullopt;
       }
-      const bool missed = addSeen(mailbox.folder, messages, *listing, sight);
+      addSeen(mailbox.folder, messages, *listing, sight);
       findGone(messages, sight);
-      if (sight.gone.empty() && !missed) return sight;
-      if ((listings > 1 && listing->quiet && !missed) || listings == kMostListings) break;
+      if (sight.gone.empty()) return sight;
+      if ((listings > 1 && listing->quiet) || listings == kMostListings) break;
     }
     keepThoseThere(mailbox.folder, messages, sight);
     return sight;
@@ -349,15 +353,15 @@ class Indexer::Run {
     coverage_.seen += failed.size();
   }
 
-  // Adds what the listing shows and `sight` lacks. Returns whether a name had gone again.
-  bool addSeen(const MailFolder& folder, const std::vector<LibraryMessage>& messages,
+  // Adds what the listing shows and `sight` lacks. A name that was listed is there, even when its
+  // file cannot be caught under it.
+  void addSeen(const MailFolder& folder, const std::vector<LibraryMessage>& messages,
                const MailboxListing& listing, Sight& sight) {
-    bool missed = false;
     sight.failed = listing.failed;
-    const std::size_t before = sight.files.size();
-    const auto beforeEnd = [&] {
-      return sight.files.begin() + static_cast<std::ptrdiff_t>(before);
-    };
+    std::vector<SeenFile> files;
+    files.reserve(listing.entries.size());
+    std::vector<SeenFile> before = std::move(sight.files);
+    auto have = before.begin();
     for (std::size_t i = 0; i < listing.entries.size();) {
       std::size_t next = i + 1;
       while (next < listing.entries.size() &&
@@ -365,21 +369,22 @@ class Indexer::Run {
         ++next;
       }
       const std::string& name = listing.entries[i].name;
-      const auto have = std::lower_bound(
-          sight.files.begin(), beforeEnd(), name,
-          [](const SeenFile& file, const std::string& wanted) { return file.entry.name < wanted; });
-      if (have == beforeEnd() || have->entry.name != name) {
-        missed |= !addBest(folder, messages, {listing.entries.data() + i, next - i}, sight);
+      for (; have != before.end() && have->entry.name < name; ++have) files.push_back(*have);
+      if (have != before.end() && have->entry.name == name) {
+        files.push_back(*have++);
+      } else {
+        addBest(folder, messages, {listing.entries.data() + i, next - i}, files, sight.failed);
       }
       i = next;
     }
-    std::sort(sight.files.begin(), sight.files.end(), byName);
-    return missed;
+    files.insert(files.end(), have, before.end());
+    sight.files = std::move(files);
   }
 
   // Of several files with one name: the one that the library knows, else a complete one in `cur`.
-  bool addBest(const MailFolder& folder, const std::vector<LibraryMessage>& messages,
-               std::span<const MessageEntry> entries, Sight& sight) {
+  static void addBest(const MailFolder& folder, const std::vector<LibraryMessage>& messages,
+                      std::span<const MessageEntry> entries, std::vector<SeenFile>& files,
+                      std::vector<UnreadablePath>& failed) {
     const auto known = std::lower_bound(
         messages.begin(), messages.end(), entries[0].name,
         [](const LibraryMessage& one, const std::string& name) { return one.entry.name < name; });
@@ -397,16 +402,16 @@ class Indexer::Run {
       const std::string path = messagePath(folder.path, entry->part, entry->file);
       const auto stamp = stampOf(path);
       if (stamp) {
-        sight.files.push_back({*entry, *stamp});
-        return true;
+        files.push_back({*entry, stamp});
+        return;
       }
       struct stat link {};
       if (::lstat(path.c_str(), &link) == 0) {
-        sight.failed.push_back({path, "it leads nowhere"});
-        return true;
+        failed.push_back({path, "it leads nowhere"});
+        return;
       }
     }
-    return false;
+    files.push_back({*order.front(), std::nullopt});
   }
 
   static void findGone(const std::vector<LibraryMessage>& messages, Sight& sight) {
@@ -431,7 +436,7 @@ class Indexer::Run {
       ++next;
       const auto stamp = stampOf(messagePath(folder.path, message.entry.part, message.entry.file));
       if (stamp) {
-        sight.files.push_back({message.entry, *stamp});
+        sight.files.push_back({message.entry, stamp});
       } else {
         gone.push_back(message.id);
       }
@@ -479,14 +484,25 @@ class Indexer::Run {
     for (const SeenFile& file : sight.files) {
       while (message != messages.end() && message->entry.name < file.entry.name) ++message;
       if (message == messages.end() || message->entry.name != file.entry.name) {
-        toRead.push_back({file.entry, file.stamp, 0});
+        if (file.stamp) {
+          toRead.push_back({file.entry, *file.stamp, 0});
+        } else {
+          vanished_.push_back({file.entry, {}, 0});
+        }
+        continue;
+      }
+      const auto indexed = files.find(message->id);
+      if (!file.stamp) {
+        // Renamed again meanwhile: it is there, and where exactly the next update will see.
+        ++coverage_.seen;
+        ++coverage_.unchanged;
+        if (indexed == files.end()) vanished_.push_back({file.entry, {}, message->id});
         continue;
       }
       if (message->entry != file.entry) changes.moved.push_back({message->id, file.entry});
-      const auto indexed = files.find(message->id);
-      const Work work{file.entry, file.stamp, message->id};
+      const Work work{file.entry, *file.stamp, message->id};
       const bool isRead =
-          indexed != files.end() && indexed->second.content == contentMark(file.stamp);
+          indexed != files.end() && indexed->second.content == contentMark(*file.stamp);
       const bool isInPlace = isRead && indexed->second.place == placeMark(folder, file.entry);
       if (!isRead || (!isInPlace && folder.format != MessageFormat::kMaildir)) {
         toRead.push_back(work);
@@ -631,8 +647,9 @@ class Indexer::Run {
     entry.id = work.id;
     entry.mailbox = mailbox.id;
     const FileStamp stamp = stampOf(file->facts);
-    // A stamp as young as this would not show a change that follows at once.
-    const bool isSettled = std::pair(stamp.seconds, stamp.nanoseconds) < started;
+    // A stamp as young as this would not show a change that follows at once. One far ahead would.
+    const bool isSettled = std::pair(stamp.seconds, stamp.nanoseconds) < started ||
+                           stamp.seconds > started.first + kClockSlack;
     entry.file.content = isSettled ? contentMark(stamp) : kUnsettledMark;
     entry.file.place = placeMark(mailbox.folder, work.entry);
     entry.file.incomplete = !parsed.incomplete.empty();

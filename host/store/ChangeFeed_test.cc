@@ -1,0 +1,236 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/store/ChangeFeed.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <csignal>
+#include <filesystem>
+
+#include "base/mutex.h"
+#include "host/store/test_support.h"
+
+namespace thmp {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using testing_support::makeMaildir;
+using testing_support::TemporaryFolder;
+using testing_support::writeFile;
+
+// Gathers what is told until something wanted is among it.
+class Told {
+ public:
+  void add(const MailChanges& changes) {
+    const Lock lock(mutex_);
+    all_.everything |= changes.everything;
+    all_.mailboxes.insert(changes.mailboxes.begin(), changes.mailboxes.end());
+    all_.trees.insert(changes.trees.begin(), changes.trees.end());
+    ++calls_;
+    changed_.notify_all();
+  }
+
+  template <typename Wanted>
+  bool until(const Wanted& wanted) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    const Lock lock(mutex_);
+    while (!wanted(all_)) {
+      if (changed_.wait_until(mutex_, end) == std::cv_status::timeout) return false;
+    }
+    return true;
+  }
+  bool untilMailbox(const std::string& path) {
+    return until([&](const MailChanges& all) { return all.mailboxes.contains(path); });
+  }
+  bool untilTree(const std::string& path) {
+    return until([&](const MailChanges& all) { return all.trees.contains(path); });
+  }
+  MailChanges take() {
+    const Lock lock(mutex_);
+    return std::exchange(all_, {});
+  }
+  int calls() {
+    const Lock lock(mutex_);
+    return calls_;
+  }
+
+ private:
+  Mutex mutex_;
+  ConditionVariable changed_;
+  MailChanges all_ THMP_GUARDED_BY(mutex_);
+  int calls_ THMP_GUARDED_BY(mutex_) = 0;
+};
+
+class FollowingMail : public ::testing::Test {
+ protected:
+  FollowingMail() { makeMaildir(root_); }
+
+  void start(ChangeFeedOptions options = {}) {
+    feed_ = std::make_unique<ChangeFeed>(
+        std::vector<std::string>{root_}, [this](const MailChanges& changes) { told_.add(changes); },
+        [this](std::string_view line) { lines_.emplace_back(line); }, options);
+    feed_->start();
+  }
+
+  TemporaryFolder folder_;
+  const std::string root_ = folder_ / "mail";
+  Told told_;
+  std::vector<std::string> lines_;
+  std::unique_ptr<ChangeFeed> feed_;
+};
+
+TEST_F(FollowingMail, ADeliveryTellsItsMailboxAlone) {
+  makeMaildir(root_ + "/.Work");
+  start();
+  writeFile(root_ + "/tmp/1.a", "x");
+  fs::rename(root_ + "/tmp/1.a", root_ + "/.Work/new/1.a");
+  ASSERT_TRUE(told_.untilMailbox(root_ + "/.Work"));
+  const MailChanges all = told_.take();
+  EXPECT_THAT(all.mailboxes, ElementsAre(root_ + "/.Work"));
+  EXPECT_TRUE(all.trees.empty());
+  EXPECT_FALSE(all.everything);
+}
+
+TEST_F(FollowingMail, RenamesAndRemovalsAreTold) {
+  writeFile(root_ + "/new/1.a", "x");
+  start();
+  fs::rename(root_ + "/new/1.a", root_ + "/cur/1.a:2,S");
+  ASSERT_TRUE(told_.untilMailbox(root_));
+  told_.take();
+  fs::remove(root_ + "/cur/1.a:2,S");
+  EXPECT_TRUE(told_.untilMailbox(root_));
+}
+
+TEST_F(FollowingMail, ManyChangesAreToldInFewCalls) {
+  start();
+  for (int i = 0; i < 500; ++i) writeFile(root_ + "/new/" + std::to_string(i), "x");
+  ASSERT_TRUE(told_.untilMailbox(root_));
+  EXPECT_LT(told_.calls(), 500);
+}
+
+TEST_F(FollowingMail, ANewMailboxIsToldAndWatched) {
+  start();
+  makeMaildir(root_ + "/.New");
+  ASSERT_TRUE(told_.untilTree(root_ + "/.New"));
+  // Its watch stands before it is told.
+  ASSERT_TRUE(told_.until([&](const MailChanges& all) { return !all.trees.empty(); }));
+  told_.take();
+  writeFile(root_ + "/.New/new/1.a", "x");
+  EXPECT_TRUE(told_.until([&](const MailChanges& all) {
+    return all.mailboxes.contains(root_ + "/.New") || all.trees.contains(root_ + "/.New");
+  }));
+}
+
+TEST_F(FollowingMail, AMailboxThatGoesIsTold) {
+  makeMaildir(root_ + "/.Old");
+  start();
+  fs::rename(root_ + "/.Old", folder_ / "elsewhere");
+  EXPECT_TRUE(told_.untilTree(root_ + "/.Old"));
+}
+
+TEST_F(FollowingMail, TheFirstLooseMessageTellsItsFolder) {
+  fs::create_directories(root_ + "/Saved");
+  start();
+  writeFile(root_ + "/Saved/a.eml", "x");
+  ASSERT_TRUE(told_.untilTree(root_ + "/Saved"));
+  told_.take();
+  writeFile(root_ + "/Saved/b.eml", "x");
+  EXPECT_TRUE(told_.untilMailbox(root_ + "/Saved"));
+}
+
+TEST_F(FollowingMail, AMailFolderThatGoesAndComesBackIsTold) {
+  ChangeFeedOptions options;
+  options.missingRootCheck = std::chrono::milliseconds(10);
+  start(options);
+  fs::rename(root_, folder_ / "away");
+  ASSERT_TRUE(told_.untilTree(root_));
+  told_.take();
+  fs::rename(folder_ / "away", root_);
+  ASSERT_TRUE(told_.untilTree(root_));
+  told_.take();
+  writeFile(root_ + "/new/1.a", "x");
+  EXPECT_TRUE(told_.untilMailbox(root_));
+}
+
+TEST_F(FollowingMail, WithoutEnoughWatchesEverythingIsToldAtAnIntervalAndSaidOnce) {
+  for (int i = 0; i < 10; ++i) makeMaildir(root_ + "/.F" + std::to_string(i));
+  ChangeFeedOptions options;
+  options.maxWatches = 5;
+  options.withoutWatches = std::chrono::milliseconds(20);
+  start(options);
+  ASSERT_TRUE(told_.until([](const MailChanges& all) { return all.everything; }));
+  told_.take();
+  ASSERT_TRUE(told_.until([](const MailChanges& all) { return all.everything; }));
+  feed_->stop();
+  ASSERT_EQ(lines_.size(), 1U);
+  EXPECT_THAT(lines_[0], HasSubstr("cannot watch all mail folders"));
+}
+
+TEST_F(FollowingMail, LostEventsTellEverything) {
+  // The thread is held in a call while more happens than the system keeps.
+  Mutex mutex;
+  ConditionVariable changed;
+  bool held = false;
+  bool go = false;
+  bool everything = false;
+  ChangeFeed feed({root_},
+                  [&](const MailChanges& changes) {
+                    const Lock lock(mutex);
+                    held = true;
+                    everything |= changes.everything;
+                    changed.notify_all();
+                    while (!go) changed.wait(mutex);
+                  },
+                  {}, {});
+  feed.start();
+  writeFile(root_ + "/new/first", "x");
+  {
+    const Lock lock(mutex);
+    while (!held) changed.wait(mutex);
+  }
+  writeFile(root_ + "/new/a", "x");
+  for (int i = 0; i < 6000; ++i) {
+    fs::rename(root_ + "/new/a", root_ + "/cur/a");
+    fs::rename(root_ + "/cur/a", root_ + "/new/a");
+  }
+  const Lock lock(mutex);
+  go = true;
+  changed.notify_all();
+  while (!everything) changed.wait(mutex);
+}
+
+TEST_F(FollowingMail, StoppingWaitsAndMayBeRepeated) {
+  start();
+  feed_->stop();
+  const int calls = told_.calls();
+  writeFile(root_ + "/new/1.a", "x");
+  feed_->stop();
+  EXPECT_EQ(told_.calls(), calls);
+}
+
+TEST_F(FollowingMail, ItsThreadTakesNoSignals) {
+  sigset_t blocked;
+  sigemptyset(&blocked);
+  Told done;
+  ChangeFeed feed({root_},
+                  [&](const MailChanges& changes) {
+                    pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+                    done.add(changes);
+                  },
+                  {}, {});
+  feed.start();
+  writeFile(root_ + "/new/1.a", "x");
+  ASSERT_TRUE(done.untilMailbox(root_));
+  feed.stop();
+  EXPECT_EQ(sigismember(&blocked, SIGTERM), 1);
+  EXPECT_EQ(sigismember(&blocked, SIGUSR1), 1);
+  sigset_t ours;
+  pthread_sigmask(SIG_SETMASK, nullptr, &ours);
+  EXPECT_EQ(sigismember(&ours, SIGTERM), 0);
+}
+
+}  // namespace
+}  // namespace thmp
