@@ -7,7 +7,7 @@
 
 namespace thmp {
 
-LinuxPlatform::LinuxPlatform(XdgFolders folders, Options options)
+LinuxPlatform::LinuxPlatform(XdgFolders folders, const Options& options)
     : folders_(std::move(folders)),
       log_(options.programName),
       files_(folders_.data),

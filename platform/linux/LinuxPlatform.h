@@ -27,7 +27,7 @@ class LinuxPlatform {
   };
 
   explicit LinuxPlatform(XdgFolders folders) : LinuxPlatform(std::move(folders), Options()) {}
-  LinuxPlatform(XdgFolders folders, Options options);
+  LinuxPlatform(XdgFolders folders, const Options& options);
   LinuxPlatform(const LinuxPlatform&) = delete;
   LinuxPlatform& operator=(const LinuxPlatform&) = delete;
 

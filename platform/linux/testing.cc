@@ -15,6 +15,12 @@
 
 #include "platform/linux/posix_io.h"
 
+/// Read by the thread sanitizer where the tests are built with it: by default it ends a child that
+/// starts threads, once any test before has started one.
+extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options() {
+  return "die_after_fork=0";
+}
+
 namespace thmp::testing {
 
 TemporaryFolder::TemporaryFolder() {
