@@ -252,6 +252,7 @@ TEST_F(InotifyWatchesTest, ManyWatchesTakeOneInstanceAndGiveAllBack) {
   {
     InotifyWatches watches(log_);
     std::vector<std::unique_ptr<DirectoryWatch>> made;
+    made.reserve(200);
     for (int i = 0; i < 200; ++i) made.push_back(watch(watches, folder_.at("in"), calls_));
     EXPECT_LE(testing::openDescriptors(), before + 2);
     made.clear();

@@ -57,7 +57,8 @@ TEST_F(LinuxPreferencesTest, ChangeIsWrittenBehind) {
   const auto queue = LinuxSerialQueue::create("test.preferences");
   const auto written = std::make_shared<testing::Count>();
   const auto watch = watches.makeWatch(
-      folder_.at("host"), [queue](std::function<void()> closure) { queue->post(closure); },
+      folder_.at("host"),
+      [queue](std::function<void()> closure) { queue->post(std::move(closure)); },
       [written, path = file()] {
         if (testing::exists(path)) written->raise();
       });

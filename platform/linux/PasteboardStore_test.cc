@@ -271,6 +271,7 @@ TEST_F(PasteboardStoreTest, EndOfTheStoreTakesItsLockFileAndLeavesContents) {
 
 TEST_F(PasteboardStoreTest, HostsThatStartTogetherDoNotTakeEachOthersPasteboards) {
   std::vector<std::thread> hosts;
+  hosts.reserve(8);
   for (int i = 0; i < 8; ++i) {
     hosts.emplace_back([&] {
       for (int j = 0; j < 10; ++j) {
@@ -290,6 +291,7 @@ TEST_F(PasteboardStoreTest, NoDescriptorIsKeptForAPasteboard) {
   const auto first = makeWith(store, 1);
   const std::size_t before = testing::openDescriptors();
   std::vector<std::shared_ptr<Pasteboard>> made;
+  made.reserve(20);
   for (int i = 0; i < 20; ++i) made.push_back(makeWith(store, i));
   EXPECT_EQ(testing::openDescriptors(), before);
 }
