@@ -5,6 +5,7 @@
 #include <array>
 #include <charconv>
 #include <optional>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -73,13 +74,27 @@ std::string literal(std::string_view before, std::string_view text, std::string_
   return quoted;
 }
 
-std::string anyContains(std::initializer_list<std::string_view> attributes, std::string_view text) {
+std::string anyOf(std::span<const std::string_view> attributes, const std::string& value) {
   std::string predicate;
   for (const std::string_view attribute : attributes) {
     if (!predicate.empty()) predicate += " || ";
-    predicate += std::string(attribute) + " == " + literal("*", text, "*") + "cd";
+    predicate += std::string(attribute) + " == " + value;
   }
   return attributes.size() > 1 ? "(" + predicate + ")" : predicate;
+}
+
+std::string anyContains(std::initializer_list<std::string_view> attributes, std::string_view text) {
+  return anyOf({attributes.begin(), attributes.size()}, literal("*", text, "*") + "cd");
+}
+
+// What a person means by words in a message: "any attribute" would also find the names of types and
+// programs.
+constexpr std::array<std::string_view, 6> kReadAttributes = {
+    "kMDItemSubject",    "kMDItemTextContent",    "kMDItemAuthors",
+    "kMDItemRecipients", "kMDItemEmailAddresses", "kMDItemAttachmentNames"};
+
+std::string anyHasWord(std::string_view text) {
+  return anyOf(kReadAttributes, literal("", text, "*") + "cdw");
 }
 
 // YYYY, YYYY-MM or YYYY-MM-DD as the first day meant.
@@ -130,7 +145,7 @@ Error notUnderstood(std::string what) {
 
 Result<std::string> predicateOf(const Term& term) {
   const std::string& text = term.text;
-  if (term.key.empty()) return "** == " + literal("", text, "*") + "cdw";
+  if (term.key.empty()) return anyHasWord(text);
   if (text.empty()) return notUnderstood("\"" + term.key + ":\" needs a text behind the colon");
   if (term.key == "from") {
     return anyContains({"kMDItemAuthors", "kMDItemAuthorEmailAddresses"}, text);

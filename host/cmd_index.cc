@@ -28,9 +28,17 @@ struct IndexOptions {
 
 // For the signal handler alone.
 std::atomic<Indexer*> interruptible{nullptr};
+std::atomic<bool> interrupted{false};
 
 extern "C" void interruptIndexing(int) {
+  interrupted = true;
   if (Indexer* indexer = interruptible.load()) indexer->stop();
+}
+
+void listenForInterruption() {
+  struct sigaction action {};
+  action.sa_handler = interruptIndexing;
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) ::sigaction(signal, &action, nullptr);
 }
 
 // A bar that draws itself over on standard error, ten times a second at most; nothing where that is
@@ -65,20 +73,19 @@ class ProgressBar {
   std::chrono::steady_clock::time_point last_;
 };
 
-void listenForInterruption(Indexer& indexer) {
-  interruptible = &indexer;
-  struct sigaction action {};
-  action.sa_handler = interruptIndexing;
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) ::sigaction(signal, &action, nullptr);
-}
-
 Result<Coverage> bringUpToDate(Indexer& indexer, bool dryRun) {
-  if (dryRun) return indexer.count();
+  interruptible = &indexer;
+  if (interrupted) indexer.stop();
   ProgressBar bar;
-  return indexer.update([&bar](const IndexProgress& progress) { bar(progress); });
+  Result<Coverage> coverage =
+      dryRun ? indexer.count()
+             : indexer.update([&bar](const IndexProgress& progress) { bar(progress); });
+  interruptible = nullptr;
+  return coverage;
 }
 
 int index(const IndexOptions& options) {
+  listenForInterruption();
   const XdgFolders xdg = XdgFolders::fromEnvironment();
   const HostFolders folders(xdg);
   const auto lock = HostLock::take(folders.lock, "index");
@@ -103,9 +110,7 @@ int index(const IndexOptions& options) {
 
   Indexer indexer(**library, **messages);
   indexer.setRoots(roots);
-  listenForInterruption(indexer);
   const Result<Coverage> coverage = bringUpToDate(indexer, options.dryRun);
-  interruptible = nullptr;
   if (!coverage) return failWith(kExitFailure, coverage.error().text());
   fmt::print("seen {}, indexed {}, unchanged {}, removed {}, incomplete {}, failed {}\n",
              coverage->seen, coverage->indexed, coverage->unchanged, coverage->removed,

@@ -1,0 +1,219 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""tallyhive-mailhost from outside: index and find."""
+
+import contextlib
+import csv
+import json
+import os
+import pty
+import select
+import shutil
+import signal
+import subprocess
+import unittest
+
+from world import HOST, SAMPLE, Scenario, World, wait_for
+
+
+class Indexing(Scenario):
+    def test_coverage_is_one_line(self):
+        self.world.deliver_many(3)
+        self.assertEqual(self.world.index(), "seen 3, indexed 3, unchanged 0, removed 0, incomplete 0, failed 0\n")
+        self.world.deliver()
+        path = self.world.deliver()
+        path.rename(path.with_name(path.name + "F"))
+        self.assertEqual(self.world.index(), "seen 5, indexed 2, unchanged 3, removed 0, incomplete 0, failed 0\n")
+        path.with_name(path.name + "F").unlink()
+        self.assertEqual(self.world.index(), "seen 4, indexed 0, unchanged 4, removed 1, incomplete 0, failed 0\n")
+
+    def test_dry_run_only_counts(self):
+        self.world.deliver_many(3)
+        self.assertIn("seen 3, indexed 3", self.world.index("--dry-run", "--mail", self.world.mail))
+        self.assertEqual(self.world.run(HOST, "find", '* == "*"').returncode, 1)
+        self.assertIn("seen 3, indexed 3", self.world.index())
+
+    def test_mail_folders_are_remembered_and_the_last_ones_count(self):
+        self.world.deliver("One", folder="a")
+        self.world.deliver("Two", folder="b")
+        self.world.index("--mail", self.world.mail / "a", "--mail", self.world.mail / "b")
+        self.assertIn("seen 2, indexed 0", self.world.index("--dry-run"))
+        self.assertIn("seen 1, indexed 0, unchanged 1, removed 1", self.world.index("--mail", self.world.mail / "b"))
+        self.assertEqual(self.found(), ["Two"])
+
+    def found(self, query='* == "*"'):
+        result = self.world.run(HOST, "find", query, "--json")
+        return sorted(json.loads(line)["attributes"]["kMDItemSubject"] for line in result.stdout.splitlines())
+
+    def test_wrong_mail_folder_ends_with_1_and_is_named(self):
+        file = self.world.root / "file"
+        file.write_text("")
+        for path in (self.world.root / "nowhere", file):
+            result = self.world.run(HOST, "index", "--mail", path)
+            self.assertEqual(result.returncode, 1)
+            self.assertEqual(len(result.stderr.splitlines()), 1)
+            self.assertIn(str(path), result.stderr)
+
+    def test_without_any_mail_folder_it_says_so_and_ends_with_2(self):
+        result = self.world.run(HOST, "index")
+        self.assertEqual(result.returncode, 2)
+        self.assertIn("--mail", result.stderr)
+
+    def test_folder_without_mail_is_no_error(self):
+        self.world.mail.mkdir()
+        self.assertIn("seen 0", self.world.index())
+
+    def test_mail_is_never_changed(self):
+        self.world.deliver_many(5)
+        before = {path: (path.stat().st_mtime_ns, path.read_bytes()) for path in self.world.mail.rglob("*") if path.is_file()}
+        self.world.index()
+        after = {path: (path.stat().st_mtime_ns, path.read_bytes()) for path in self.world.mail.rglob("*") if path.is_file()}
+        self.assertEqual(before, after)
+
+    def test_interrupted_run_ends_with_130_and_the_next_goes_on(self):
+        self.world.deliver_many(4000)
+        process = subprocess.Popen([str(HOST), "index", "--mail", str(self.world.mail)], env=self.world.environment,
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        wait_for(lambda: process.poll() is not None or self.world.library.exists(), "the library")
+        process.send_signal(signal.SIGINT)
+        output, errors = process.communicate(timeout=60)
+        self.assertEqual(process.returncode, 130, errors)
+        self.assertIn("goes on", errors)
+        coverage = self.world.index()
+        self.assertIn("seen 4000", coverage)
+        self.assertEqual(len(self.found()), 4000)
+
+    def test_progress_bar_only_where_standard_error_is_a_terminal(self):
+        self.world.deliver_many(2000)
+        self.assertEqual(self.world.run(HOST, "index", "--mail", self.world.mail).stderr, "")
+        shutil.rmtree(self.world.folders["cache"])
+        main, other = pty.openpty()
+        self.addCleanup(os.close, main)
+        process = subprocess.Popen([str(HOST), "index"], env=self.world.environment, stdout=subprocess.PIPE, stderr=other,
+                                   text=True)
+        os.close(other)
+        shown = b""
+        with contextlib.suppress(OSError):
+            while select.select([main], [], [], 60)[0]:
+                shown += os.read(main, 65536)
+        self.assertIn("indexed 2000", process.communicate(timeout=60)[0])
+        self.assertRegex(shown.decode(), r"\[#*\.*\] \d+ of 2000, \d+ a second")
+
+    def test_lost_index_is_made_anew_with_the_same_ids(self):
+        self.world.deliver_many(20)
+        self.world.index()
+        ids = self.ids()
+        shutil.rmtree(self.world.folders["cache"])
+        self.world.index()
+        self.assertEqual(self.ids(), ids)
+
+    def ids(self):
+        result = self.world.run(HOST, "find", '* == "*"', "--json")
+        return {event["path"]: event["libraryID"] for event in map(json.loads, result.stdout.splitlines())}
+
+    def test_damaged_index_is_set_aside_and_made_anew(self):
+        self.world.deliver_many(20)
+        self.world.index()
+        ids = self.ids()
+        index = self.world.folders["cache"] / "tallyhive-mailhost" / "index.sqlite"
+        for leftover in index.parent.glob("index.sqlite-*"):
+            leftover.unlink()
+        index.write_bytes(b"garbage" * 1000)
+        self.assertIn("indexed 20", self.world.index())
+        self.assertEqual(self.ids(), ids)
+        self.assertTrue(list(index.parent.glob("index.sqlite.damaged-*")))
+
+
+class Finding(Scenario):
+    def setUp(self):
+        super().setUp()
+        self.first = self.world.deliver("Plum cake", sender="Ada <ada@example.org>")
+        self.world.deliver("Apple tree", sender="Bruno <bruno@example.org>", flags="F")
+        self.world.index()
+
+    def find(self, *arguments):
+        return self.world.run(HOST, "find", *arguments)
+
+    def test_table_json_and_paths(self):
+        self.assertRegex(self.find('kMDItemSubject == "plum*"c').stdout, r"\A\S+ \S+\tAda\tPlum cake\n\Z")
+        (found,) = map(json.loads, self.find('kMDItemSubject == "plum*"c', "--json").stdout.splitlines())
+        self.assertEqual(list(found), ["event", "index", "libraryID", "path", "attributes"])
+        self.assertEqual(found["attributes"]["kMDItemAuthorEmailAddresses"], ["ada@example.org"])
+        self.assertEqual(self.find('kMDItemSubject == "plum*"c', "--paths", "-0").stdout, f"{self.first}\0")
+
+    def test_exit_status_says_whether_anything_was_found(self):
+        self.assertEqual(self.find('kMDItemSubject == "*"').returncode, 0)
+        self.assertEqual(self.find('kMDItemSubject == "nothing"').returncode, 1)
+
+    def test_syntax_error_shows_the_place(self):
+        result = self.find('kMDItemSubject == "a" kMDItemSubject')
+        self.assertEqual(result.returncode, 2)
+        self.assertEqual(result.stdout, "")
+        lines = result.stderr.splitlines()
+        self.assertEqual(lines[-1].index("^"), lines[-2].rindex("kMDItemSubject"))
+
+    def test_query_language(self):
+        for query, subjects in (
+                ('kMDItemSubject == "PLUM CAKE"', []), ('kMDItemSubject == "PLUM CAKE"c', ["Plum cake"]),
+                ('kMDItemSubject == "*e"', ["Apple tree", "Plum cake"]), ('kMDItemSubject == "?lum*"', ["Plum cake"]),
+                ('com_apple_mail_flagged == 1', ["Apple tree"]), ('!(com_apple_mail_flagged == 1)', ["Plum cake"]),
+                ('kMDItemSubject == "plum*"c || kMDItemAuthors == "Bruno"', ["Apple tree", "Plum cake"]),
+                ('kMDItemSubject == "plum*"c && kMDItemAuthors == "Bruno"', []),
+                ('kMDItemContentCreationDate < $time.now', ["Apple tree", "Plum cake"]),
+                ('kMDItemTextContent == "words"', ["Apple tree", "Plum cake"]), ('unknownAttribute == "*"', [])):
+            with self.subTest(query=query):
+                found = [json.loads(line)["attributes"]["kMDItemSubject"]
+                         for line in self.find(query, "--json").stdout.splitlines()]
+                self.assertEqual(sorted(found), subjects)
+
+    def test_works_while_a_host_serves(self):
+        self.world.serve()
+        self.world.deliver("Late")
+        wait_for(lambda: self.find('kMDItemSubject == "Late"').returncode == 0, "the late message")
+
+    def test_without_an_index_it_says_how_to_make_one(self):
+        world = World()
+        self.addCleanup(world.close)
+        result = world.run(HOST, "find", "true")
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("tallyhive-mailhost index", result.stderr)
+
+    def test_mail_folder_that_is_missing_keeps_its_messages_out_and_their_ids(self):
+        before = self.find("true", "--json").stdout
+        self.world.mail.rename(self.world.root / "Away")
+        self.assertEqual(self.find("true").returncode, 1)
+        (self.world.root / "Away").rename(self.world.mail)
+        self.assertEqual(self.find("true", "--json").stdout, before)
+
+
+@unittest.skipUnless(SAMPLE.is_dir(), "the sample of real mail is not here")
+class RealMail(Scenario):
+    FIELDS = {"M": ("message_id", "kMDItemIdentifier"), "S": ("subject", "kMDItemSubject"),
+              "F": ("from_addr", "kMDItemAuthorEmailAddresses"), "T": ("to_addrs", "kMDItemPrimaryRecipientEmailAddresses")}
+
+    def test_every_message_is_found_and_the_manifest_agrees(self):
+        self.world.index("--mail", SAMPLE / "Maildir")
+        found = {}
+        for line in self.world.run(HOST, "find", "true", "--json").stdout.splitlines():
+            event = json.loads(line)
+            found[str(event["path"]).removeprefix(str(SAMPLE.resolve()) + "/")] = event["attributes"]
+        with open(SAMPLE / "manifest.tsv", encoding="utf-8", newline="") as manifest:
+            rows = [row for row in csv.DictReader(manifest, delimiter="\t", quoting=csv.QUOTE_NONE)
+                    if row["path"].startswith("Maildir/")]
+        self.assertEqual(len(rows), 595)
+        self.assertEqual(sorted(found), sorted(row["path"] for row in rows))
+        compared = agreeing = 0
+        for row in rows:
+            for letter, (column, attribute) in self.FIELDS.items():
+                if letter not in row["agree"]:
+                    continue
+                value = found[row["path"]].get(attribute, "")
+                value = ",".join(value) if isinstance(value, list) else value
+                compared += 1
+                agreeing += " ".join(value.split()).lower() == " ".join(row[column].split()).lower()
+        print(f"{agreeing} of {compared} fields agree")
+        self.assertGreaterEqual(agreeing, compared * 0.99)
+
+
+if __name__ == "__main__":
+    unittest.main()
