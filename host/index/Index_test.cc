@@ -286,6 +286,7 @@ TEST_F(TheIndex, ReadersGoOnWhileAWriterWrites) {
   std::atomic<int> told{0};
   index_->addListener([&](const IndexChange&) { ++told; });
   std::vector<std::thread> readers;
+  readers.reserve(3);
   for (int i = 0; i < 3; ++i) {
     readers.emplace_back([&] {
       while (!done.load()) {

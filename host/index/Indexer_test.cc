@@ -518,6 +518,7 @@ TEST_F(Indexing, ARenameStormRemovesNothingAndLosesNothing) {
   });
   std::atomic<bool> done{false};
   std::vector<std::thread> storm;
+  storm.reserve(2);
   for (int half = 0; half < 2; ++half) {
     storm.emplace_back([&, half] {
       const char* flags[] = {"", "S", "FS", "RS"};

@@ -116,6 +116,7 @@ TEST_F(TheLibrary, AReadInsideAReadGetsAConnectionOfItsOwn) {
 TEST_F(TheLibrary, ManyThreadsReadWhileOneWrites) {
   std::atomic<bool> done{false};
   std::vector<std::thread> readers;
+  readers.reserve(3);
   for (int i = 0; i < 3; ++i) {
     readers.emplace_back([&] {
       while (!done.load()) {

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <thread>
 
 #include "host/store/attribute_keys.h"
 #include "host/store/test_support.h"
@@ -538,7 +539,8 @@ TEST_F(HostileMail, DeepPartsAreCut) {
   std::string mail = "Subject: found\n";
   for (int i = 0; i < 5'000; ++i) {
     const std::string boundary = "b" + std::to_string(i);
-    mail += "Content-Type: multipart/mixed; boundary=" + boundary + "\n\n--" + boundary + "\n";
+    mail.append("Content-Type: multipart/mixed; boundary=").append(boundary);
+    mail.append("\n\n--").append(boundary).append("\n");
   }
   parse(mail);
   EXPECT_EQ(text("kMDItemSubject"), "found");
@@ -610,6 +612,20 @@ TEST_F(HostileMail, TextIsAlwaysUtf8) {
     const std::string& body = message_.textContent;
     EXPECT_EQ(body.find('\0'), std::string::npos);
   }
+}
+
+TEST_F(MessageReading, SeveralThreadsMayReadAtOnce) {
+  std::vector<std::thread> threads;
+  threads.reserve(3);
+  for (int i = 0; i < 3; ++i) {
+    threads.emplace_back([this] {
+      for (int round = 0; round < 30; ++round) {
+        const ParsedMessage parsed = MessageParser().parse(kAlternative, place_);
+        EXPECT_EQ(parsed.textContent, "the plain");
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
 }
 
 TEST(MessageFiles, OnlyRegularFilesAreRead) {

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <unordered_set>
@@ -131,27 +132,25 @@ constexpr gunichar kFirstMask = 0x100000;
 constexpr std::size_t kMostMasks = 0xFFF0;
 constexpr std::string_view kMaskLead = "\xF4";
 
-iconv_t noConverter() { return reinterpret_cast<iconv_t>(-1); }
-
 // Looking for a charset that nobody knows is slow, and one message may ask for it many times; under
 // the lock of GMimeUse.
-iconv_t openConverter(const std::string& charset) {
+std::optional<iconv_t> openConverter(const std::string& charset) {
   constexpr std::size_t kMostRemembered = 100;
   static std::unordered_set<std::string>& unknown = *new std::unordered_set<std::string>;
-  if (unknown.contains(charset)) return noConverter();
+  if (unknown.contains(charset)) return std::nullopt;
   const iconv_t converter = g_mime_iconv_open("utf-8", charset.c_str());
-  if (converter == noConverter()) {
-    if (unknown.size() >= kMostRemembered) unknown.clear();
-    unknown.insert(charset);
-  }
-  return converter;
+  if (reinterpret_cast<std::intptr_t>(converter) != -1) return converter;
+  if (unknown.size() >= kMostRemembered) unknown.clear();
+  unknown.insert(charset);
+  return std::nullopt;
 }
 
 }  // namespace
 
 std::string convertToUtf8(std::string_view bytes, const std::string& charset) {
-  const iconv_t converter = openConverter(charset);
-  if (converter == noConverter()) return toUtf8(bytes);
+  const std::optional<iconv_t> opened = openConverter(charset);
+  if (!opened) return toUtf8(bytes);
+  const iconv_t converter = *opened;
   std::string out;
   std::string input(bytes);
   char* from = input.data();

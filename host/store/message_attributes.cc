@@ -166,12 +166,16 @@ void setPeople(const Fields& fields, AttributeSet& out, AttributeSet& queryOnly)
   out.set(Key::kAuthors, namesOf(authors));
   out.set(Key::kAuthorEmailAddresses, authorAddresses);
   out.set(Key::kAuthorAddresses, authorAddresses);
-  const Value recipientAddresses = addressesOf(recipients);
-  out.set(Key::kRecipients, namesOf(recipients));
+  // Most messages have no others; then the same objects serve twice.
+  const bool isToAll = cc.empty() && bcc.empty();
+  const Value toNames = namesOf(to);
+  const Value toAddresses = addressesOf(to);
+  const Value recipientAddresses = isToAll ? toAddresses : addressesOf(recipients);
+  out.set(Key::kRecipients, isToAll ? toNames : namesOf(recipients));
   out.set(Key::kRecipientEmailAddresses, recipientAddresses);
   out.set(Key::kRecipientAddresses, recipientAddresses);
-  out.set(Key::kPrimaryRecipients, namesOf(to));
-  out.set(Key::kPrimaryRecipientEmailAddresses, addressesOf(to));
+  out.set(Key::kPrimaryRecipients, toNames);
+  out.set(Key::kPrimaryRecipientEmailAddresses, toAddresses);
   out.set(Key::kAdditionalRecipients, namesOf(cc));
   out.set(Key::kHiddenAdditionalRecipients, namesOf(bcc));
   queryOnly.set(Key::kAdditionalRecipientEmailAddresses, addressesOf(cc));
