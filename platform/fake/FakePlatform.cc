@@ -43,8 +43,9 @@ std::vector<Dictionary> FakePlatform::messagesIn(const std::string& folder) cons
   std::vector<Dictionary> messages;
   for (const std::string& name : files.entries(folder)) {
     if (!name.ends_with(".plist")) continue;
-    const auto value =
-        readPropertyList(files.contents(folder + "/" + name).value_or(""), kMessageLimits);
+    const std::string bytes =
+        files.contents(std::string(folder).append("/").append(name)).value_or("");
+    const auto value = readPropertyList(bytes, kMessageLimits);
     messages.push_back(value.value_or(Value()).asDictionary().value_or(Dictionary()));
   }
   return messages;

@@ -35,7 +35,9 @@ class ScriptedSpotlightHandle : public SpotlightQuery {
   ~ScriptedSpotlightHandle() override {
     query_->note("destroyed");
     query_->cancel();
+    Handlers ended;  // with what they hold, after the lock is released
     const Lock lock(query_->mutex_);
+    std::swap(ended, query_->handlers_);
     query_->dropped_ = true;
   }
 

@@ -46,19 +46,15 @@ TEST_P(ExecutionContract, SerialQueueRunsOneAtATimeFromManyThreads) {
   auto inside = std::make_shared<std::atomic<int>>(0);
   auto overlaps = std::make_shared<std::atomic<int>>(0);
   auto done = std::make_shared<contract::Counter>();
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([=] {
-      for (int j = 0; j < 50; ++j) {
-        queue->post([=] {
-          if (inside->fetch_add(1) != 0) overlaps->fetch_add(1);
-          inside->fetch_sub(1);
-          done->raise();
-        });
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  contract::runOnThreads(4, [=](int) {
+    for (int j = 0; j < 50; ++j) {
+      queue->post([=] {
+        if (inside->fetch_add(1) != 0) overlaps->fetch_add(1);
+        inside->fetch_sub(1);
+        done->raise();
+      });
+    }
+  });
 
   ASSERT_TRUE(fixture().waitFor(*done, 200));
   EXPECT_EQ(overlaps->load(), 0);

@@ -11,7 +11,7 @@ class FakeScene : public Scene {
   explicit FakeScene(InMemoryFileSystem& files) : files_(files) {}
 
   std::string freshFolder() override {
-    const std::string path = "/tmp/contract-" + std::to_string(++folders_);
+    std::string path = "/tmp/contract-" + std::to_string(++folders_);
     files_.makeFolder(path);
     return path;
   }

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 #include <cerrno>
-#include <thread>
 
 #include "tests/contract/fixtures.h"
 
@@ -318,16 +317,12 @@ TEST_P(FilesContract, PrepareFailsWithoutAFolder) {
 TEST_P(FilesContract, OfManyThreadsOnePublishesAName) {
   constexpr int kThreads = 8;
   contract::Counter published;
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([&, i] {
-      const auto own = files().prepareFile(folder(), "own-" + std::to_string(i), "x");
-      const auto shared = files().prepareFile(folder(), "shared", std::to_string(i));
-      EXPECT_TRUE(own && own->publish());
-      if (shared && shared->publish()) published.raise();
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  contract::runOnThreads(kThreads, [&](int i) {
+    const auto own = files().prepareFile(folder(), "own-" + std::to_string(i), "x");
+    const auto shared = files().prepareFile(folder(), "shared", std::to_string(i));
+    EXPECT_TRUE(own && own->publish());
+    if (shared && shared->publish()) published.raise();
+  });
 
   EXPECT_EQ(published.count(), 1);
   EXPECT_EQ(scene().entries(folder()).size(), kThreads + 1U);

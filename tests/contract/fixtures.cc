@@ -2,6 +2,7 @@
 #include "tests/contract/fixtures.h"
 
 #include <chrono>
+#include <thread>
 #include <utility>
 
 namespace thmp::contract {
@@ -18,6 +19,13 @@ bool Counter::waitFor(int least) {
 std::shared_ptr<void> onDestruction(std::function<void()> closure) {
   static int anchor = 0;
   return {&anchor, [closure = std::move(closure)](void*) { closure(); }};
+}
+
+void runOnThreads(int count, const std::function<void(int number)>& body) {
+  std::vector<std::thread> threads;
+  threads.reserve(static_cast<std::size_t>(count));
+  for (int number = 0; number < count; ++number) threads.emplace_back(body, number);
+  for (std::thread& thread : threads) thread.join();
 }
 
 }  // namespace thmp::contract

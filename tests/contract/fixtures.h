@@ -74,6 +74,9 @@ class Counter {
 /// Calls `closure` when the last copy of the result is destroyed.
 std::shared_ptr<void> onDestruction(std::function<void()> closure);
 
+/// Runs `body` on `count` threads at once, each with its number, and waits for all.
+void runOnThreads(int count, const std::function<void(int number)>& body);
+
 class ExecutionFixture {
  public:
   virtual ~ExecutionFixture() = default;

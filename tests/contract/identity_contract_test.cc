@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <set>
-#include <thread>
 
 #include "base/mutex.h"
 #include "tests/contract/fixtures.h"
@@ -54,17 +53,13 @@ TEST_P(IdentityContract, UniqueStringsAreLettersDigitsAndHyphensOnly) {
 TEST_P(IdentityContract, NoThreadGetsAUniqueStringOfAnother) {
   Mutex mutex;
   std::set<std::string> all;
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&] {
-      for (int j = 0; j < 250; ++j) {
-        std::string text = identity().globallyUniqueString();
-        const Lock lock(mutex);
-        all.insert(std::move(text));
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  contract::runOnThreads(4, [&](int) {
+    for (int j = 0; j < 250; ++j) {
+      std::string text = identity().globallyUniqueString();
+      const Lock lock(mutex);
+      all.insert(std::move(text));
+    }
+  });
 
   EXPECT_EQ(all.size(), 1000U);
 }

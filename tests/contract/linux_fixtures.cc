@@ -112,9 +112,7 @@ class LinuxScene : public Scene {
     EXPECT_EQ(::seteuid(kNobody), 0);
     dropped_ = true;
   }
-  ~LinuxScene() override {
-    EXPECT_TRUE(!dropped_ || ::seteuid(0) == 0);
-  }
+  ~LinuxScene() override { EXPECT_TRUE(!dropped_ || ::seteuid(0) == 0); }
 
  private:
   const TemporaryFolder root_;

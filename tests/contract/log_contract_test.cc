@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
-#include <thread>
 
 #include "tests/contract/fixtures.h"
 
@@ -55,13 +54,10 @@ TEST_P(LogContract, TextAfterANulIsNotLost) {
 }
 
 TEST_P(LogContract, LinesOfThreadsAreNotMixed) {
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&, text = std::string(200, static_cast<char>('a' + i))] {
-      for (int j = 0; j < 25; ++j) log().write(text);
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  contract::runOnThreads(4, [&](int i) {
+    const std::string text(200, static_cast<char>('a' + i));
+    for (int j = 0; j < 25; ++j) log().write(text);
+  });
 
   const std::vector<std::string> written = lines();
   EXPECT_EQ(written.size(), 100U);

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <set>
-#include <thread>
 
 #include "tests/contract/fixtures.h"
 
@@ -169,25 +168,21 @@ TEST_P(PasteboardContract, ContentOutlivesTheObject) {
 
 TEST_P(PasteboardContract, OperationsOfManyThreadsAreAtomic) {
   const auto pasteboard = make();
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&, i] {
-      for (int j = 0; j < 25; ++j) {
-        pasteboard->declareType(kType);
-        // False when another thread has cleared in between, which then shows as no content.
-        (void)pasteboard->setPropertyList(Array{i, i, i}, kType);
-        const Value seen = read(*pasteboard);
-        if (const auto array = seen.asArray()) {
-          EXPECT_EQ(array->size(), 3U);
-          EXPECT_EQ((*array)[0], (*array)[2]);
-        } else {
-          EXPECT_TRUE(seen.isNull());
-        }
-        pasteboard->clearContents();
+  contract::runOnThreads(4, [&](int i) {
+    for (int j = 0; j < 25; ++j) {
+      pasteboard->declareType(kType);
+      // False when another thread has cleared in between, which then shows as no content.
+      (void)pasteboard->setPropertyList(Array{i, i, i}, kType);
+      const Value seen = read(*pasteboard);
+      if (const auto array = seen.asArray()) {
+        EXPECT_EQ(array->size(), 3U);
+        EXPECT_EQ((*array)[0], (*array)[2]);
+      } else {
+        EXPECT_TRUE(seen.isNull());
       }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+      pasteboard->clearContents();
+    }
+  });
 
   EXPECT_TRUE(read(*pasteboard).isNull());
 }

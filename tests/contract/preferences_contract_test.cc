@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <thread>
 
 #include "tests/contract/fixtures.h"
 
@@ -91,19 +90,16 @@ TEST_P(PreferencesContract, ChangedCopyOfAValueDoesNotReachTheStore) {
 }
 
 TEST_P(PreferencesContract, ThreadsSetAndGetAtTheSameTime) {
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&, key = "own" + std::to_string(i)] {
-      for (int j = 0; j < 50; ++j) {
-        preferences().set(key, j);
-        preferences().set("shared", Dictionary{{"left", j}, {"right", j}});
-        EXPECT_EQ(preferences().get(key), Value(j));
-        const Value shared = preferences().get("shared");
-        EXPECT_EQ(shared["left"], shared["right"]);
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  contract::runOnThreads(4, [&](int i) {
+    const std::string key = "own" + std::to_string(i);
+    for (int j = 0; j < 50; ++j) {
+      preferences().set(key, j);
+      preferences().set("shared", Dictionary{{"left", j}, {"right", j}});
+      EXPECT_EQ(preferences().get(key), Value(j));
+      const Value shared = preferences().get("shared");
+      EXPECT_EQ(shared["left"], shared["right"]);
+    }
+  });
 }
 
 }  // namespace
