@@ -74,11 +74,11 @@ bool SearchSession::sendSearch() {
     userInfo.set(kSortingAttributeKey, Value(*request_.sortingAttribute));
   userInfo.set(kSortAscendingKey, Value(request_.sortAscending));
   unanswered_.clear();
-  post(kSearchName, std::move(userInfo));
+  post(kSearchName, userInfo);
   return !unanswered_.empty();
 }
 
-void SearchSession::post(std::string_view name, Dictionary userInfo) {
+void SearchSession::post(std::string_view name, const Dictionary& userInfo) {
   Result<std::string> file = exchange_.post(name, userInfo);
   if (file) {
     unanswered_.push_back(*std::move(file));
@@ -184,7 +184,7 @@ void SearchSession::read(const Batch& batch) {
   if (batch.removals) return;  // these are not the plug-in's to take back
   Dictionary clear = ownKeys();
   clear.set(kBatchNameKey, Value(batch.name));
-  post(kClearName, std::move(clear));
+  post(kClearName, clear);
 }
 
 std::optional<int> SearchSession::handleCompletion(const Dictionary& userInfo) {

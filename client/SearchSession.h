@@ -50,7 +50,7 @@ class SearchSession {
   };
 
   bool sendSearch();
-  void post(std::string_view name, Dictionary userInfo);
+  void post(std::string_view name, const Dictionary& userInfo);
   Dictionary ownKeys() const;
 
   std::optional<int> look();

@@ -65,14 +65,16 @@ Json jsonOf(const Value& value) {
     case Value::Kind::kText:
       return std::string(*value.asText());
     case Value::Kind::kArray: {
-      Json array = Json::array();
-      for (const Value& element : *value.asArray()) array.push_back(jsonOf(element));
-      return array;
+      Json json = Json::array();
+      const Array array = value.asArray().value_or(Array());
+      for (const Value& element : array) json.push_back(jsonOf(element));
+      return json;
     }
     case Value::Kind::kDictionary: {
-      Json object = Json::object();
-      for (const auto& [key, member] : *value.asDictionary()) object[key.str()] = jsonOf(member);
-      return object;
+      Json json = Json::object();
+      const Dictionary dictionary = value.asDictionary().value_or(Dictionary());
+      for (const auto& [key, member] : dictionary) json[key.str()] = jsonOf(member);
+      return json;
     }
   }
   return nullptr;

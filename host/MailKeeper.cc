@@ -22,8 +22,7 @@ void merge(MailChanges& into, const MailChanges& changes) {
 
 MailKeeper::MailKeeper(Library& library, Index& index, std::vector<std::string> roots,
                        SystemLog& log)
-    : library_(library),
-      index_(index),
+    : index_(index),
       log_(log),
       indexer_(library, index),
       feed_(

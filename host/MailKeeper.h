@@ -45,7 +45,6 @@ class MailKeeper {
   void remake();
   void say(const std::string& line);
 
-  Library& library_;
   Index& index_;
   SystemLog& log_;
   Indexer indexer_;

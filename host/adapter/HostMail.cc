@@ -38,14 +38,15 @@ class Message : public MailMessage {
 class DefaultLibrary : public MailLibrary {
  public:
   explicit DefaultLibrary(const Library& library) : library_(library) {
-    const auto database = std::make_shared<LibraryDatabase>();
+    auto database = std::make_shared<LibraryDatabase>();
     database->performReadBlock = [&library](const std::function<bool(LibraryConnection&)>& block) {
       library.performRead([&block](sqlite3* handle) {
         LentConnection connection(handle);
         return block(connection);
       });
     };
-    libraryDatabase = [database] { return database; };
+    libraryDatabase = [database = std::shared_ptr<LibraryDatabase>(std::move(
+                           database))]() -> std::shared_ptr<LibraryDatabase> { return database; };
     dataPathForMessage = [&library](std::int64_t id, std::int64_t mailbox, int type) {
       return library.dataPath(id, mailbox, type);
     };

@@ -19,8 +19,7 @@ class IndexedMessageView : public query::MessageView {
   Value attribute(std::string_view name) const override { return message_.value(name); }
   void forEachAttributeName(
       const std::function<bool(std::string_view name)>& visit) const override {
-    message_.forEachAttribute(
-        [&](AttributeKey key, const Value&) { return visit(keyText(key)); });
+    message_.forEachAttribute([&](AttributeKey key, const Value&) { return visit(keyText(key)); });
   }
 
  private:

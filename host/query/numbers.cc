@@ -109,8 +109,8 @@ std::optional<Value> readNumber(std::string_view text) {
   if (!parts) return std::nullopt;
   if (parts->isInteger) {
     const std::string_view digits = text.starts_with('+') ? text.substr(1) : text;
-    if (const auto value = integer<std::int64_t>(digits)) return value;
-    if (const auto value = integer<std::uint64_t>(digits)) return value;
+    if (auto value = integer<std::int64_t>(digits)) return value;
+    if (auto value = integer<std::uint64_t>(digits)) return value;
   }
   return real(text, *parts);
 }

@@ -51,7 +51,8 @@ def problems_of(path):
     folder = folder_of(path)
     if folder is None:
         return
-    test = path.endswith("_test.cc") or "_test_" in path or "test_support" in path
+    stem = path.rsplit("/", 1)[-1].rsplit(".", 1)[0]
+    test = "test" in stem or stem.endswith("_fixture")
     for number, line in enumerate((ROOT / path).read_text(encoding="utf-8").splitlines(), 1):
         place = f"{path}:{number}"
         if folder in CORE and not test and CONDITION.match(line):
