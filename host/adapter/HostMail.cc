@@ -38,15 +38,13 @@ class Message : public MailMessage {
 class DefaultLibrary : public MailLibrary {
  public:
   explicit DefaultLibrary(const Library& library) : library_(library) {
-    auto database = std::make_shared<LibraryDatabase>();
-    database->performReadBlock = [&library](const std::function<bool(LibraryConnection&)>& block) {
+    database_->performReadBlock = [&library](const std::function<bool(LibraryConnection&)>& block) {
       library.performRead([&block](sqlite3* handle) {
         LentConnection connection(handle);
         return block(connection);
       });
     };
-    libraryDatabase = [database = std::shared_ptr<LibraryDatabase>(std::move(
-                           database))]() -> std::shared_ptr<LibraryDatabase> { return database; };
+    libraryDatabase = [this] { return database_; };
     dataPathForMessage = [&library](std::int64_t id, std::int64_t mailbox, int type) {
       return library.dataPath(id, mailbox, type);
     };
@@ -58,6 +56,7 @@ class DefaultLibrary : public MailLibrary {
 
  private:
   const Library& library_;
+  const std::shared_ptr<LibraryDatabase> database_ = std::make_shared<LibraryDatabase>();
 };
 
 class LibraryClass : public MailLibraryClass {
