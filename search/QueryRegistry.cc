@@ -211,12 +211,6 @@ bool QueryRegistry::isAliveLocked(std::string_view uniqueName) const {
   return found != records_.end() && isAliveLocked(*found->second);
 }
 
-bool QueryRegistry::isRegistered(const THMPMailPluginQuery& record) const {
-  const Lock lock(state_);
-  const auto found = records_.find(record.queryName().view());
-  return found != records_.end() && found->second.get() == &record;
-}
-
 bool QueryRegistry::isAlive(const THMPMailPluginQuery& record) const {
   const Lock lock(state_);
   return isAliveLocked(record);

@@ -78,8 +78,6 @@ class QueryRegistry {
   std::vector<std::string> clientNames() const;
   std::vector<std::string> namesOfClient(std::string_view clientName) const;
 
-  /// Whether the record registered under its name is this very one.
-  bool isRegistered(const THMPMailPluginQuery& record) const;
   /// Whether the record registered under its name is this very one, has a searchQuery, and that is
   /// not cancelled.
   bool isAlive(const THMPMailPluginQuery& record) const;

@@ -60,7 +60,7 @@ TEST_F(Registry, NewRecordReplacesTheOldOneWithoutCancellingIt) {
   EXPECT_EQ(registry_.add(next, "c"), old);
   EXPECT_FALSE(old->searchQuery()->isCancelled());
   EXPECT_FALSE(registry_.isAlive(*old));
-  EXPECT_FALSE(registry_.isRegistered(*old));
+  EXPECT_EQ(registry_.queriesByName().at("q"), next);
   EXPECT_TRUE(registry_.isAlive(*next));
   // The same name stands twice.
   EXPECT_THAT(registry_.namesOfClient("c"), ElementsAre("q", "q"));
@@ -230,7 +230,7 @@ TEST_F(Registry, AliveNeedsThisRecordWithAQueryThatIsNotCancelled) {
   record->searchQuery()->cancel();
   EXPECT_FALSE(registry_.isAlive(*record));
   EXPECT_FALSE(registry_.isAlive("q"));
-  EXPECT_TRUE(registry_.isRegistered(*record));
+  EXPECT_EQ(registry_.queriesByName().size(), 1u);
   EXPECT_FALSE(registry_.isAlive("unknown"));
   EXPECT_FALSE(registry_.isAlive(*makeRecord("stray")));
 }

@@ -88,7 +88,6 @@ void RecordingMediator::postMessageName(std::string_view name, const Value& user
 
 void RecordingMediator::cancelQuery(std::string_view uniqueName, const Value& clientName,
                                     const std::shared_ptr<THMPMailPluginQuery>& record) {
-  if (record && !registry_.isRegistered(*record)) return;
   step("cancel " + std::string(uniqueName));
   const QueryRegistry::Ended ended = registry_.end(uniqueName, clientName, record.get());
   for (const PendingBatch& batch : ended.pendingBatches) pasteboardToPool(batch.pasteboard);

@@ -24,13 +24,14 @@ enum class Rival {
   kClear,
   kEngineError,
   kSecondCompletion,
-  kNewestCancelled,
+  kEngineCancelled,
+  kHostQuits,
 };
 
 std::string nameOf(const ::testing::TestParamInfo<Rival>& info) {
-  constexpr const char* kNames[] = {"Cancel",      "Terminate",        "EveryClientEnds",
-                                    "SameName",    "SameLineage",      "Clear",
-                                    "EngineError", "SecondCompletion", "EngineCancelled"};
+  constexpr const char* kNames[] = {
+      "Cancel", "Terminate",   "EveryClientEnds",  "SameName",        "SameLineage",
+      "Clear",  "EngineError", "SecondCompletion", "EngineCancelled", "HostQuits"};
   return kNames[static_cast<std::size_t>(info.param)];
 }
 
@@ -94,7 +95,7 @@ class Life : public SearchWorld {
     return delivery;
   }
 
-  static bool ends(Rival rival) { return rival != Rival::kClear; }
+  static bool ends(Rival rival) { return rival != Rival::kClear && rival != Rival::kHostQuits; }
   static bool replaces(Rival rival) { return rival == Rival::kSameName; }
 
   void happen(Rival rival) {
@@ -126,8 +127,11 @@ class Life : public SearchWorld {
         (*completion_)(Error());
         (*completion_)(Error());
         break;
-      case Rival::kNewestCancelled:
+      case Rival::kEngineCancelled:
         if (const auto made = record("q")) made->searchQuery()->cancel();
+        break;
+      case Rival::kHostQuits:
+        fake_.pasteboards.failCreation(true);
         break;
     }
     postsAtRival_ = mediator_->posts().size();
@@ -168,7 +172,7 @@ class Life : public SearchWorld {
       // Whatever the old query did, the new one lives and is known.
       EXPECT_TRUE(registry_.isAlive(rival == Rival::kSameName ? "q" : "q2"));
       EXPECT_FALSE(registry_.namesOfClient("c").empty());
-    } else if (rival != Rival::kNewestCancelled) {
+    } else if (rival != Rival::kEngineCancelled) {
       EXPECT_THAT(registry_.queriesByName(), IsEmpty());
       EXPECT_THAT(registry_.clientNames(), IsEmpty());
     }
@@ -200,7 +204,8 @@ INSTANTIATE_TEST_SUITE_P(Rivals, AtEveryStep,
                          ::testing::Values(Rival::kCancel, Rival::kTerminate,
                                            Rival::kEveryClientEnds, Rival::kSameName,
                                            Rival::kSameLineage, Rival::kClear, Rival::kEngineError,
-                                           Rival::kSecondCompletion, Rival::kNewestCancelled),
+                                           Rival::kSecondCompletion, Rival::kEngineCancelled,
+                                           Rival::kHostQuits),
                          nameOf);
 
 class InFlight : public SearchScene {};

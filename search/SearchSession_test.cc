@@ -74,6 +74,15 @@ TEST_F(FoundItems, LaterBatchesGrowAtTenThousandAndOne) {
   EXPECT_THAT(batchSizes(), ElementsAre(750u, 1500u, 50u, 750u, 2000u, 50u));
 }
 
+TEST_F(FoundItems, LargeDeliveryIsCutWhole) {
+  query_->deliver(items(1, 20'000));
+  std::vector<std::size_t> expected(11, 2000);
+  expected.front() = 750;
+  expected.back() = 1250;
+  EXPECT_EQ(batchSizes(), expected);
+  EXPECT_EQ(deliveredIDs().size(), 20'000u);
+}
+
 TEST_F(FoundItems, ExactBatchLeavesNoRemainder) {
   query_->deliver(items(1, 750));
   EXPECT_THAT(batchSizes(), ElementsAre(750u));

@@ -122,8 +122,11 @@ TEST(DeliveryOrder, TextsThatAreNotUtf8HaveAnOrder) {
 TEST(DeliveryOrder, ArraysAreComparedElementByElementTheShorterFirst) {
   EXPECT_EQ(orderOf({Array{"b"}, Array{"a", "b"}, Array{"a"}, Array{}, Array{1}, Array{"a", 2}}),
             "decfba");
-  EXPECT_EQ(orderOf({Array{Array{"b"}}, Array{Array{"a"}, "z"}, Array{"z"}, Array{Array{}}}),
-            "cdba");
+  // A list of one array would be that array itself to some compilers.
+  const auto nested = [](Array inner) { return Array{Value(std::move(inner))}; };
+  Array nestedAndMore = nested(Array{"a"});
+  nestedAndMore.push_back("z");
+  EXPECT_EQ(orderOf({nested(Array{"b"}), nestedAndMore, Array{"z"}, nested(Array{})}), "cdba");
 }
 
 TEST(DeliveryOrder, AnythingElseIsEqual) {
@@ -160,7 +163,7 @@ TEST(DeliveryOrder, MixedKeysHaveOneOrderHoweverTheyCome) {
       Value(), nan,      1,      2.5,          "x",           "",  true, Date{1}, Date{nan},
       Array{}, Array{1}, "\xff", Dictionary(), Array{nan, 1}, -0.0};
   std::mt19937 random(7);
-  for (int round = 0; round < 50; ++round) {
+  for (int round = 0; round < 10; ++round) {
     std::vector<SpotlightItem> items;
     for (std::size_t i = 0; i < 800; ++i) {
       const std::size_t kind = random() % values.size();
