@@ -349,6 +349,16 @@ TEST_F(ScriptedQueries, QueryMayBeDroppedFromInsideItsCallback) {
   EXPECT_TRUE(script->isCancelled());
 }
 
+TEST_F(ScriptedQueries, HandlersGoWithTheHandle) {
+  auto query = make();
+  query->start();
+  query.reset();
+
+  EXPECT_EQ(spotlight_.query()->foundItemsHandler(), nullptr);
+  EXPECT_FALSE(spotlight_.query()->complete(Error::posix(ECANCELED, "query")));
+  EXPECT_EQ(calls_, 0);
+}
+
 TEST_F(ScriptedQueries, CapabilitiesTakenAwayAreEmptyFunctions) {
   spotlight_.setCapabilities({.removedItemsHandler = false,
                               .gatherEndedHandler = false,
