@@ -366,6 +366,7 @@ TEST_F(LibraryLookup, SeveralThreadsMayLookUpAtOnce) {
   }
   std::vector<std::thread> threads;
   std::vector<std::size_t> counts(4);
+  threads.reserve(counts.size());
   for (std::size_t& count : counts) {
     threads.emplace_back([this, &count] {
       std::uint64_t index = 0;

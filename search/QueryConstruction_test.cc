@@ -66,6 +66,7 @@ TEST_F(QueryConstruction, ListHoldsWhatASearchReads) {
 TEST_F(QueryConstruction, ListIsBuiltOnce) {
   const AttributeList::Names first = list_.build();
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([&] { EXPECT_EQ(list_.build(), first); });
   }

@@ -65,12 +65,14 @@ QueryRegistry::NamesByClient QueryRegistry::queryNamesByClient() const {
 }
 
 void QueryRegistry::setQueryNamesByClient(NamesByClient names) {
-  const Lock lock(state_);
-  names_.clear();
-  for (const auto& [client, list] : names) {
-    NameList& entry = names_[client];
-    for (const std::string& name : list) entry.append(name);
+  std::map<std::string, NameList, std::less<>> lists;
+  while (!names.empty()) {
+    auto entry = names.extract(names.begin());
+    NameList& list = lists[std::move(entry.key())];
+    for (const std::string& name : entry.mapped()) list.append(name);
   }
+  const Lock lock(state_);
+  names_.swap(lists);
 }
 
 std::shared_ptr<THMPMailPluginQuery> QueryRegistry::add(

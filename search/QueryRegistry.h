@@ -109,6 +109,10 @@ class QueryRegistry {
   /// there are, because a client may end with all its queries at once.
   class NameList {
    public:
+    NameList() = default;
+    NameList(const NameList&) = delete;
+    NameList& operator=(const NameList&) = delete;
+
     void append(std::string_view name);
     void removeAll(std::string_view name);
     bool empty() const { return byArrival_.empty(); }

@@ -337,11 +337,13 @@ TEST_F(WithThreads, ClearAndCancelNeverBothReturnAPasteboard) {
 TEST_F(WithThreads, ManyQueriesLiveAtOnceWhileClientsEnd) {
   constexpr int kQueries = 4;
   std::vector<Query> queries;
+  queries.reserve(kQueries);
   for (int i = 0; i < kQueries; ++i) {
     queries.push_back(search(
         {{"uniqueName", "q" + std::to_string(i)}, {"clientName", "c" + std::to_string(i % 2)}}));
   }
   std::vector<std::thread> threads;
+  threads.reserve(kQueries + 1);
   for (const Query& query : queries) threads.emplace_back([query] { live(query); });
   threads.emplace_back([this] {
     for (const auto& client : registry_.endEveryClient()) {

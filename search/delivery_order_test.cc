@@ -184,6 +184,7 @@ TEST(DeliveryOrder, MixedKeysHaveOneOrderHoweverTheyCome) {
 
 TEST(DeliveryOrder, ManyItemsThatAllLackTheKeyKeepTheirOrder) {
   std::vector<SpotlightItem> items;
+  items.reserve(5000);
   for (int i = 0; i < 5000; ++i) items.push_back(item(std::to_string(i)));
   for (const bool ascending : {true, false}) {
     const auto sorted = sortedItems(items, {"missing", "missing too"}, ascending);

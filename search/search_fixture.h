@@ -76,6 +76,7 @@ struct SearchWorld {
   std::vector<std::int64_t> idsOf(const Value& message) const {
     std::vector<std::int64_t> ids;
     const Array messages = batchOf(message)["messages"].asArray().value_or(Array());
+    ids.reserve(messages.size());
     for (const Value& item : messages) ids.push_back(item["libraryID"].integerValue());
     return ids;
   }
@@ -91,6 +92,7 @@ struct SearchWorld {
   /// One number out of each message.
   static std::vector<std::int64_t> numbers(const std::vector<Value>& messages, const char* key) {
     std::vector<std::int64_t> found;
+    found.reserve(messages.size());
     for (const Value& message : messages) found.push_back(message[key].integerValue());
     return found;
   }
