@@ -58,7 +58,7 @@ using testing::head;
 
 constexpr std::size_t kMebibyte = std::size_t{1} << 20;
 
-#if defined(__OPTIMIZE__) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#if defined(__OPTIMIZE__)
 constexpr double kMaxSeconds = 0.05;
 #else
 constexpr double kMaxSeconds = 1.5;
