@@ -66,8 +66,9 @@ void THMPCommunicationCenter::directoryChanged(const Url& directory) {
   if (names) {
     listed->reserve(names->size());
     for (const std::string& name : *names) {
-      const auto [path, isFirst] = listed->insert(directory.appending(name).path());
-      if (!isFirst || (known && known->contains(*path))) continue;
+      const std::string& path = *listed->insert(directory.appending(name).path()).first;
+      if (known && known->contains(path)) continue;
+      // A name that the listing repeats is claimed by its first mention.
       if (!isMessageFileName(name) || !scan.claim(name)) continue;
       handleMessageFile(directory, name, receiver);
     }
