@@ -175,26 +175,28 @@ TEST_P(ExecutionContract, ThrowingMainClosureDoesNotEndTheLoop) {
 }
 
 TEST_P(ExecutionContract, ClosedMainQueueDestroysUnrun) {
-  bool ran = false;
-  int destroyed = 0;
+  auto ran = std::make_shared<contract::Counter>();
+  auto destroyed = std::make_shared<contract::Counter>();
   fixture().closeMainQueue();
-  mainQueue().post([&, held = onDestruction([&] { ++destroyed; })] { ran = true; });
-  mainQueue().postAfter(milliseconds(0),
-                        [&, held = onDestruction([&] { ++destroyed; })] { ran = true; });
+  mainQueue().post(
+      [ran, held = onDestruction([destroyed] { destroyed->raise(); })] { ran->raise(); });
+  mainQueue().postAfter(
+      milliseconds(0),
+      [ran, held = onDestruction([destroyed] { destroyed->raise(); })] { ran->raise(); });
 
-  EXPECT_EQ(destroyed, 2);
-  EXPECT_FALSE(ran);
+  EXPECT_EQ(destroyed->count(), 2);
+  EXPECT_EQ(ran->count(), 0);
 }
 
 TEST_P(ExecutionContract, ClosureDestroyedUnrunMayPostAgain) {
-  int destroyed = 0;
-  mainQueue().post([held = onDestruction([&] {
-                      ++destroyed;
-                      mainQueue().post([] {});
+  auto destroyed = std::make_shared<contract::Counter>();
+  mainQueue().post([held = onDestruction([destroyed, &queue = mainQueue()] {
+                      destroyed->raise();
+                      queue.post([] {});
                     })] {});
   fixture().closeMainQueue();
 
-  EXPECT_EQ(destroyed, 1);
+  EXPECT_EQ(destroyed->count(), 1);
 }
 
 TEST_P(ExecutionContract, TimeOfDayIsInThisCentury) {

@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -142,6 +143,11 @@ struct Implementation {
   std::function<std::unique_ptr<ApplicationFixture>()> application;
   std::function<std::unique_ptr<LogFixture>()> log;
 };
+
+/// How the test library shows one.
+inline void PrintTo(const Implementation& implementation, std::ostream* stream) {
+  *stream << implementation.name;
+}
 
 /// All of this build.
 std::vector<Implementation> implementations();
