@@ -250,7 +250,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(QueryParser, WordsForLogicAreAnsweredWithTheSigns) {
   EXPECT_NE(errorOf("a=1 AND b=2").hint.find("&&"), std::string::npos);
   EXPECT_NE(errorOf("a=1 or b=2").hint.find("||"), std::string::npos);
-  EXPECT_NE(errorOf("NOT a=1").hint.find("!"), std::string::npos);
+  EXPECT_NE(errorOf("NOT a=1").hint.find('!'), std::string::npos);
 }
 
 TEST(QueryParser, OfTwoErrorsTheLeftOneIsTold) { EXPECT_EQ(errorOf("a=$x \"open").offset, 2U); }

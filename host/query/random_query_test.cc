@@ -140,11 +140,14 @@ TEST_F(RandomQueries, LogicOverGroupsFollowsItsParts) {
     const Dictionary stored = message();
     const bool a = isMatch(left, stored);
     const bool b = isMatch(right, stored);
-    ASSERT_EQ(isMatch("(" + left + ")", stored), a) << left;
-    ASSERT_EQ(isMatch("!(" + left + ")", stored), !a) << left;
-    ASSERT_EQ(isMatch("(" + left + ")&&(" + right + ")", stored), a && b) << left << "\n" << right;
-    ASSERT_EQ(isMatch("(" + left + ")||(" + right + ")", stored), a || b) << left << "\n" << right;
-    ASSERT_EQ(isMatch(left + " || " + right, stored), a || b) << left << "\n" << right;
+    const std::string first = "(" + left + ")";
+    const std::string second = "(" + right + ")";
+    const std::string both = "\n" + first + "\n" + second;
+    ASSERT_EQ(isMatch(first, stored), a) << both;
+    ASSERT_EQ(isMatch("!" + first, stored), !a) << both;
+    ASSERT_EQ(isMatch(std::string(first).append("&&").append(second), stored), a && b) << both;
+    ASSERT_EQ(isMatch(std::string(first).append("||").append(second), stored), a || b) << both;
+    ASSERT_EQ(isMatch(std::string(left).append(" || ").append(right), stored), a || b) << both;
   }
 }
 
