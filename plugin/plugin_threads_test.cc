@@ -22,7 +22,7 @@ namespace {
 using ::testing::IsEmpty;
 
 constexpr int kMail = 40;
-constexpr int kRounds = 150;
+constexpr int kRounds = 60;
 
 class Threads : public PluginScene {
  protected:
@@ -84,12 +84,16 @@ class Threads : public PluginScene {
     }
   }
 
-  /// An engine thread: deliveries to whatever runs, and now and then a completion.
+  /// An engine thread: deliveries to whatever runs, and now and then a completion, for as long as
+  /// there are new queries.
   void playEngine(unsigned seed) {
     std::minstd_rand random(seed);
-    for (int i = 0; i < kRounds; ++i) {
+    while (lastQuery_ < kRounds) {
       const auto queries = fake.spotlight.queries();
-      if (queries.empty()) continue;
+      if (queries.empty()) {
+        std::this_thread::yield();
+        continue;
+      }
       const auto& query =
           queries[queries.size() - 1 - random() % std::min<std::size_t>(queries.size(), 5)];
       query->deliver({mailItem(static_cast<std::int64_t>(1 + random() % kMail))});
@@ -132,7 +136,7 @@ class Threads : public PluginScene {
     EXPECT_EQ(named.size(), plugin->queriesByName().size());
   }
 
- private:
+  /// Of the queries asked for by playClients(), all in all.
   std::atomic<int> lastQuery_ = 0;
 };
 
@@ -151,7 +155,7 @@ TEST_F(Threads, QuitReleasesEveryPasteboardWhateverRuns) {
                [this](unsigned seed) { playEngine(seed); },
                [this](unsigned seed) { playEngine(seed); },
                [this](unsigned) {
-                 while (fake.pasteboards.made().size() < 3) std::this_thread::yield();
+                 while (lastQuery_ < kRounds / 3) std::this_thread::yield();
                  fake.application.willTerminate();
                }});
   EXPECT_EQ(fake.posted(kPluginQuitName).size(), 1U);
