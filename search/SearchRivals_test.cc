@@ -235,6 +235,26 @@ TEST_F(InFlight, CancelDiscardsWhatWasGatheredButNotPosted) {
   EXPECT_EQ(fake_.files.count(FileOperation::kDisplayName), 900u);
 }
 
+TEST_F(InFlight, CancelStopsItemsWithoutIDToo) {
+  const Query query = search("q");
+  std::vector<SpotlightItem> delivery = items(1, 10);
+  for (SpotlightItem& item : delivery) item.attributes.erase("_kMDItemExternalID");
+  fake_.files.before(FileOperation::kDisplayName, [&](const std::string& path) {
+    if (path == "/mail/4.eml") cancel("q");
+  });
+  query->deliver(delivery);
+  EXPECT_EQ(fake_.files.count(FileOperation::kDisplayName), 4u);
+}
+
+TEST_F(InFlight, RemovalBatchNobodyHearsOfGivesItsPasteboardBack) {
+  const Query query = search("q");
+  fake_.pasteboards.beforeSet([&](RecordingPasteboard&) { cancel("q"); });
+  query->removed(Array{"x"});
+  EXPECT_THAT(removals(), IsEmpty());
+  EXPECT_THAT(mediator_->lent(), IsEmpty());
+  EXPECT_EQ(mediator_->idle().size(), 1u);
+}
+
 TEST_F(InFlight, RecordAndEngineQueryEndWhileTheirCallbackRuns) {
   const Query query = search("q");
   const std::weak_ptr<THMPMailPluginQuery> held = record("q");
