@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/query/characters.h"
@@ -79,6 +80,7 @@ TEST(TextFolding, LettersThatDoNotDecomposeStay) {
 TEST(TextFolding, AMarkWithoutABaseStays) {
   EXPECT_EQ(foldText("\u0301", kMarks), "\u0301");
   EXPECT_EQ(foldText("\u0301x", kMarks), "\u0301x");
+  EXPECT_EQ(foldText("\u0323\u0301x\u0301", kMarks), "\u0323\u0301x");
 }
 
 TEST(TextFolding, BothFoldingsGoTogether) {
@@ -182,6 +184,18 @@ TEST(WordBoundaries, StandAroundEachIdeographAndKana) {
   EXPECT_EQ(boundariesOf("a\u65E5\u672Cb"), "|a|\u65E5|\u672C|b|");
   EXPECT_EQ(boundariesOf("\u3042\u30A2\u31F0"), "|\u3042|\u30A2|\u31F0|");
   EXPECT_EQ(boundariesOf("\U00020000\U00020001"), "|\U00020000|\U00020001|");
+}
+
+TEST(WordBoundaries, StandAroundTheFirstAndLastOfEachRangeOfIdeographsAndKana) {
+  const std::vector<std::pair<char32_t, char32_t>> ranges{{0x3040, 0x30FF}, {0x31F0, 0x31FF},
+                                                          {0x3400, 0x4DBF}, {0x4E00, 0x9FFF},
+                                                          {0xF900, 0xFAFF}, {0x20000, 0x3FFFF}};
+  for (const auto& [first, last] : ranges) {
+    EXPECT_NE(classOf(first) & kWordByItself, 0U) << static_cast<unsigned>(first);
+    EXPECT_NE(classOf(last) & kWordByItself, 0U) << static_cast<unsigned>(last);
+    EXPECT_EQ(classOf(first - 1) & kWordByItself, 0U) << static_cast<unsigned>(first);
+    EXPECT_EQ(classOf(last + 1) & kWordByItself, 0U) << static_cast<unsigned>(last);
+  }
 }
 
 TEST(WordBoundaries, DoNotStandBetweenSyllablesOfOtherScripts) {

@@ -212,6 +212,7 @@ TEST(WordMatch, SeparatorsInThePatternAreLiteral) {
   EXPECT_TRUE(textMatches("@", "a@b", "w"));
   EXPECT_TRUE(textMatches("b@c", "a.b@c.d", "w"));
   EXPECT_TRUE(textMatches("b*@c*d", "bob@c1d.e", "w"));
+  EXPECT_TRUE(textMatches("a*b-*c", "ab-xc", "w")) << "a new run begins behind the separator";
 }
 
 TEST(WordMatch, IdeographsAndKanaAreWordsByThemselves) {

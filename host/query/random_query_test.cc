@@ -142,7 +142,7 @@ TEST_F(RandomQueries, LogicOverGroupsFollowsItsParts) {
     const bool b = isMatch(right, stored);
     const std::string first = "(" + left + ")";
     const std::string second = "(" + right + ")";
-    const std::string both = "\n" + first + "\n" + second;
+    const std::string both = std::string(first).append("\n").append(second);
     ASSERT_EQ(isMatch(first, stored), a) << both;
     ASSERT_EQ(isMatch("!" + first, stored), !a) << both;
     ASSERT_EQ(isMatch(std::string(first).append("&&").append(second), stored), a && b) << both;
