@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The attributes of a message: one table from which the parser, the index, the help texts and the
-// documents derive. Constant data; any thread.
+// What is known of the attributes of a message: the rows of attribute_table.def. Constant data; any
+// thread.
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string_view>
 
@@ -25,23 +26,27 @@ enum class AttributeUse : std::uint8_t {
   kQueryOnly,  // can stand in a query, is never put into an item
 };
 
-enum class AttributeSource : std::uint8_t {
-  kMessage,  // derived from the message, its file or its place, where they tell
-  kNone,     // nothing here can tell it: absent on every message
+enum class AttributeGroup : std::uint8_t {
+  kPlace,
+  kType,
+  kHeader,
+  kPeople,
+  kDate,
+  kState,
+  kAttachment,
+  kFile,
 };
 
 struct AttributeInfo {
   std::string_view name;
-  AttributeType type;
+  std::string_view alias;  // a shorter name for queries; empty when there is none
   AttributeUse use;
-  AttributeSource source;
-  std::string_view meaning;  // a few words
-  std::string_view example;  // a query that asks for it
-};
-
-struct AttributeAlias {
-  std::string_view alias;
-  std::string_view name;
+  AttributeGroup group;
+  AttributeType type;
+  std::optional<std::uint8_t> number;  // in stored records; empty: absent on every message
+  std::string_view meaning;            // a few words
+  std::string_view source;             // from what it is derived, or why it is absent
+  std::string_view example;            // a query that asks for it
 };
 
 /// The attribute that holds the body's text: searched by words, and left out of "any attribute".
@@ -49,10 +54,8 @@ inline constexpr std::string_view kTextContentAttribute = "kMDItemTextContent";
 
 /// All attributes, the fetched ones first.
 std::span<const AttributeInfo> attributes();
-/// The shorter names that queries may use.
-std::span<const AttributeAlias> attributeAliases();
 
-/// What is known of `name`, which may be an alias; null for a name that no message has.
+/// What is known of `name`, which may be an alias; null for any other name.
 const AttributeInfo* findAttribute(std::string_view name);
 
 /// The name that stands behind an alias; `name` itself when it is none.
@@ -64,5 +67,8 @@ bool isInAnyAttribute(std::string_view name);
 
 /// "string", "string array", "number" and so on.
 std::string_view typeName(AttributeType type);
+
+/// A heading for the group, such as "Identity and place".
+std::string_view groupName(AttributeGroup group);
 
 }  // namespace thmp::query

@@ -4,6 +4,8 @@
 #include <array>
 #include <unordered_map>
 
+#include "host/query/attributes.h"
+
 namespace thmp {
 
 namespace {
@@ -15,15 +17,11 @@ struct KeyTable {
   std::unordered_map<std::string_view, AttributeKey> byName;
 
   KeyTable() {
-#define THMP_X(identifier, name) add(AttributeKey::identifier, name);
-    THMP_FETCHED_ATTRIBUTES(THMP_X)
-    THMP_QUERY_ONLY_ATTRIBUTES(THMP_X)
-#undef THMP_X
-  }
-
-  void add(AttributeKey key, std::string_view name) {
-    texts[static_cast<std::size_t>(key)] = Text(name);
-    byName.emplace(name, key);
+    for (const query::AttributeInfo& info : query::attributes()) {
+      if (!info.number) continue;
+      texts[*info.number] = Text(info.name);
+      byName.emplace(info.name, static_cast<AttributeKey>(*info.number));
+    }
   }
 };
 
