@@ -8,24 +8,6 @@ namespace thmp::query {
 
 namespace {
 
-/// `source` with control characters as \u{...}.
-std::string visible(std::string_view source) {
-  constexpr std::string_view kHexDigits = "0123456789ABCDEF";
-  std::string result;
-  for (std::size_t position = 0; position < source.size();) {
-    const char32_t c = decodeNext(source, position);
-    if (c >= 0x20 && (c < 0x7F || c >= 0xA0)) {
-      appendUtf8(c, result);
-    } else {
-      result += "\\u{";
-      result.push_back(kHexDigits[c >> 4U]);
-      result.push_back(kHexDigits[c & 0xFU]);
-      result += "}";
-    }
-  }
-  return result;
-}
-
 std::string timeText(const Literal& literal) {
   if (literal.form != Literal::Form::kTime) return {};
   std::string result = " (" + literal.time->begin.iso8601();
@@ -99,6 +81,23 @@ std::string indented(const std::string& lines) {
 }
 
 }  // namespace
+
+std::string visible(std::string_view source) {
+  constexpr std::string_view kHexDigits = "0123456789ABCDEF";
+  std::string result;
+  for (std::size_t position = 0; position < source.size();) {
+    const char32_t c = decodeNext(source, position);
+    if (c >= 0x20 && (c < 0x7F || c >= 0xA0)) {
+      appendUtf8(c, result);
+    } else {
+      result += "\\u{";
+      result.push_back(kHexDigits[c >> 4U]);
+      result.push_back(kHexDigits[c & 0xFU]);
+      result += "}";
+    }
+  }
+  return result;
+}
 
 std::string dumpTokens(std::string_view text) {
   std::string result;

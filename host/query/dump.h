@@ -11,6 +11,9 @@
 
 namespace thmp::query {
 
+/// `source` with control characters as \u{...}.
+std::string visible(std::string_view source);
+
 /// The tokens of any text, each with its place and kind; where they end for an error, the error.
 std::string dumpTokens(std::string_view text);
 

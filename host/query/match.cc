@@ -127,6 +127,24 @@ bool Pattern::isLiteral() const {
          (steps_.empty() || (steps_.size() == 1 && steps_[0].kind == Step::Kind::kLiteral));
 }
 
+std::string Pattern::text() const {
+  std::string result(openStart_ ? "*" : "");
+  for (const Step& step : steps_) {
+    switch (step.kind) {
+      case Step::Kind::kLiteral:
+        result += bytesOf(step);
+        break;
+      case Step::Kind::kOnes:
+        result.append(step.size, '?');
+        break;
+      case Step::Kind::kRun:
+        result += '*';
+        break;
+    }
+  }
+  return result + (openEnd_ ? "*" : "");
+}
+
 // --- searching ---
 
 /// Finds a literal step's bytes again and again, overlapping ones included.

@@ -72,6 +72,8 @@ class Pattern {
   /// an empty pattern; REQUIRES: isLiteral().
   bool isLiteral() const;
   std::string_view literal() const { return literals_; }
+  /// The pattern as it is compared: folded, its wildcards as * and ?.
+  std::string text() const;
 
  private:
   using Steps = std::vector<Step>;
