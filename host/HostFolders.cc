@@ -7,27 +7,44 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
+#include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <filesystem>
 #include <string_view>
+#include <thread>
 
 namespace thmp {
 namespace {
 
 constexpr char kMailFoldersKey[] = "mailFolders";
 
-// "serve 1234", as the holder wrote it.
-std::string holder(int descriptor) {
+// A look at the lock by another process holds it for a moment.
+constexpr int kLockAttempts = 10;
+constexpr std::chrono::milliseconds kBetweenAttempts{10};
+
+// What the holder wrote: "serve 1234".
+HostLock::Holder writtenHolder(int descriptor) {
   std::array<char, 64> text{};
   const ssize_t size = ::pread(descriptor, text.data(), text.size(), 0);
-  std::string_view line(text.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
-  const std::size_t space = line.find(' ');
-  if (space == std::string_view::npos) return "another process";
-  return fmt::format("process {} (tallyhive-mailhost {})", line.substr(space + 1),
-                     line.substr(0, space));
+  const std::string_view line(text.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
+  const std::size_t space = std::min(line.find(' '), line.size());
+  HostLock::Holder holder{std::string(line.substr(0, space)), 0};
+  const std::string_view number = line.substr(std::min(space + 1, line.size()));
+  std::from_chars(number.data(), number.data() + number.size(), holder.process);
+  return holder;
+}
+
+bool lockExclusively(int descriptor) {
+  for (int attempt = 1;; ++attempt) {
+    if (::flock(descriptor, LOCK_EX | LOCK_NB) == 0) return true;
+    if (attempt == kLockAttempts) return false;
+    std::this_thread::sleep_for(kBetweenAttempts);
+  }
 }
 
 Result<std::string> absoluteFolder(const std::string& path) {
@@ -64,11 +81,11 @@ Result<std::unique_ptr<HostLock>> HostLock::take(const std::string& path,
   const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (descriptor < 0) return Error::posix(errno, "cannot open " + path);
   std::unique_ptr<HostLock> lock(new HostLock(descriptor));
-  if (::flock(descriptor, LOCK_EX | LOCK_NB) != 0) {
-    return Error{
-        "THMPHost", 1,
-        holder(descriptor) + " keeps the index of this data folder up to date; end it first",
-        nullptr};
+  if (!lockExclusively(descriptor)) {
+    return Error{"THMPHost", 1,
+                 writtenHolder(descriptor).text() +
+                     " keeps the index of this data folder up to date; end it first",
+                 nullptr};
   }
   const std::string line = fmt::format("{} {}", command, ::getpid());
   if (::ftruncate(descriptor, 0) != 0 ||
@@ -76,6 +93,20 @@ Result<std::unique_ptr<HostLock>> HostLock::take(const std::string& path,
     return Error::posix(errno, "cannot write " + path);
   }
   return lock;
+}
+
+std::string HostLock::Holder::text() const {
+  if (process == 0) return "another process";
+  return fmt::format("process {} (tallyhive-mailhost {})", process, command);
+}
+
+std::optional<HostLock::Holder> HostLock::holder(const std::string& path) {
+  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+  if (descriptor < 0) return std::nullopt;
+  std::optional<Holder> holder;
+  if (::flock(descriptor, LOCK_SH | LOCK_NB) != 0) holder = writtenHolder(descriptor);
+  ::close(descriptor);
+  return holder;
 }
 
 HostLock::~HostLock() { ::close(descriptor_); }

@@ -4,7 +4,9 @@
 // date.
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,10 +19,12 @@ namespace thmp {
 struct HostFolders {
   explicit HostFolders(const XdgFolders& folders)
       : library(folders.data + "/tallyhive-mailhost/library.sqlite"),
-        index(folders.cache + "/tallyhive-mailhost/index.sqlite"),
+        caches(folders.cache + "/tallyhive-mailhost"),
+        index(caches + "/index.sqlite"),
         lock(folders.data + "/tallyhive-mailhost/host.lock") {}
 
   std::string library;
+  std::string caches;  // the folder of the index and what belongs to it
   std::string index;
   std::string lock;
 };
@@ -29,6 +33,15 @@ struct HostFolders {
 /// process ends however it does.
 class HostLock {
  public:
+  struct Holder {
+    std::string command;  // "serve" or "index"
+    std::int64_t process = 0;
+    /// "process 4711 (tallyhive-mailhost serve)"
+    std::string text() const;
+  };
+  /// Who holds it now; empty when nobody does. Holds it shared for the moment of the look.
+  static std::optional<Holder> holder(const std::string& path);
+
   /// An error says which process holds it and as what: "serve" or "index".
   static Result<std::unique_ptr<HostLock>> take(const std::string& path,
                                                 const std::string& command);

@@ -16,6 +16,7 @@
 #include "host/index/Index.h"
 #include "host/local_time.h"
 #include "host/query/evaluator.h"
+#include "host/query/explanation.h"
 #include "host/query/parser.h"
 #include "host/store/Library.h"
 #include "messaging/message_names.h"
@@ -63,11 +64,7 @@ void printFound(const FindOptions& options, const Dictionary& item,
 int find(const FindOptions& options) {
   query::SyntaxError error;
   const std::optional<query::Query> query = query::parse(options.query, queryOptionsNow(), &error);
-  if (!query) {
-    fmt::print(stderr, "tallyhive-mailhost: {}{}\n{}\n", error.message,
-               error.hint.empty() ? "" : "; " + error.hint, query::pointOut(options.query, error));
-    return kExitUsage;
-  }
+  if (!query) return failWithSyntax(options.query, error);
   const HostFolders folders(XdgFolders::fromEnvironment());
   const auto index = Index::open(folders.index, Index::Access::kReadOnly);
   const auto library = Library::open(folders.library, Library::Access::kReadOnly);
@@ -94,7 +91,9 @@ int find(const FindOptions& options) {
     const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - begun;
     fmt::print(stderr, "{} message{} in {:.2f} s\n", found, found == 1 ? "" : "s", elapsed.count());
   }
-  return found > 0 ? kExitSuccess : kExitFailure;
+  if (found > 0) return kExitSuccess;
+  for (const std::string& doubt : query::doubts(*query)) failWith(kExitFailure, doubt);
+  return kExitFailure;
 }
 
 }  // namespace

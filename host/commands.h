@@ -10,6 +10,7 @@
 
 #include "base/error.h"
 #include "console/terminal.h"
+#include "host/query/syntax_error.h"
 
 namespace thmp {
 
@@ -23,9 +24,15 @@ using Command = std::function<int()>;
 Command addIndex(CLI::App& app, CLI::App*& subcommand);
 Command addServe(CLI::App& app, CLI::App*& subcommand);
 Command addFind(CLI::App& app, CLI::App*& subcommand);
+Command addExplain(CLI::App& app, CLI::App*& subcommand);
+Command addStat(CLI::App& app, CLI::App*& subcommand);
 
 /// One line on standard error; returns `status`.
 int failWith(int status, std::string_view what);
+
+/// The error, what to write instead, and the place in the text, on standard error; the status of a
+/// query that does not parse.
+int failWithSyntax(std::string_view text, const query::SyntaxError& error);
 
 /// Adds --color.
 void addColorOption(CLI::App& subcommand, console::ColorMode& color);

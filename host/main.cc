@@ -12,6 +12,9 @@
 #include <vector>
 
 #include "host/commands.h"
+#include "host/library_versions.h"
+#include "host/query/syntax_error.h"
+#include "host/wrong_usage.h"
 
 namespace thmp {
 
@@ -20,34 +23,49 @@ int failWith(int status, std::string_view what) {
   return status;
 }
 
+int failWithSyntax(std::string_view text, const query::SyntaxError& error) {
+  fmt::print(stderr, "tallyhive-mailhost: {}{}\n{}\n", error.message,
+             error.hint.empty() ? "" : "; " + error.hint, query::pointOut(text, error));
+  return kExitUsage;
+}
+
 void addColorOption(CLI::App& subcommand, console::ColorMode& color) {
-  const std::map<std::string, console::ColorMode> modes = {{"auto", console::ColorMode::kAuto},
-                                                           {"always", console::ColorMode::kAlways},
-                                                           {"never", console::ColorMode::kNever}};
-  subcommand.add_option("--color", color, "auto, always or never")
-      ->transform(CLI::CheckedTransformer(modes, CLI::ignore_case).description(""))
+  const auto choose = [&color](const std::string& when) {
+    const std::map<std::string, console::ColorMode> modes = {
+        {"auto", console::ColorMode::kAuto},
+        {"always", console::ColorMode::kAlways},
+        {"never", console::ColorMode::kNever}};
+    const auto mode = modes.find(when);
+    if (mode == modes.end()) throw CLI::ValidationError("--color", "it is auto, always or never");
+    color = mode->second;
+  };
+  subcommand.add_option_function<std::string>("--color", choose, "auto, always or never")
       ->type_name("WHEN");
 }
 
 namespace {
 
+std::string versionText() {
+  return std::string("tallyhive-mailhost ") + THMP_VERSION + "\n" + libraryVersions();
+}
+
 int run(int argc, char** argv) {
   CLI::App app("Keeps a search index over mail and serves the Tallyhive mail plug-in.",
                "tallyhive-mailhost");
-  app.set_version_flag("--version", std::string("tallyhive-mailhost ") + THMP_VERSION);
+  app.set_version_flag("--version", versionText);
   app.require_subcommand(1);
   std::vector<std::pair<CLI::App*, Command>> commands;
-  for (const auto add : {addIndex, addServe, addFind}) {
+  for (const auto add : {addIndex, addServe, addFind, addExplain, addStat}) {
     CLI::App* subcommand = nullptr;
     Command command = add(app, subcommand);
+    subcommand->set_version_flag("--version", versionText);
     commands.emplace_back(subcommand, std::move(command));
   }
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == 0) return app.exit(error);
-    fmt::print(stderr, "tallyhive-mailhost: {}; see tallyhive-mailhost --help\n", error.what());
-    return kExitUsage;
+    return failWith(kExitUsage, wrongUsage(app, error));
   }
   for (const auto& [subcommand, command] : commands) {
     if (subcommand->parsed()) return command();

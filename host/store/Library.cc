@@ -203,6 +203,16 @@ Result<std::uint64_t> Library::messageCount() const {
   return count;
 }
 
+Result<std::unordered_map<std::int64_t, std::uint64_t>> Library::messageCounts() const {
+  const auto reader = state_->readers.borrow();
+  if (!reader) return Error::posix(EIO, "cannot read the mail library");
+  Statement& row = reader->statement("SELECT mailbox, count(*) FROM messages GROUP BY mailbox");
+  std::unordered_map<std::int64_t, std::uint64_t> counts;
+  while (row.row()) counts.emplace(row.integer(0), static_cast<std::uint64_t>(row.integer(1)));
+  if (row.result() != SQLITE_DONE) return reader->error("cannot read the mail library");
+  return counts;
+}
+
 Result<std::vector<std::string>> Library::roots() const {
   const auto reader = state_->readers.borrow();
   if (!reader) return Error::posix(EIO, "cannot read the mail library");

@@ -18,6 +18,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "base/result.h"
@@ -76,6 +77,8 @@ class Library {
   /// The messages of one mailbox in the order of their names.
   Result<std::vector<LibraryMessage>> messages(std::int64_t mailbox) const;
   Result<std::uint64_t> messageCount() const;
+  /// How many messages each mailbox has, by its ID; mailboxes without any are left out.
+  Result<std::unordered_map<std::int64_t, std::uint64_t>> messageCounts() const;
 
   /// Mailboxes below a named mail folder that is missing or cannot be read now. Looks at each named
   /// folder each time.

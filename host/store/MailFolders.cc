@@ -364,11 +364,13 @@ std::int64_t deliverySecond(std::string_view fileName) {
   return isDateInRange(second) ? second : -1;
 }
 
-bool isReadableFolder(const std::string& path) {
+std::string whyUnreadableFolder(const std::string& path) {
   const DirHandle dir = openFolder(path, /*followLink=*/true);
-  if (!dir) return false;
+  if (!dir) return wordsFor(errno);
   errno = 0;
-  return ::readdir(dir.get()) != nullptr || errno == 0;
+  return ::readdir(dir.get()) != nullptr || errno == 0 ? std::string() : wordsFor(errno);
 }
+
+bool isReadableFolder(const std::string& path) { return whyUnreadableFolder(path).empty(); }
 
 }  // namespace thmp

@@ -96,6 +96,8 @@ std::string messagePath(const std::string& mailboxPath, const std::string& part,
 /// or outside the years 1 to 9999.
 std::int64_t deliverySecond(std::string_view fileName);
 
+/// Why a folder cannot be opened and listed now, in words; empty when it can.
+std::string whyUnreadableFolder(const std::string& path);
 /// Whether a folder can be opened and listed now.
 bool isReadableFolder(const std::string& path);
 
