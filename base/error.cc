@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "base/error.h"
 
+#include <cerrno>
 #include <system_error>
 #include <utility>
 
@@ -26,6 +27,24 @@ Error Error::posix(int errorNumber, std::string_view what) {
   error.domain = kPosixErrorDomain;
   error.code = errorNumber;
   error.description = std::string(what) + ": " + std::generic_category().message(errorNumber);
+  return error;
+}
+
+Error Error::fileRead(int errorNumber, std::string_view what) {
+  Error error = posix(errorNumber, what);
+  error.underlying = std::make_shared<Error>(error);
+  error.domain = kFileErrorDomain;
+  switch (errorNumber) {
+    case EPERM:
+    case EACCES:
+      error.code = 257;
+      break;
+    case ENOENT:
+      error.code = 260;
+      break;
+    default:
+      error.code = 256;
+  }
   return error;
 }
 

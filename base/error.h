@@ -13,6 +13,7 @@
 namespace thmp {
 
 inline constexpr std::string_view kPosixErrorDomain = "NSPOSIXErrorDomain";
+inline constexpr std::string_view kFileErrorDomain = "NSCocoaErrorDomain";
 
 /// A default-made Error is "no error".
 struct Error {
@@ -29,6 +30,8 @@ struct Error {
   /// An error of the operating system. `what` says in words what could not be done, and to which
   /// file.
   static Error posix(int errorNumber, std::string_view what);
+  /// An error of the file system while something is read; the operating system's lies under it.
+  static Error fileRead(int errorNumber, std::string_view what);
 
   friend bool operator==(const Error& a, const Error& b);
 };

@@ -27,6 +27,16 @@ TEST(Errors, OfTheSystemCarryItsNumberAndWords) {
   EXPECT_FALSE(Error().isSet());
 }
 
+TEST(Errors, OfAReadHaveTheSystemsErrorUnderneath) {
+  const Error error = Error::fileRead(EPERM, "Could not list /x");
+  EXPECT_EQ(error.domain, "NSCocoaErrorDomain");
+  EXPECT_EQ(error.code, 257);
+  EXPECT_EQ(*error.underlying, Error::posix(EPERM, "Could not list /x"));
+  EXPECT_EQ(Error::fileRead(EACCES, "").code, 257);
+  EXPECT_EQ(Error::fileRead(ENOENT, "").code, 260);
+  EXPECT_EQ(Error::fileRead(EIO, "").code, 256);
+}
+
 TEST(Errors, AreEqualWithEqualErrorsUnderneath) {
   const Error a{"D", 1, "a", std::make_shared<Error>(Error{"U", 2, "u", nullptr})};
   Error b{"D", 1, "a", std::make_shared<Error>(Error{"U", 2, "u", nullptr})};

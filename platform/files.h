@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -34,13 +35,25 @@ class Files {
   /// Whether anything stands at `path`, links followed.
   virtual bool exists(const std::string& path) = 0;
   virtual bool isDirectory(const std::string& path) = 0;
+  virtual bool isReadable(const std::string& path) = 0;
   virtual bool isWritable(const std::string& path) = 0;
+  /// The access bits, such as 0700, links followed. Empty when they cannot be had.
+  virtual std::optional<unsigned> permissions(const std::string& path) = 0;
+  /// Where the link at `path` leads, as the link says it. Empty when no link stands there, or when
+  /// it cannot be read.
+  virtual std::optional<std::string> linkTarget(const std::string& path) = 0;
 
   /// The names of a folder's entries, hidden ones included, in the file system's own order, which
   /// may repeat or miss names while the folder changes. Empty optional when the folder cannot be
-  /// listed.
+  /// listed; `error` then has the operating system's own error under it.
   virtual std::optional<std::vector<std::string>> list(const std::string& directory,
                                                        Error* error = nullptr) = 0;
+
+  /// Calls `visit` with every entry below `directory` at any depth, as its path from there, each
+  /// folder before what it holds. A link at `directory` is followed, no other. A folder that cannot
+  /// be listed, or goes meanwhile, holds nothing; so does one whose path is too long.
+  virtual void walk(const std::string& directory,
+                    const std::function<void(const std::string& entry)>& visit) = 0;
 
   /// Makes `path` and the folders above it that are missing, each private to the user. An existing
   /// folder is success.

@@ -31,6 +31,10 @@ class Identity {
   /// afresh.
   virtual bool hostSandboxed() = 0;
 
+  /// The version number of the system's application framework (NSAppKitVersionNumber). Empty where
+  /// there is none, as on Linux.
+  virtual std::optional<double> systemVersion() = 0;
+
   /// A text that no call on any machine has returned before: at least 128 random bits, letters,
   /// digits and hyphens only.
   virtual std::string globallyUniqueString() = 0;

@@ -26,6 +26,11 @@ void FakeIdentity::setHostSandboxed(bool sandboxed) {
   sandboxed_ = sandboxed;
 }
 
+void FakeIdentity::setSystemVersion(std::optional<double> version) {
+  const Lock lock(mutex_);
+  systemVersion_ = version;
+}
+
 int FakeIdentity::sandboxedCount() const {
   const Lock lock(mutex_);
   return sandboxedCount_;
@@ -52,6 +57,11 @@ bool FakeIdentity::hostSandboxed() {
   const Lock lock(mutex_);
   ++sandboxedCount_;
   return sandboxed_;
+}
+
+std::optional<double> FakeIdentity::systemVersion() {
+  const Lock lock(mutex_);
+  return systemVersion_;
 }
 
 std::string FakeIdentity::globallyUniqueString() {

@@ -18,6 +18,8 @@ class FakeIdentity : public Identity {
   void addUser(UserRecord user);
   void setProcessHome(std::string home);
   void setHostSandboxed(bool sandboxed);
+  /// Empty at first, as on Linux.
+  void setSystemVersion(std::optional<double> version);
   /// How often hostSandboxed() was asked.
   int sandboxedCount() const;
 
@@ -26,6 +28,7 @@ class FakeIdentity : public Identity {
   std::optional<UserRecord> userByName(const std::string& name) override;
   std::string processHome() override;
   bool hostSandboxed() override;
+  std::optional<double> systemVersion() override;
   /// "UNIQUE-000001", "UNIQUE-000002", and so on.
   std::string globallyUniqueString() override;
 
@@ -35,6 +38,7 @@ class FakeIdentity : public Identity {
   std::map<std::string, UserRecord> users_ THMP_GUARDED_BY(mutex_);
   std::string processHome_ THMP_GUARDED_BY(mutex_) = "/home/ada";
   bool sandboxed_ THMP_GUARDED_BY(mutex_) = false;
+  std::optional<double> systemVersion_ THMP_GUARDED_BY(mutex_);
   int sandboxedCount_ THMP_GUARDED_BY(mutex_) = 0;
   int uniqueStrings_ THMP_GUARDED_BY(mutex_) = 0;
 };

@@ -118,7 +118,8 @@ TEST(InMemoryFileSystem, UnreadableFoldersAndFilesRefuse) {
 
   Error error;
   EXPECT_EQ(files.list("/in", &error), std::nullopt);
-  EXPECT_EQ(error.code, EACCES);
+  ASSERT_TRUE(error.underlying);
+  EXPECT_EQ(error.underlying->code, EACCES);
   EXPECT_EQ(read(files, "/in/a"), std::nullopt);
 }
 

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -24,6 +25,8 @@ class FileTree {
     std::string content = {};
     bool writable = true;
     bool readable = true;
+    /// The access bits; without them those of a private file or folder.
+    std::optional<unsigned> permissions = {};
     /// When it came under its name; later ones are greater.
     std::uint64_t arrival = 0;
     std::map<std::string, std::shared_ptr<Node>> children = {};

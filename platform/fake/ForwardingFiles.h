@@ -14,10 +14,21 @@ class ForwardingFiles : public Files {
 
   bool exists(const std::string& path) override { return target_.exists(path); }
   bool isDirectory(const std::string& path) override { return target_.isDirectory(path); }
+  bool isReadable(const std::string& path) override { return target_.isReadable(path); }
   bool isWritable(const std::string& path) override { return target_.isWritable(path); }
+  std::optional<unsigned> permissions(const std::string& path) override {
+    return target_.permissions(path);
+  }
+  std::optional<std::string> linkTarget(const std::string& path) override {
+    return target_.linkTarget(path);
+  }
   std::optional<std::vector<std::string>> list(const std::string& directory,
                                                Error* error = nullptr) override {
     return target_.list(directory, error);
+  }
+  void walk(const std::string& directory,
+            const std::function<void(const std::string& entry)>& visit) override {
+    target_.walk(directory, visit);
   }
   [[nodiscard]] bool createDirectories(const std::string& path, Error* error = nullptr) override {
     return target_.createDirectories(path, error);

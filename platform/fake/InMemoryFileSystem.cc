@@ -95,6 +95,11 @@ void InMemoryFileSystem::setReadable(const std::string& path, bool readable) {
   if (const auto place = tree_.find(path); place.node) place.node->readable = readable;
 }
 
+void InMemoryFileSystem::setPermissions(const std::string& path, unsigned permissions) {
+  const Lock lock(mutex_);
+  if (const auto place = tree_.find(path); place.node) place.node->permissions = permissions;
+}
+
 void InMemoryFileSystem::setDisplayName(const std::string& path, const std::string& name) {
   const Lock lock(mutex_);
   displayNames_[path] = name;
@@ -221,6 +226,13 @@ bool InMemoryFileSystem::isDirectory(const std::string& path) {
   });
 }
 
+bool InMemoryFileSystem::isReadable(const std::string& path) {
+  return perform(FileOperation::kIsReadable, path, nullptr, [&](FileTree& tree) {
+    const auto place = tree.find(path);
+    return place.node && place.node->readable ? 0 : EACCES;
+  });
+}
+
 bool InMemoryFileSystem::isWritable(const std::string& path) {
   return perform(FileOperation::kIsWritable, path, nullptr, [&](FileTree& tree) {
     const auto place = tree.find(path);
@@ -228,11 +240,35 @@ bool InMemoryFileSystem::isWritable(const std::string& path) {
   });
 }
 
+std::optional<unsigned> InMemoryFileSystem::permissions(const std::string& path) {
+  std::optional<unsigned> bits;
+  perform(FileOperation::kPermissions, path, nullptr, [&](FileTree& tree) {
+    const auto place = tree.find(path);
+    if (!place.node) return place.error;
+    bits = place.node->permissions.value_or(place.node->kind == Kind::kFolder ? 0700 : 0600);
+    return 0;
+  });
+  return bits;
+}
+
+std::optional<std::string> InMemoryFileSystem::linkTarget(const std::string& path) {
+  std::optional<std::string> target;
+  perform(FileOperation::kLinkTarget, path, nullptr, [&](FileTree& tree) {
+    const auto place = tree.find(path, /*followLast=*/false);
+    if (!place.node || place.node->kind != Kind::kLink) return EINVAL;
+    target = place.node->content;
+    return 0;
+  });
+  return target;
+}
+
 std::optional<std::vector<std::string>> InMemoryFileSystem::list(const std::string& directory,
                                                                  Error* error) {
   std::vector<std::string> names;
-  if (!perform(FileOperation::kList, directory, error,
+  Error failure;
+  if (!perform(FileOperation::kList, directory, &failure,
                [&](FileTree& tree) { return tree.list(directory, names); })) {
+    fail(error, Error::fileRead(static_cast<int>(failure.code), directory));
     return std::nullopt;
   }
   ListingHook hook;
@@ -242,6 +278,35 @@ std::optional<std::vector<std::string>> InMemoryFileSystem::list(const std::stri
   }
   if (hook) hook(directory, names);
   return names;
+}
+
+void InMemoryFileSystem::walk(const std::string& directory,
+                              const std::function<void(const std::string& entry)>& visit) {
+  const auto list = [this](const std::string& folder, bool followLink,
+                           std::vector<std::string>& names) {
+    perform(FileOperation::kWalk, folder, nullptr, [&](FileTree& tree) {
+      const auto place = tree.find(folder, followLink);
+      if (!place.node || place.node->kind != Kind::kFolder) return ENOTDIR;
+      return tree.list(folder, names);
+    });
+  };
+  const auto isFolder = [this](const std::string& path) {
+    const Lock lock(mutex_);
+    const auto place = tree_.find(path, /*followLast=*/false);
+    return place.node && place.node->kind == Kind::kFolder;
+  };
+  std::vector<std::string> waiting = {""};
+  while (!waiting.empty()) {
+    const std::string folder = std::move(waiting.back());
+    waiting.pop_back();
+    std::vector<std::string> names;
+    list(folder.empty() ? directory : entryPath(directory, folder), folder.empty(), names);
+    for (const std::string& name : names) {
+      const std::string entry = folder.empty() ? name : entryPath(folder, name);
+      visit(entry);
+      if (isFolder(entryPath(directory, entry))) waiting.push_back(entry);
+    }
+  }
 }
 
 bool InMemoryFileSystem::createDirectories(const std::string& path, Error* error) {

@@ -24,8 +24,12 @@ namespace thmp {
 enum class FileOperation {
   kExists,
   kIsDirectory,
+  kIsReadable,
   kIsWritable,
+  kPermissions,
+  kLinkTarget,
   kList,
+  kWalk,  // of each folder that is walked
   kCreateDirectories,
   kRead,
   kPrepare,
@@ -65,6 +69,8 @@ class InMemoryFileSystem : public Files {
   /// A folder that is not writable takes and loses no entries.
   void setWritable(const std::string& path, bool writable);
   void setReadable(const std::string& path, bool readable);
+  /// The access bits that are told; what the process may do goes by the flags alone.
+  void setPermissions(const std::string& path, unsigned permissions);
   void setDisplayName(const std::string& path, const std::string& name);
   void setApplicationSupport(const std::string& directory, const std::string& belowHome);
 
@@ -105,9 +111,14 @@ class InMemoryFileSystem : public Files {
   // Files.
   bool exists(const std::string& path) override;
   bool isDirectory(const std::string& path) override;
+  bool isReadable(const std::string& path) override;
   bool isWritable(const std::string& path) override;
+  std::optional<unsigned> permissions(const std::string& path) override;
+  std::optional<std::string> linkTarget(const std::string& path) override;
   std::optional<std::vector<std::string>> list(const std::string& directory,
                                                Error* error = nullptr) override;
+  void walk(const std::string& directory,
+            const std::function<void(const std::string& entry)>& visit) override;
   [[nodiscard]] bool createDirectories(const std::string& path, Error* error = nullptr) override;
   std::optional<std::string> readFile(const std::string& path, std::size_t maxBytes,
                                       Error* error = nullptr) override;

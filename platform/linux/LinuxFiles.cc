@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <climits>
 #include <utility>
 
 #include "platform/linux/TemporaryFile.h"
@@ -14,6 +15,11 @@ namespace thmp {
 namespace {
 
 bool hasNul(const std::string& path) { return path.find('\0') != std::string::npos; }
+
+/// Whether this process may do `what` with the file, as the effective user.
+bool allows(const std::string& path, int what) {
+  return !hasNul(path) && ::faccessat(AT_FDCWD, path.c_str(), what, AT_EACCESS) == 0;
+}
 
 std::string about(std::string_view what, const std::string& path) {
   return std::string(what) + " " + path;
@@ -57,8 +63,23 @@ bool LinuxFiles::isDirectory(const std::string& path) {
   return !hasNul(path) && ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-bool LinuxFiles::isWritable(const std::string& path) {
-  return !hasNul(path) && ::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0;
+bool LinuxFiles::isReadable(const std::string& path) { return allows(path, R_OK); }
+
+bool LinuxFiles::isWritable(const std::string& path) { return allows(path, W_OK); }
+
+std::optional<unsigned> LinuxFiles::permissions(const std::string& path) {
+  struct stat status = {};
+  if (hasNul(path) || ::stat(path.c_str(), &status) != 0) return std::nullopt;
+  return status.st_mode & 07777U;
+}
+
+std::optional<std::string> LinuxFiles::linkTarget(const std::string& path) {
+  if (hasNul(path)) return std::nullopt;
+  std::string target(PATH_MAX, '\0');
+  const ssize_t length = ::readlink(path.c_str(), target.data(), target.size());
+  if (length < 0) return std::nullopt;
+  target.resize(static_cast<std::size_t>(length));
+  return target;
 }
 
 std::optional<std::vector<std::string>> LinuxFiles::list(const std::string& directory,
@@ -66,8 +87,30 @@ std::optional<std::vector<std::string>> LinuxFiles::list(const std::string& dire
   const Descriptor folder = openAt(AT_FDCWD, directory, O_RDONLY | O_DIRECTORY);
   std::optional<std::vector<std::string>> names;
   if (folder) names = listFolder(folder.get());
-  if (!names) failWithErrno(error, about("cannot list the folder", directory));
+  if (!names) fail(error, Error::fileRead(errno, about("cannot list the folder", directory)));
   return names;
+}
+
+void LinuxFiles::walk(const std::string& directory,
+                      const std::function<void(const std::string& entry)>& visit) {
+  const Descriptor root = openAt(AT_FDCWD, directory, O_RDONLY | O_DIRECTORY);
+  if (!root) return;
+  // Paths wait, not descriptors: a deep tree would need more than a process has.
+  std::vector<std::string> waiting = {""};
+  while (!waiting.empty()) {
+    const std::string folder = std::move(waiting.back());
+    waiting.pop_back();
+    const Descriptor open =
+        openAt(root.get(), folder.empty() ? "." : folder, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    const auto names = open ? listFolder(open.get()) : std::nullopt;
+    if (!names) continue;
+    for (const std::string& name : *names) {
+      const std::string entry = folder.empty() ? name : joined(folder, name);
+      visit(entry);
+      const auto status = statAt(open.get(), name);
+      if (status && S_ISDIR(status->st_mode)) waiting.push_back(entry);
+    }
+  }
 }
 
 bool LinuxFiles::createDirectories(const std::string& path, Error* error) {

@@ -23,8 +23,13 @@ class LinuxFiles final : public Files {
 
   bool exists(const std::string& path) override;
   bool isDirectory(const std::string& path) override;
+  bool isReadable(const std::string& path) override;
   bool isWritable(const std::string& path) override;
+  std::optional<unsigned> permissions(const std::string& path) override;
+  std::optional<std::string> linkTarget(const std::string& path) override;
   std::optional<std::vector<std::string>> list(const std::string& directory, Error* error) override;
+  void walk(const std::string& directory,
+            const std::function<void(const std::string& entry)>& visit) override;
   [[nodiscard]] bool createDirectories(const std::string& path, Error* error) override;
   std::optional<std::string> readFile(const std::string& path, std::size_t maxBytes,
                                       Error* error) override;

@@ -71,7 +71,10 @@ TEST_F(LinuxFilesTest, ListAndReadFailWithoutDescriptorsAndSayWhy) {
     const bool failed = !files_.list(folder_.path(), &list) &&
                         !files_.readFile(folder_.at("a"), 10, &read) &&
                         files_.prepareFile(folder_.path(), "b", "x", &prepare) == nullptr;
-    return failed && list.code == EMFILE && read.code == EMFILE && prepare.code == EMFILE ? 0 : 1;
+    return failed && list.underlying && list.underlying->code == EMFILE && read.code == EMFILE &&
+                   prepare.code == EMFILE
+               ? 0
+               : 1;
   });
   EXPECT_EQ(result, 0);
 }

@@ -42,6 +42,8 @@ bool LinuxIdentity::hostSandboxed() {
          beginsWith(marks_.securityLabel, "snap.");
 }
 
+std::optional<double> LinuxIdentity::systemVersion() { return std::nullopt; }
+
 std::string LinuxIdentity::globallyUniqueString() {
   std::string text = randomHex(16);
   for (char& digit : text) {

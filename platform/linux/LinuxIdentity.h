@@ -29,6 +29,8 @@ class LinuxIdentity final : public Identity {
   std::string processHome() override;
   /// Never by an environment variable: a process's children inherit those.
   bool hostSandboxed() override;
+  /// None: no application framework here counts in these numbers.
+  std::optional<double> systemVersion() override;
   std::string globallyUniqueString() override;
 
  private:

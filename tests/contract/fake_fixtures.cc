@@ -24,6 +24,10 @@ class FakeScene : public Scene {
   }
   void makeFifo(const std::string& path) override { files_.makeSpecial(path); }
   void makeUnwritable(const std::string& folder) override { files_.setWritable(folder, false); }
+  void makeUnreadable(const std::string& folder) override {
+    files_.setReadable(folder, false);
+    files_.setPermissions(folder, 0300);
+  }
   void rename(const std::string& from, const std::string& to) override { files_.rename(from, to); }
   void erase(const std::string& path) override { files_.erase(path); }
   bool hasEntry(const std::string& path) override { return files_.hasEntry(path); }

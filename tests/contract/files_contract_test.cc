@@ -22,6 +22,24 @@ class FilesContract
     return file;
   }
 
+  /// The number of the operating system's error under `error`; 0 when it is not of that kind.
+  static std::int64_t systemError(const Error& error) {
+    return error.underlying && error.underlying->domain == kPosixErrorDomain
+               ? error.underlying->code
+               : 0;
+  }
+
+  static std::vector<std::string> sorted(std::vector<std::string> names) {
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  std::vector<std::string> walked(const std::string& directory) {
+    std::vector<std::string> entries;
+    files().walk(directory, [&](const std::string& entry) { entries.push_back(entry); });
+    return entries;
+  }
+
   std::vector<std::string> listed(const std::string& directory) {
     auto names = files().list(directory).value_or(std::vector<std::string>{"(no listing)"});
     std::sort(names.begin(), names.end());
@@ -128,11 +146,112 @@ TEST_P(FilesContract, ListOfWhatIsNoFolderFails) {
 
   Error missing;
   EXPECT_EQ(files().list(at("none"), &missing), std::nullopt);
-  EXPECT_EQ(missing.code, ENOENT);
+  EXPECT_EQ(systemError(missing), ENOENT);
   Error file;
   EXPECT_EQ(files().list(at("file"), &file), std::nullopt);
-  EXPECT_EQ(file.code, ENOTDIR);
+  EXPECT_EQ(systemError(file), ENOTDIR);
   EXPECT_EQ(files().list(at("none")), std::nullopt);
+}
+
+TEST_P(FilesContract, FolderWithoutTheRightIsNeitherReadableNorListed) {
+  fixture().dropPrivileges();
+  const std::string closed = scene().freshFolder();
+  ASSERT_TRUE(files().isReadable(closed));
+  scene().makeUnreadable(closed);
+
+  EXPECT_FALSE(files().isReadable(closed));
+  EXPECT_TRUE(files().isDirectory(closed));
+  EXPECT_EQ(files().permissions(closed), 0300U);
+  Error error;
+  EXPECT_EQ(files().list(closed, &error), std::nullopt);
+  EXPECT_EQ(systemError(error), EACCES);
+}
+
+TEST_P(FilesContract, ReadabilityAndPermissionsFollowLinks) {
+  scene().makeFolder(at("folder"));
+  scene().makeLink(at("link"), at("folder"));
+  scene().makeLink(at("lost"), at("none"));
+
+  EXPECT_TRUE(files().isReadable(at("link")));
+  EXPECT_EQ(files().permissions(at("link")), files().permissions(at("folder")));
+  EXPECT_TRUE(files().permissions(at("link")).value_or(0) & 0400U);
+  for (const std::string& path : {at("lost"), at("none")}) {
+    EXPECT_FALSE(files().isReadable(path));
+    EXPECT_EQ(files().permissions(path), std::nullopt);
+  }
+}
+
+TEST_P(FilesContract, LinkTellsItsTargetAsItSaysIt) {
+  scene().makeFolder(at("folder"));
+  scene().makeLink(at("link"), "./folder/../none");
+  scene().makeLink(at("folder/inner"), at("link"));
+
+  EXPECT_EQ(files().linkTarget(at("link")), "./folder/../none");
+  EXPECT_EQ(files().linkTarget(at("folder/inner")), at("link"));
+  EXPECT_EQ(files().linkTarget(at("folder")), std::nullopt);
+  EXPECT_EQ(files().linkTarget(at("none")), std::nullopt);
+}
+
+TEST_P(FilesContract, WalkTellsEveryEntryAtAnyDepthFoldersFirst) {
+  scene().writeFile(at("a/b/file"), "");
+  scene().writeFile(at("a/.hidden"), "");
+  scene().makeFolder(at("empty"));
+
+  const std::vector<std::string> told = walked(folder());
+  EXPECT_EQ(sorted(told), (std::vector<std::string>{"a", "a/.hidden", "a/b", "a/b/file", "empty"}));
+  EXPECT_LT(std::find(told.begin(), told.end(), "a"), std::find(told.begin(), told.end(), "a/b"));
+  EXPECT_LT(std::find(told.begin(), told.end(), "a/b"),
+            std::find(told.begin(), told.end(), "a/b/file"));
+}
+
+TEST_P(FilesContract, WalkFollowsALinkAtItsBeginningOnly) {
+  scene().makeFolder(at("real/sub"));
+  scene().makeLink(at("real/loop"), at("real"));
+  scene().makeLink(at("way"), at("real"));
+
+  EXPECT_EQ(sorted(walked(at("way"))), (std::vector<std::string>{"loop", "sub"}));
+  EXPECT_EQ(sorted(walked(at("way/loop"))), (std::vector<std::string>{"loop", "sub"}));
+}
+
+TEST_P(FilesContract, WalkOfWhatIsNoFolderTellsNothing) {
+  scene().writeFile(at("file"), "");
+  scene().makeLink(at("one"), at("two"));
+  scene().makeLink(at("two"), at("one"));
+
+  for (const char* name : {"none", "file", "one"}) EXPECT_TRUE(walked(at(name)).empty()) << name;
+}
+
+TEST_P(FilesContract, WalkTellsAClosedFolderAndNothingInIt) {
+  fixture().dropPrivileges();
+  const std::string top = scene().freshFolder();
+  scene().makeFolder(top + "/closed/inner");
+  scene().makeFolder(top + "/open/inner");
+  scene().makeUnreadable(top + "/closed");
+
+  EXPECT_EQ(sorted(walked(top)), (std::vector<std::string>{"closed", "open", "open/inner"}));
+}
+
+TEST_P(FilesContract, WalkPassesOverAFolderThatGoesMeanwhile) {
+  scene().makeFolder(at("a/inner"));
+  scene().makeFolder(at("b/inner"));
+  std::vector<std::string> told;
+  files().walk(folder(), [&](const std::string& entry) {
+    told.push_back(entry);
+    if (entry == "a") scene().erase(at("a"));
+  });
+
+  EXPECT_EQ(sorted(told), (std::vector<std::string>{"a", "b", "b/inner"}));
+}
+
+TEST_P(FilesContract, WalkReachesTheEndOfADeepTree) {
+  constexpr std::size_t kDepth = 1000;
+  std::string path = folder();
+  for (std::size_t i = 0; i < kDepth; ++i) path += "/d";
+  scene().makeFolder(path);
+
+  const std::vector<std::string> told = walked(folder());
+  ASSERT_EQ(told.size(), kDepth);
+  EXPECT_EQ(at(told.back()), path);
 }
 
 TEST_P(FilesContract, CreateDirectoriesMakesAllThatAreMissing) {

@@ -31,6 +31,8 @@ class Scene {
   virtual void makeLink(const std::string& path, const std::string& target) = 0;
   virtual void makeFifo(const std::string& path) = 0;
   virtual void makeUnwritable(const std::string& folder) = 0;
+  /// By its access bits.
+  virtual void makeUnreadable(const std::string& folder) = 0;
   virtual void rename(const std::string& from, const std::string& to) = 0;
   /// With all it holds.
   virtual void erase(const std::string& path) = 0;

@@ -39,6 +39,12 @@ TEST_P(IdentityContract, SandboxIsAnsweredTheSameTwice) {
   EXPECT_EQ(identity().hostSandboxed(), identity().hostSandboxed());
 }
 
+TEST_P(IdentityContract, SystemVersionIsANumberOrNone) {
+  const std::optional<double> version = identity().systemVersion();
+  EXPECT_EQ(version, identity().systemVersion());
+  EXPECT_GT(version.value_or(1.0), 0.0);
+}
+
 TEST_P(IdentityContract, UniqueStringsAreLettersDigitsAndHyphensOnly) {
   const std::string text = identity().globallyUniqueString();
 

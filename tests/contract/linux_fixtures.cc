@@ -76,6 +76,9 @@ class LinuxScene : public Scene {
   void makeUnwritable(const std::string& folder) override {
     EXPECT_EQ(::chmod(folder.c_str(), 0500), 0);
   }
+  void makeUnreadable(const std::string& folder) override {
+    EXPECT_EQ(::chmod(folder.c_str(), 0300), 0);
+  }
   void rename(const std::string& from, const std::string& to) override {
     EXPECT_EQ(::rename(from.c_str(), to.c_str()), 0);
   }
