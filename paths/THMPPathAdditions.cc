@@ -79,15 +79,17 @@ std::string THMPPathAdditions::thmp_stringByAbbreviatingWithTildeInPath(
   return pathWithComponents(components);
 }
 
-std::string THMPPathAdditions::stringByStandardizingPath(const std::string& path) const {
+std::string THMPPathAdditions::stringByExpandingTildeInPath(const std::string& path) const {
   Components components = pathComponents(path);
-  if (!components.empty() && components.front().starts_with('~')) {
-    const std::string first = components.front();
-    const std::optional<std::string> home =
-        first == "~" ? identity_.processHome() : homeOfNamedUser(identity_, first);
-    components = pathComponents(withHome(path, std::move(components), home));
-  }
-  return pathWithComponents(standardizedComponents(std::move(components)));
+  if (components.empty() || !components.front().starts_with('~')) return path;
+  const std::string first = components.front();
+  return withHome(path, std::move(components),
+                  first == "~" ? identity_.processHome() : homeOfNamedUser(identity_, first));
+}
+
+std::string THMPPathAdditions::stringByStandardizingPath(const std::string& path) const {
+  return pathWithComponents(
+      standardizedComponents(pathComponents(stringByExpandingTildeInPath(path))));
 }
 
 }  // namespace thmp

@@ -55,11 +55,16 @@ class THMPPathAdditions {
   /// folder is a prefix of it.
   std::string thmp_stringByAbbreviatingWithTildeInPath(const std::string& path) const;
 
+  /// stringByExpandingTildeInPath
+  ///
+  /// The platform's own rule for a leading tilde: "~" is the process's home, in a sandbox the
+  /// container's, and "~name" the home of that user. Unchanged when there is no such home.
+  std::string stringByExpandingTildeInPath(const std::string& path) const;
+
   /// stringByStandardizingPath
   ///
-  /// The platform's standardization: a leading tilde expanded by the platform's own rule (the
-  /// process's home, in a sandbox the container's), no single-dot or empty components, no double
-  /// dots in an absolute path, no slash at the end.
+  /// The platform's standardization: a leading tilde expanded by the platform's own rule, no
+  /// single-dot or empty components, no double dots in an absolute path, no slash at the end.
   std::string stringByStandardizingPath(const std::string& path) const;
 
  private:

@@ -11,6 +11,8 @@ ProcessState::ProcessState(Platform& hostPlatform)
     : platform(hostPlatform),
       log(hostPlatform),
       paths(hostPlatform.identity),
+      fullDiskAccess(paths, hostPlatform.files, hostPlatform.identity, hostPlatform.application,
+                     hostPlatform.log),
       centerClass(hostPlatform, paths),
       mailLibrary(hostPlatform.mail, hostPlatform.files) {}
 

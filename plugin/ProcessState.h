@@ -12,6 +12,7 @@
 #include "maillibrary/MailLibraryLookup.h"
 #include "messaging/DataDirectoryAccess.h"
 #include "messaging/THMPCommunicationCenterClass.h"
+#include "paths/FullDiskAccess.h"
 #include "paths/THMPPathAdditions.h"
 #include "platform/platform.h"
 #include "plugin/PluginLog.h"
@@ -51,6 +52,7 @@ class ProcessState {
   Platform& platform;
   PluginLog log;
   THMPPathAdditions paths;
+  FullDiskAccess fullDiskAccess;
   THMPCommunicationCenterClass centerClass;
   DataDirectoryAccess dataDirectoryAccess;
   AttributeList attributeList;
