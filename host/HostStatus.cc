@@ -67,6 +67,7 @@ Result<std::vector<MailFolderStatus>> lookAtFolders(const Library& library,
   const auto counts = library.messageCounts();
   if (!counts) return counts.error();
   std::vector<MailFolderStatus> folders;
+  folders.reserve(named.size() + 1);
   for (const std::string& path : named) folders.push_back(lookAtFolder(path));
   for (const LibraryMailbox& mailbox : *mailboxes) {
     const auto isItsRoot = [&](const MailFolderStatus& one) {

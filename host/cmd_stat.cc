@@ -63,8 +63,8 @@ std::string counted(std::uint64_t count, std::string_view one, std::string_view 
 }
 
 std::string folderText(const MailFolderStatus& folder) {
-  const std::string content = counted(folder.messages, "message", "messages") + " in " +
-                              counted(folder.mailboxes, "mailbox", "mailboxes");
+  std::string content = counted(folder.messages, "message", "messages") + " in " +
+                        counted(folder.mailboxes, "mailbox", "mailboxes");
   switch (folder.state) {
     case MailFolderStatus::State::kReadable:
       return content;
