@@ -48,6 +48,14 @@ DirHandle openFolder(const std::string& path, bool followLink) {
   return DirHandle(dir);
 }
 
+FolderIdentity identityOf(DIR* dir) {
+  struct stat status {};
+  if (::fstat(::dirfd(dir), &status) != 0) return {};
+  return {status.st_dev, status.st_ino};
+}
+
+bool isOwnOrParent(std::string_view name) { return name == "." || name == ".."; }
+
 enum class EntryKind : std::uint8_t { kFolder, kFile, kOther };
 
 EntryKind kindOf(DIR* dir, const dirent& entry) {
@@ -78,7 +86,7 @@ int forEachEntry(DIR* dir, const Visit& visit) {
     const dirent* entry = ::readdir(dir);
     if (entry == nullptr) return errno;
     const std::string_view name(entry->d_name);
-    if (name == "." || name == "..") continue;
+    if (isOwnOrParent(name)) continue;
     visit(name, kindOf(dir, *entry));
   }
 }
@@ -139,6 +147,7 @@ class Walk {
     const DirHandle dir = openFolder(at.path, isStart);
     if (!dir) {
       const int why = errno;
+      if (why == ENOENT && !isStart) tree_.vanished.push_back(at.path);
       if (why != ENOENT && why != ENOTDIR && why != ELOOP) {
         tree_.unreadable.push_back({at.path, wordsFor(why)});
       }
@@ -149,7 +158,10 @@ class Walk {
       note(at.path, name, kind, contents);
     });
     if (error != 0) tree_.unreadable.push_back({at.path, wordsFor(error)});
-    if (isStart && at.path == root_) tree_.rootIsThere = error == 0;
+    if (isStart && at.path == root_) {
+      tree_.rootIsThere = error == 0;
+      tree_.rootIdentity = identityOf(dir.get());
+    }
     const std::string mbox = at.path.ends_with(kMboxSuffix) ? at.path : at.mbox;
     settle(at.path, mbox, contents);
   }
@@ -364,13 +376,29 @@ std::int64_t deliverySecond(std::string_view fileName) {
   return isDateInRange(second) ? second : -1;
 }
 
-std::string whyUnreadableFolder(const std::string& path) {
-  const DirHandle dir = openFolder(path, /*followLink=*/true);
-  if (!dir) return wordsFor(errno);
-  errno = 0;
-  return ::readdir(dir.get()) != nullptr || errno == 0 ? std::string() : wordsFor(errno);
+FolderLook lookAt(const std::string& folder) {
+  FolderLook look;
+  const DirHandle dir = openFolder(folder, /*followLink=*/true);
+  if (!dir) {
+    look.unreadable = wordsFor(errno);
+    return look;
+  }
+  look.identity = identityOf(dir.get());
+  look.isEmpty = true;
+  for (errno = 0; const dirent* entry = ::readdir(dir.get()); errno = 0) {
+    if (isOwnOrParent(entry->d_name)) continue;
+    look.isEmpty = false;
+    return look;
+  }
+  if (errno != 0) look.unreadable = wordsFor(errno);
+  return look;
 }
 
-bool isReadableFolder(const std::string& path) { return whyUnreadableFolder(path).empty(); }
+bool isReadableFolder(const std::string& path) { return lookAt(path).unreadable.empty(); }
+
+bool isAtOrBelow(const std::string& path, const std::string& folder) {
+  return path == folder || (path.size() > folder.size() && path.starts_with(folder) &&
+                            (folder.ends_with('/') || path[folder.size()] == '/'));
+}
 
 }  // namespace thmp

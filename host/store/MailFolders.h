@@ -8,6 +8,7 @@
 
 #include <compare>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -45,6 +46,14 @@ struct WalkedFolder {
   std::string mailbox;
 };
 
+/// What tells a folder from another one that takes its place.
+struct FolderIdentity {
+  std::uint64_t device = 0;
+  std::uint64_t inode = 0;
+
+  friend bool operator==(const FolderIdentity&, const FolderIdentity&) = default;
+};
+
 struct MailTree {
   /// In the order of their paths.
   std::vector<MailFolder> mailboxes;
@@ -52,9 +61,14 @@ struct MailTree {
   std::vector<WalkedFolder> folders;
   /// Folders whose content is not known now; their paths as they are.
   std::vector<UnreadablePath> unreadable;
+  /// Folders that went between the listing that showed them and the look into them; whether for
+  /// good, a later walk will see.
+  std::vector<std::string> vanished;
   /// Folders left out because their paths are not UTF-8.
   std::vector<UnreadablePath> failed;
   bool rootIsThere = false;
+  /// Of the root, when it was walked and is there.
+  FolderIdentity rootIdentity;
 };
 
 /// The mailboxes at or below `folder`, which lies at or below `root`.
@@ -96,9 +110,18 @@ std::string messagePath(const std::string& mailboxPath, const std::string& part,
 /// or outside the years 1 to 9999.
 std::int64_t deliverySecond(std::string_view fileName);
 
-/// Why a folder cannot be opened and listed now, in words; empty when it can.
-std::string whyUnreadableFolder(const std::string& path);
+/// A folder as it is now.
+struct FolderLook {
+  /// Why it cannot be opened and listed, in words; empty when it can, and only then the rest holds.
+  std::string unreadable;
+  bool isEmpty = false;
+  FolderIdentity identity;
+};
+FolderLook lookAt(const std::string& folder);
 /// Whether a folder can be opened and listed now.
 bool isReadableFolder(const std::string& path);
+
+/// Whether a path is that of `folder` or of something below it.
+bool isAtOrBelow(const std::string& path, const std::string& folder);
 
 }  // namespace thmp

@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
+#include <thread>
 
 #include "host/store/folder_names.h"
 #include "host/store/test_support.h"
@@ -110,6 +112,51 @@ TEST_F(MailFolders, AMissingFolderIsNotThere) {
   fs::create_directories(root_);
   EXPECT_TRUE(walkMail(root_, root_).rootIsThere);
   EXPECT_TRUE(isReadableFolder(root_));
+}
+
+TEST_F(MailFolders, AFolderThatGoesAwayDuringAWalkIsNotTakenForGone) {
+  constexpr std::size_t kFolders = 30;
+  const std::string root = folder_ / "mail";
+  for (std::size_t i = 0; i < kFolders; ++i) makeMaildir(root + "/F" + std::to_string(i));
+  std::atomic<bool> done{false};
+  std::thread mover([&] {
+    while (!done) {
+      std::error_code ignored;
+      fs::rename(root, folder_ / "away", ignored);
+      fs::rename(folder_ / "away", root, ignored);
+    }
+  });
+  // Until the folder has gone in the middle of a walk a few times.
+  for (int caught = 0; caught < 3;) {
+    const MailTree tree = walkMail(root, root);
+    if (!tree.rootIsThere) continue;
+    caught += tree.mailboxes.size() < kFolders;
+    std::size_t vanished = 0;
+    for (const std::string& path : tree.vanished) {
+      vanished += path.find('/', root.size() + 1) == std::string::npos;
+    }
+    if (tree.mailboxes.size() + vanished != kFolders) {
+      ADD_FAILURE() << tree.mailboxes.size() << " mailboxes, " << vanished << " vanished";
+      break;
+    }
+  }
+  done = true;
+  mover.join();
+}
+
+TEST_F(MailFolders, AnEmptyFolderIsToldFromOneWithSomethingInIt) {
+  const std::string path = folder_ / "x";
+  fs::create_directories(path);
+  const FolderLook before = lookAt(path);
+  EXPECT_TRUE(before.isEmpty);
+  writeFile(path + "/.hidden", "");
+  const FolderLook after = lookAt(path);
+  EXPECT_FALSE(after.isEmpty);
+  EXPECT_EQ(before.identity, after.identity);
+  fs::rename(path, folder_ / "y");
+  EXPECT_EQ(lookAt(path).unreadable, "No such file or directory");
+  fs::create_directories(path);
+  EXPECT_NE(lookAt(path).identity, after.identity);
 }
 
 TEST_F(MailFolders, FoldersThatAreNotUtf8AreFailed) {

@@ -1,0 +1,85 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/store/MountTable.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "host/store/test_support.h"
+
+namespace thmp {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using testing_support::TemporaryFolder;
+
+class MountingFolders : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fs::create_directories(other_);
+    fs::create_directories(place_);
+    if (::mount(other_.c_str(), place_.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+      GTEST_SKIP() << "may not mount here";
+    }
+    ::umount(place_.c_str());
+  }
+  void TearDown() override { ::umount(place_.c_str()); }
+
+  bool mountOther() {
+    return ::mount(other_.c_str(), place_.c_str(), nullptr, MS_BIND, nullptr) == 0;
+  }
+  static bool isTold(const MountTable& table) {
+    pollfd file{table.descriptor(), POLLPRI, 0};
+    return ::poll(&file, 1, 0) == 1;
+  }
+
+  TemporaryFolder folder_;
+  const std::string other_ = folder_ / "other";
+  const std::string place_ = folder_ / "a disk/mail";
+};
+
+TEST_F(MountingFolders, WhatComesAndGoesUponAFolderIsTold) {
+  MountTable table({place_});
+  ASSERT_TRUE(mountOther());
+  EXPECT_TRUE(isTold(table));
+  EXPECT_THAT(table.changes(), ElementsAre(place_));
+  EXPECT_THAT(table.changes(), IsEmpty());
+  ASSERT_EQ(::umount(place_.c_str()), 0);
+  EXPECT_TRUE(isTold(table));
+  EXPECT_THAT(table.changes(), ElementsAre(place_));
+}
+
+TEST_F(MountingFolders, WhatIsMountedAboveOrBelowIsToldToo) {
+  MountTable above({place_ + "/below"});
+  MountTable below({folder_ / "a disk"});
+  ASSERT_TRUE(mountOther());
+  EXPECT_THAT(above.changes(), ElementsAre(place_));
+  EXPECT_THAT(below.changes(), ElementsAre(place_));
+}
+
+TEST_F(MountingFolders, WhatIsMountedElsewhereIsNotTold) {
+  MountTable table({folder_ / "a disk/mail2", folder_ / "quiet"});
+  ASSERT_TRUE(mountOther());
+  EXPECT_THAT(table.changes(), IsEmpty());
+}
+
+TEST_F(MountingFolders, AnotherMountInTheSamePlaceIsTold) {
+  ASSERT_TRUE(mountOther());
+  MountTable table({place_});
+  ASSERT_EQ(::umount(place_.c_str()), 0);
+  // Holds the number of the first, so that the second gets another.
+  fs::create_directories(folder_ / "third");
+  ASSERT_EQ(::mount(other_.c_str(), (folder_ / "third").c_str(), nullptr, MS_BIND, nullptr), 0);
+  ASSERT_TRUE(mountOther());
+  EXPECT_THAT(table.changes(), ElementsAre(place_));
+  ::umount((folder_ / "third").c_str());
+}
+
+}  // namespace
+}  // namespace thmp
