@@ -49,14 +49,14 @@ std::uint64_t sizeOfDatabase(const std::string& path) {
   return sizeOf(path) + sizeOf(path + "-wal") + sizeOf(path + "-shm");
 }
 
-MailFolderStatus lookAtFolder(const std::string& path) {
+MailFolderStatus lookAtFolder(const Library& library, const std::string& path) {
   MailFolderStatus folder;
   folder.path = path;
-  folder.reason = whyUnreadableFolder(path);
+  folder.reason = library.whyUnreachable(path);
   if (folder.reason.empty()) return folder;
-  folder.state = ::access(path.c_str(), F_OK) != 0 && errno == ENOENT
-                     ? MailFolderStatus::State::kMissing
-                     : MailFolderStatus::State::kUnreadable;
+  const bool isThere = ::access(path.c_str(), F_OK) == 0 || errno != ENOENT;
+  folder.state = isThere && !isReadableFolder(path) ? MailFolderStatus::State::kUnreadable
+                                                    : MailFolderStatus::State::kMissing;
   return folder;
 }
 
@@ -68,7 +68,7 @@ Result<std::vector<MailFolderStatus>> lookAtFolders(const Library& library,
   if (!counts) return counts.error();
   std::vector<MailFolderStatus> folders;
   folders.reserve(named.size() + 1);
-  for (const std::string& path : named) folders.push_back(lookAtFolder(path));
+  for (const std::string& path : named) folders.push_back(lookAtFolder(library, path));
   for (const LibraryMailbox& mailbox : *mailboxes) {
     const auto isItsRoot = [&](const MailFolderStatus& one) {
       return one.path == mailbox.folder.root;

@@ -32,6 +32,14 @@ constexpr const char* kSchema = R"(
   PRAGMA user_version = 1;
 )";
 
+// Beside the schema, which older programs go on to read.
+constexpr const char* kRootsSchema = R"(
+  CREATE TABLE IF NOT EXISTS roots(
+    path TEXT PRIMARY KEY,
+    device INTEGER NOT NULL,
+    inode INTEGER NOT NULL) WITHOUT ROWID;
+)";
+
 std::int64_t userVersion(Connection& connection) {
   Statement version = connection.prepare("PRAGMA user_version");
   return version.row() ? version.integer(0) : -1;
@@ -45,7 +53,10 @@ bool fileExists(const std::string& path) {
 Result<void> prepareSchema(Connection& connection) {
   connection.execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL;");
   const std::int64_t version = userVersion(connection);
-  if (version == kSchemaVersion) return {};
+  if (version == kSchemaVersion) {
+    if (!connection.execute(kRootsSchema)) return connection.error("cannot make the mail library");
+    return {};
+  }
   if (version < 0) return connection.error("cannot read the mail library");
   if (version != 0) {
     Error error;
@@ -55,7 +66,8 @@ Result<void> prepareSchema(Connection& connection) {
     return error;
   }
   Transaction transaction(connection);
-  if (!transaction.begun() || !connection.execute(kSchema) || !transaction.commit()) {
+  if (!transaction.begun() || !connection.execute(kSchema) || !connection.execute(kRootsSchema) ||
+      !transaction.commit()) {
     return connection.error("cannot make the mail library");
   }
   return {};
@@ -68,6 +80,15 @@ MailFolder folderOf(const Statement& row) {
   folder.format = static_cast<MessageFormat>(row.integer(3));
   folder.identifier = row.bytes(4);
   return folder;
+}
+
+std::optional<FolderIdentity> identityOf(Connection& connection, const std::string& root) {
+  Statement& row = connection.statement("SELECT device, inode FROM roots WHERE path = ?");
+  if (!row.bind(1, root).row()) return std::nullopt;
+  const FolderIdentity identity{static_cast<std::uint64_t>(row.integer(0)),
+                                static_cast<std::uint64_t>(row.integer(1))};
+  row.reset();
+  return identity;
 }
 
 }  // namespace
@@ -223,6 +244,30 @@ Result<std::vector<std::string>> Library::roots() const {
   return all;
 }
 
+std::string Library::whyUnreachable(const std::string& root) const {
+  FolderLook look = lookAt(root);
+  if (!look.unreadable.empty() || !look.isEmpty) return std::move(look.unreadable);
+  const auto reader = state_->readers.borrow();
+  if (!reader) return {};
+  const std::optional<FolderIdentity> before = identityOf(*reader, root);
+  if (!before || *before == look.identity) return {};
+  return "it is empty and another folder than before; is its file system mounted?";
+}
+
+Result<void> Library::keepRoot(const std::string& root, const FolderIdentity& identity) {
+  const Lock lock(state_->writing);
+  if (!state_->writer) return Error::posix(EROFS, "the mail library is open for reading only");
+  Connection& writer = *state_->writer;
+  if (identityOf(writer, root) == identity) return {};
+  Statement& upsert = writer.statement(
+      "INSERT INTO roots(path, device, inode) VALUES(?, ?, ?) "
+      "ON CONFLICT(path) DO UPDATE SET device = excluded.device, inode = excluded.inode");
+  upsert.bind(1, root).bind(2, static_cast<std::int64_t>(identity.device));
+  upsert.bind(3, static_cast<std::int64_t>(identity.inode));
+  if (!upsert.run()) return writer.error("cannot write the mail library");
+  return {};
+}
+
 std::vector<std::int64_t> Library::unreachableMailboxes() const {
   std::vector<std::int64_t> unreachable;
   const auto all = mailboxes();
@@ -230,7 +275,7 @@ std::vector<std::int64_t> Library::unreachableMailboxes() const {
   std::unordered_map<std::string, bool> readable;
   for (const LibraryMailbox& mailbox : *all) {
     const auto [root, isNew] = readable.try_emplace(mailbox.folder.root, false);
-    if (isNew) root->second = isReadableFolder(root->first);
+    if (isNew) root->second = whyUnreachable(root->first).empty();
     if (!root->second) unreachable.push_back(mailbox.id);
   }
   return unreachable;

@@ -80,8 +80,13 @@ class Library {
   /// How many messages each mailbox has, by its ID; mailboxes without any are left out.
   Result<std::unordered_map<std::int64_t, std::uint64_t>> messageCounts() const;
 
-  /// Mailboxes below a named mail folder that is missing or cannot be read now. Looks at each named
-  /// folder each time.
+  /// Why the mail of a named mail folder cannot be reached now, in words; empty when it can. An
+  /// empty folder in the place of one with mail counts as missing: its file system is not mounted.
+  std::string whyUnreachable(const std::string& root) const;
+  /// Remembers which folder it was that had mail in it.
+  Result<void> keepRoot(const std::string& root, const FolderIdentity& identity);
+  /// Mailboxes below a named mail folder that cannot be reached now. Looks at each named folder
+  /// each time.
   std::vector<std::int64_t> unreachableMailboxes() const;
   /// The named mail folders with mailboxes in the library, in order.
   Result<std::vector<std::string>> roots() const;

@@ -17,6 +17,7 @@ namespace thmp {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 using testing_support::TemporaryFolder;
@@ -143,6 +144,39 @@ TEST_F(TheLibrary, MailboxesBelowAMissingFolderAreUnreachable) {
   ASSERT_TRUE(library_->addMailbox(
       {folder_ / "there/x", folder_ / "there", MessageFormat::kEml, "mailbox.x"}));
   EXPECT_THAT(library_->unreachableMailboxes(), ElementsAre(mailbox_));
+}
+
+TEST_F(TheLibrary, AnEmptyFolderInThePlaceOfOneWithMailIsNotThatFolder) {
+  const std::string root = folder_ / "mail";
+  std::filesystem::create_directories(root);
+  EXPECT_EQ(library_->whyUnreachable(root), "") << "nothing is known of it";
+  ASSERT_TRUE(library_->keepRoot(root, lookAt(root).identity));
+  EXPECT_EQ(library_->whyUnreachable(root), "") << "it is empty and the same folder";
+  std::filesystem::rename(root, folder_ / "away");
+  std::filesystem::create_directories(root);
+  open();
+  EXPECT_THAT(library_->whyUnreachable(root), HasSubstr("mounted"));
+  std::filesystem::create_directories(root + "/cur");
+  EXPECT_EQ(library_->whyUnreachable(root), "");
+  ASSERT_TRUE(library_->keepRoot(root, lookAt(root).identity));
+  std::filesystem::remove(root + "/cur");
+  EXPECT_EQ(library_->whyUnreachable(root), "");
+}
+
+TEST_F(TheLibrary, ALibraryThatKnowsNoFoldersIdentityYetIsReadAndLearns) {
+  const std::string root = folder_ / "mail";
+  std::filesystem::create_directories(root);
+  library_.reset();
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(path_.c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(db, "DROP TABLE roots", nullptr, nullptr, nullptr), SQLITE_OK);
+  sqlite3_close(db);
+  const auto reader = Library::open(path_, Library::Access::kReadOnly);
+  ASSERT_TRUE(reader);
+  EXPECT_EQ((*reader)->whyUnreachable(root), "");
+  open();
+  EXPECT_TRUE(library_->keepRoot(root, {1, 2}));
+  EXPECT_NE(library_->whyUnreachable(root), "");
 }
 
 TEST_F(TheLibrary, ItsFilesArePrivateAndNotInherited) {
