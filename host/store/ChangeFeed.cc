@@ -19,6 +19,7 @@
 #include <unordered_map>
 
 #include "host/store/MailFolders.h"
+#include "host/store/MountTable.h"
 
 namespace thmp {
 
@@ -27,8 +28,10 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::uint32_t kWatched = IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE |
-                                   IN_CLOSE_WRITE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR |
-                                   IN_EXCL_UNLINK;
+                                   IN_CLOSE_WRITE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF |
+                                   IN_ONLYDIR | IN_EXCL_UNLINK;
+// Of the folders above a mail folder, which take it along when they go.
+constexpr std::uint32_t kWatchedAbove = IN_MOVE_SELF | IN_DELETE_SELF | IN_ATTRIB | IN_ONLYDIR;
 
 // Signals are the main thread's.
 class BlockedSignals {
@@ -74,7 +77,8 @@ class ChangeFeed::Impl {
     wake_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     inotify_ = ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
     if (inotify_ < 0) doWithoutWatches(errno);
-    for (const std::string& root : roots_) watchTree(root, root);
+    mounts_.emplace(roots_);
+    for (const std::string& root : roots_) watchRoot(root);
     const BlockedSignals blocked;
     thread_ = std::thread([this]() noexcept { run(); });
   }
@@ -93,6 +97,7 @@ class ChangeFeed::Impl {
     std::string path;
     std::string root;
     std::string mailbox;  // whose message files stand in it
+    bool isAboveRoots = false;
   };
 
   // The thread's part.
@@ -102,6 +107,7 @@ class ChangeFeed::Impl {
       waitForEvents();
       if (stopping_.load()) return;
       drain();
+      lookAtMounts();
       lookForMissingRoots();
       remindWithoutWatches();
       if (!pending_.empty() && isTime()) tell();
@@ -124,8 +130,10 @@ class ChangeFeed::Impl {
   }
 
   void waitForEvents() {
-    std::array<pollfd, 2> files{{{wake_, POLLIN, 0}, {inotify_, POLLIN, 0}}};
-    ::poll(files.data(), inotify_ >= 0 ? 2 : 1, timeout());
+    std::array<pollfd, 3> files{
+        {{wake_, POLLIN, 0}, {inotify_, POLLIN, 0}, {mounts_->descriptor(), POLLPRI, 0}}};
+    ::poll(files.data(), files.size(), timeout());
+    mountsChanged_ |= files[2].revents != 0;
   }
 
   // Milliseconds until there is something to do without an event.
@@ -163,7 +171,8 @@ class ChangeFeed::Impl {
   void handle(const inotify_event& event, std::string_view name) {
     if ((event.mask & IN_Q_OVERFLOW) != 0) {
       note([](MailChanges& changes) { changes.everything = true; });
-      for (const std::string& root : roots_) watchTree(root, root);
+      for (const std::string& root : roots_) watchRoot(root);
+      lookForLostRoots();
       return;
     }
     const auto found = watches_.find(event.wd);
@@ -171,8 +180,10 @@ class ChangeFeed::Impl {
     const Watch watch = found->second;
     if ((event.mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_IGNORED)) != 0) {
       folderGone(event.wd, watch);
+    } else if ((event.mask & IN_ATTRIB) != 0) {
+      rightsChanged(event, watch, name);
     } else if ((event.mask & IN_ISDIR) != 0) {
-      folderChanged(event, watch, below(watch.path, name));
+      folderChanged(event, watch, name);
     } else if (!watch.mailbox.empty()) {
       note([&](MailChanges& changes) { changes.mailboxes.insert(watch.mailbox); });
     } else if (isLooseMessage(name)) {
@@ -187,20 +198,74 @@ class ChangeFeed::Impl {
     watches_.erase(wd);
     const auto byPath = descriptors_.find(watch.path);
     if (byPath != descriptors_.end() && byPath->second == wd) descriptors_.erase(byPath);
+    if (watch.isAboveRoots) return rootsGoneBelow(watch.path);
     // `cur` or `new` makes its mailbox come and go.
     const std::string& tree = watch.mailbox.empty() ? watch.path : watch.mailbox;
     note([&](MailChanges& changes) { changes.trees.insert(tree); });
-    if (watch.path == watch.root) rootMissing(watch.root);
+    if (watch.path == watch.root) rootGone(watch.root);
   }
 
-  void folderChanged(const inotify_event& event, const Watch& watch, const std::string& path) {
-    if ((event.mask & (IN_MOVED_FROM | IN_DELETE)) != 0) forgetBelow(path);
-    const std::string_view name = std::string_view(path).substr(path.rfind('/') + 1);
-    const bool isPart = name == "cur" || name == "new";
-    if ((event.mask & (IN_CREATE | IN_MOVED_TO)) != 0) {
-      watchTree(watch.root, isPart ? watch.path : path);
+  // Of files it says nothing about their content, of folders that they may be readable now, or not.
+  void rightsChanged(const inotify_event& event, const Watch& watch, std::string_view name) {
+    if ((event.mask & IN_ISDIR) == 0) return;
+    if (watch.isAboveRoots || name.empty()) return lookForLostRoots();
+    const std::string tree = treeOf(below(watch.path, name));
+    watchTree(watch.root, tree);
+    note([&](MailChanges& changes) { changes.trees.insert(tree); });
+  }
+
+  void lookForLostRoots() {
+    for (const std::string& root : roots_) {
+      if (!missingRoots_.contains(root) && !isReadableFolder(root)) rootGone(root);
     }
-    note([&](MailChanges& changes) { changes.trees.insert(isPart ? watch.path : path); });
+  }
+
+  // Another folder may stand in its place already.
+  void rootsGoneBelow(const std::string& folder) {
+    for (const std::string& root : roots_) {
+      if (isAtOrBelow(root, folder)) rootGone(root);
+    }
+  }
+
+  void lookAtMounts() {
+    if (!std::exchange(mountsChanged_, false)) return;
+    for (const std::string& place : mounts_->changes()) {
+      rootsGoneBelow(place);
+      for (const std::string& root : roots_) {
+        if (place == root || !isAtOrBelow(place, root)) continue;
+        forgetBelow(place);
+        const std::string tree = treeOf(place);
+        watchTree(root, tree);
+        note([&](MailChanges& changes) { changes.trees.insert(tree); });
+      }
+      nextRootCheck_ = Clock::now();
+    }
+  }
+
+  // What was watched below it may live on elsewhere, where it is of no concern.
+  void rootGone(const std::string& root) {
+    forgetBelow(root);
+    note([&](MailChanges& changes) { changes.trees.insert(root); });
+    rootMissing(root);
+  }
+
+  void folderChanged(const inotify_event& event, const Watch& watch, std::string_view name) {
+    const std::string path = below(watch.path, name);
+    const std::string tree = treeOf(path);
+    if ((event.mask & (IN_MOVED_FROM | IN_DELETE)) != 0) {
+      forgetBelow(path);
+      lookForLostRoots();  // one mail folder may lie in another
+    } else {
+      watchTree(watch.root, tree);
+    }
+    note([&](MailChanges& changes) { changes.trees.insert(tree); });
+  }
+
+  // `cur` and `new` make the mailbox that they are parts of.
+  static std::string treeOf(const std::string& folder) {
+    const std::size_t slash = folder.rfind('/');
+    const std::string_view name = std::string_view(folder).substr(slash + 1);
+    return slash > 0 && (name == "cur" || name == "new") ? folder.substr(0, slash) : folder;
   }
 
   template <typename Change>
@@ -221,6 +286,27 @@ class ChangeFeed::Impl {
         ++at;
       }
     }
+  }
+
+  void watchRoot(const std::string& root) {
+    watchTree(root, root);
+    for (std::size_t end = root.rfind('/'); inotify_ >= 0 && end != std::string::npos;
+         end = end == 0 ? std::string::npos : root.rfind('/', end - 1)) {
+      const std::string above = end == 0 ? "/" : root.substr(0, end);
+      if (above == root || isInTree(above)) continue;
+      const int wd = ::inotify_add_watch(inotify_, above.c_str(), kWatchedAbove);
+      if (wd < 0) continue;  // one that cannot be read
+      watches_[wd] = Watch{above, root, {}, /*isAboveRoots=*/true};
+      descriptors_[above] = wd;
+    }
+  }
+
+  // Whether `folder` is watched as part of a mail folder.
+  bool isInTree(const std::string& folder) const {
+    const auto known = descriptors_.find(folder);
+    if (known == descriptors_.end()) return false;
+    const auto watch = watches_.find(known->second);
+    return watch != watches_.end() && !watch->second.isAboveRoots;
   }
 
   // Watches what stands below `folder`, again where it is new; used before the thread begins, too.
@@ -251,7 +337,7 @@ class ChangeFeed::Impl {
       doWithoutWatches(why);
       return false;
     }
-    watches_[wd] = Watch{folder.path, root, folder.mailbox};
+    watches_[wd] = Watch{folder.path, root, folder.mailbox, /*isAboveRoots=*/false};
     descriptors_[folder.path] = wd;
     return true;
   }
@@ -269,7 +355,7 @@ class ChangeFeed::Impl {
     for (const std::string& root : missing) {
       if (!isReadableFolder(root)) continue;
       missingRoots_.erase(root);
-      watchTree(root, root);
+      watchRoot(root);
       note([&](MailChanges& changes) { changes.trees.insert(root); });
     }
   }
@@ -298,6 +384,7 @@ class ChangeFeed::Impl {
   const ChangeFeedOptions options_;
   int inotify_ = -1;
   int wake_ = -1;
+  std::optional<MountTable> mounts_;
   std::atomic<bool> stopping_{false};
   std::thread thread_;
 
@@ -307,6 +394,7 @@ class ChangeFeed::Impl {
   std::set<std::string> missingRoots_;
   MailChanges pending_;
   bool withoutWatches_ = false;
+  bool mountsChanged_ = false;
   Clock::time_point first_{};
   Clock::time_point last_{};
   Clock::time_point nextRootCheck_{};

@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/mount.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
@@ -153,6 +155,127 @@ TEST_F(FollowingMail, AMailFolderThatGoesAndComesBackIsTold) {
   told_.take();
   writeFile(root_ + "/new/1.a", "x");
   EXPECT_TRUE(told_.untilMailbox(root_));
+}
+
+TEST_F(FollowingMail, AMailFolderThatGoesWithAFolderAboveItIsTold) {
+  ChangeFeedOptions options;
+  options.missingRootCheck = std::chrono::milliseconds(10);
+  const std::string deep = folder_ / "disk/home/mail";
+  makeMaildir(deep);
+  ChangeFeed feed(
+      {deep}, [this](const MailChanges& changes) { told_.add(changes); }, {}, options);
+  feed.start();
+  fs::rename(folder_ / "disk", folder_ / "elsewhere");
+  ASSERT_TRUE(told_.untilTree(deep));
+  told_.take();
+  fs::rename(folder_ / "elsewhere", folder_ / "disk");
+  ASSERT_TRUE(told_.untilTree(deep));
+  told_.take();
+  // It is watched as before, and so is what is above it.
+  writeFile(deep + "/new/1.a", "x");
+  ASSERT_TRUE(told_.untilMailbox(deep));
+  told_.take();
+  fs::rename(folder_ / "disk", folder_ / "elsewhere");
+  EXPECT_TRUE(told_.untilTree(deep));
+}
+
+TEST_F(FollowingMail, WhatHappensInAMailFolderThatWasMovedAwayIsNotTold) {
+  makeMaildir(root_ + "/.Work");
+  makeMaildir(folder_ / "next");
+  ChangeFeedOptions options;
+  options.missingRootCheck = std::chrono::milliseconds(10);
+  start(options);
+  fs::rename(root_, folder_ / "away");
+  ASSERT_TRUE(told_.untilTree(root_));
+  told_.take();
+  fs::rename(folder_ / "next", root_);
+  ASSERT_TRUE(told_.untilTree(root_));
+  told_.take();
+  writeFile(folder_ / "away/.Work/new/1.a", "x");
+  writeFile(root_ + "/new/2.a", "x");
+  ASSERT_TRUE(told_.untilMailbox(root_));
+  EXPECT_FALSE(told_.take().mailboxes.contains(root_ + "/.Work"));
+}
+
+TEST_F(FollowingMail, AMailFolderThatMayNoLongerBeReadIsToldAndFollowedAgain) {
+  if (::geteuid() == 0) GTEST_SKIP() << "root may read everything";
+  ChangeFeedOptions options;
+  options.missingRootCheck = std::chrono::milliseconds(10);
+  start(options);
+  fs::permissions(root_, fs::perms::none);
+  ASSERT_TRUE(told_.untilTree(root_));
+  told_.take();
+  fs::permissions(root_, fs::perms::owner_all);
+  EXPECT_TRUE(told_.untilTree(root_));
+}
+
+TEST_F(FollowingMail, AMailFolderInAnotherThatGoesWithAFolderBetweenThemIsFollowedAgain) {
+  const std::string inner = root_ + "/disk/inner";
+  makeMaildir(inner);
+  ChangeFeedOptions options;
+  options.missingRootCheck = std::chrono::milliseconds(10);
+  ChangeFeed feed(
+      {root_, inner}, [this](const MailChanges& changes) { told_.add(changes); }, {}, options);
+  feed.start();
+  fs::rename(root_ + "/disk", folder_ / "away");
+  ASSERT_TRUE(told_.untilTree(inner));
+  fs::rename(folder_ / "away", root_ + "/disk");
+  ASSERT_TRUE(told_.untilTree(root_ + "/disk"));
+  told_.take();
+  writeFile(inner + "/new/1.a", "x");
+  EXPECT_TRUE(told_.untilMailbox(inner));
+}
+
+TEST_F(FollowingMail, RightsOfFoldersBesideAMailFolderAreOfNoConcern) {
+  makeMaildir(folder_ / "beside");
+  start();
+  fs::permissions(folder_ / "beside", fs::perms::owner_all);
+  fs::permissions(folder_ / "beside/new", fs::perms::owner_all);
+  writeFile(folder_ / "beside/new/1.a", "x");
+  writeFile(root_ + "/new/1.a", "x");
+  ASSERT_TRUE(told_.untilMailbox(root_));
+  feed_->stop();
+  EXPECT_THAT(told_.take().mailboxes, ElementsAre(root_));
+}
+
+TEST_F(FollowingMail, AFileSystemThatComesAndGoesIsTold) {
+  makeMaildir(folder_ / "disk");
+  makeMaildir(root_ + "/.Work");
+  const auto mount = [&](const std::string& place) {
+    return ::mount((folder_ / "disk").c_str(), place.c_str(), nullptr, MS_BIND, nullptr) == 0;
+  };
+  start();
+  if (!mount(root_)) GTEST_SKIP() << "may not mount here";
+  EXPECT_TRUE(told_.untilTree(root_));
+  told_.take();
+  writeFile(folder_ / "disk/new/1.a", "x");
+  EXPECT_TRUE(told_.untilMailbox(root_));
+  told_.take();
+  ASSERT_EQ(::umount2(root_.c_str(), MNT_DETACH), 0);
+  EXPECT_TRUE(told_.untilTree(root_));
+  told_.take();
+  // One below it, too.
+  ASSERT_TRUE(mount(root_ + "/.Work"));
+  EXPECT_TRUE(told_.untilTree(root_ + "/.Work"));
+  told_.take();
+  writeFile(folder_ / "disk/new/2.a", "x");
+  EXPECT_TRUE(told_.untilMailbox(root_ + "/.Work"));
+  ASSERT_EQ(::umount2((root_ + "/.Work").c_str(), MNT_DETACH), 0);
+}
+
+TEST_F(FollowingMail, AMailboxWhoseRightsChangeIsTold) {
+  const std::string nested = root_ + "/Work/Deep";
+  makeMaildir(nested);
+  start();
+  fs::permissions(nested, fs::perms::owner_read);
+  ASSERT_TRUE(told_.untilTree(nested));
+  told_.take();
+  fs::permissions(nested, fs::perms::owner_all);
+  ASSERT_TRUE(told_.untilTree(nested));
+  told_.take();
+  fs::permissions(nested + "/cur", fs::perms::owner_read);
+  ASSERT_TRUE(told_.untilTree(nested));
+  fs::permissions(nested + "/cur", fs::perms::owner_all);
 }
 
 TEST_F(FollowingMail, WithoutEnoughWatchesEverythingIsToldAtAnIntervalAndSaidOnce) {
