@@ -72,11 +72,6 @@ std::pair<std::int64_t, std::int64_t> stampClock() {
   return {now.tv_sec, now.tv_nsec};
 }
 
-bool isAtOrBelow(const std::string& path, const std::string& folder) {
-  return path == folder || (path.size() > folder.size() && path.starts_with(folder) &&
-                            (folder.ends_with('/') || path[folder.size()] == '/'));
-}
-
 // Where an .emlx message's mail program keeps its attachments: ../Attachments/NUMBER beside the
 // folder of the message.
 std::vector<std::string> attachmentPaths(const std::string& messageFile) {
@@ -138,11 +133,7 @@ class Indexer::Run {
     }
     updateFound(found);
     dropStrays();
-    if (good() && !isStopped() && !dryRun_) {
-      note(index_.keepFailed(sources_));
-      note(index_.setLastUpdate(Date::fromUnixSeconds(static_cast<double>(
-          std::chrono::system_clock::to_time_t(std::chrono::system_clock::now())))));
-    }
+    if (good() && !isStopped() && !dryRun_) note(index_.keepFailed(sources_));
     return end();
   }
 
@@ -181,8 +172,12 @@ class Indexer::Run {
   }
 
   Result<Coverage> end() {
-    if (!good()) return error_;
     coverage_.stopped = isStopped();
+    if (good() && !coverage_.stopped && !dryRun_) {
+      note(index_.setLastUpdate(Date::fromUnixSeconds(static_cast<double>(
+          std::chrono::system_clock::to_time_t(std::chrono::system_clock::now())))));
+    }
+    if (!good()) return error_;
     return coverage_;
   }
 
@@ -194,11 +189,22 @@ class Indexer::Run {
     return true;
   }
 
+  void lookForRoot(const std::string& root) {
+    if (!library_.whyUnreachable(root).empty()) missingRoots_.insert(root);
+  }
+
   // What stands at or below `folder`; the innermost named folder counts as a mailbox's own.
   void walk(const std::string& root, const std::string& folder,
             std::map<std::string, MailFolder>& found) {
+    lookForRoot(root);
     MailTree tree = walkMail(root, folder);
+    // Went while it was walked: what was not seen then is not gone.
+    lookForRoot(root);
     if (folder == root && !tree.rootIsThere) missingRoots_.insert(root);
+    if (folder == root && !tree.mailboxes.empty() && !dryRun_) {
+      note(library_.keepRoot(root, tree.rootIdentity));
+    }
+    unreadable_.insert(tree.vanished.begin(), tree.vanished.end());
     for (MailFolder& mailbox : tree.mailboxes) {
       std::string path = mailbox.path;
       found.insert_or_assign(std::move(path), std::move(mailbox));
@@ -220,8 +226,9 @@ class Indexer::Run {
   }
 
   // Whether a known mailbox that was not found stays as it is: its place cannot be looked at now.
-  bool isKept(const MailFolder& mailbox) const {
+  bool isKept(const MailFolder& mailbox) {
     if (std::find(roots_.begin(), roots_.end(), mailbox.root) == roots_.end()) return false;
+    lookForRoot(mailbox.root);  // which may lie in the one that was walked
     if (missingRoots_.contains(mailbox.root)) return true;
     return std::any_of(unreadable_.begin(), unreadable_.end(),
                        [&](const std::string& path) { return isAtOrBelow(mailbox.path, path); });
@@ -240,7 +247,6 @@ class Indexer::Run {
     if (root.empty()) return;
     std::map<std::string, MailFolder> here;
     walk(root, tree, here);
-    if (!isReadableFolder(root)) missingRoots_.insert(root);
     for (const LibraryMailbox& mailbox : known_) {
       const std::string& path = mailbox.folder.path;
       if (mailbox.folder.format == MessageFormat::kEmlx && path != tree &&

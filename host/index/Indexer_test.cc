@@ -281,6 +281,53 @@ TEST_F(Indexing, AMissingMailFolderKeepsItsRowsAndIsNotFoundUntilItIsBack) {
   EXPECT_THAT(allTold().added, ElementsAre(id));
 }
 
+TEST_F(Indexing, AnEmptyFolderInThePlaceOfAMailFolderIsTakenForAMissingOne) {
+  deliver("cur/1.a:2,S", "one");
+  update();
+  const std::int64_t id = idOf("one");
+  fs::rename(mail_, folder_ / "away");
+  fs::create_directories(mail_);
+  EXPECT_EQ(updateTree(mail_).removed, 0U);
+  EXPECT_THAT(bySubject(), IsEmpty());
+  EXPECT_EQ(update().removed, 0U);
+  fs::remove(mail_);
+  fs::rename(folder_ / "away", mail_);
+  update();
+  EXPECT_EQ(idOf("one"), id);
+}
+
+TEST_F(Indexing, AMailFolderThatIsEmptiedLosesItsMessages) {
+  deliver("cur/1.a:2,S", "one");
+  update();
+  for (const char* part : {"cur", "new", "tmp"}) fs::remove_all(mail_ + "/" + part);
+  EXPECT_EQ(updateTree(mail_).removed, 1U);
+  EXPECT_THAT(told_, SizeIs(1));
+}
+
+TEST_F(Indexing, AMissingMailFolderInsideAnotherKeepsItsRows) {
+  const std::string inner = mail_ + "/disk/inner";
+  makeMaildir(inner);
+  deliver("disk/inner/cur/1.a:2,S", "inside");
+  deliver("cur/1.a:2,S", "outside");
+  indexer_->setRoots({mail_, inner});
+  update();
+  const std::int64_t id = idOf("inside");
+  ASSERT_NE(id, 0);
+  fs::rename(mail_ + "/disk", folder_ / "away");
+  EXPECT_EQ(updateTree(mail_ + "/disk").removed, 0U);
+  EXPECT_EQ(update().removed, 0U);
+  EXPECT_EQ(idOf("inside"), 0);
+  fs::rename(folder_ / "away", mail_ + "/disk");
+  updateTree(mail_ + "/disk");
+  EXPECT_EQ(idOf("inside"), id);
+}
+
+TEST_F(Indexing, TheLastUpdateIsAlsoOneOfASingleMailbox) {
+  deliver("cur/1.a:2,S", "one");
+  updateMailbox(mail_);
+  EXPECT_TRUE(index_->lastUpdate());
+}
+
 TEST_F(Indexing, AMailboxThatGoesIsGoneWithItsMessages) {
   makeMaildir(mail_ + "/.Work");
   deliver(".Work/cur/1.a:2,S", "work");
