@@ -1,16 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "console/found_messages.h"
 
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cmath>
-#include <ctime>
 #include <string_view>
+
+#include "console/calendar.h"
 
 namespace thmp::console {
 namespace {
+
+constexpr std::size_t kDateWidth = 16;
+constexpr std::size_t kDayWidth = 10;
 
 std::string base64(std::string_view bytes) {
   constexpr std::string_view kAlphabet =
@@ -35,13 +37,8 @@ std::string firstText(const Value& value) {
   return shown(value.asText().value_or(""));
 }
 
-std::string localTime(Date date) {
-  // The local calendar of years far off is nobody's concern.
-  if (!(std::abs(date.unixSeconds()) < 2e11)) return {};
-  const auto seconds = static_cast<std::time_t>(std::floor(date.unixSeconds()));
-  std::tm local{};
-  return ::localtime_r(&seconds, &local) != nullptr ? fmt::format("{:%Y-%m-%d %H:%M}", local)
-                                                    : std::string();
+std::string dimmed(const std::string& text, const StandardOutput& output) {
+  return output.hasColor() ? "\x1b[2m" + text + "\x1b[0m" : text;
 }
 
 }  // namespace
@@ -89,36 +86,39 @@ Json foundEvent(const Dictionary& item) {
 }
 
 void printLine(const Json& json, StandardOutput& output) {
-  output.write(json.dump(-1, ' ', false, Json::error_handler_t::replace));
+  const std::string text = json.dump(-1, ' ', false, Json::error_handler_t::replace);
+  output.write(output.isTerminal() ? shownJson(text) : text);
   output.write("\n");
 }
 
+std::optional<Date> messageDate(const Value& attributes) {
+  const std::optional<Date> received = attributes["com_apple_mail_dateReceived"].asDate();
+  return received ? received : attributes["kMDItemContentCreationDate"].asDate();
+}
+
 TableRow tableRow(const Value& attributes) {
-  TableRow row{"", firstText(attributes["kMDItemAuthors"]),
-               firstText(attributes["kMDItemDisplayName"])};
-  auto date = attributes["com_apple_mail_dateReceived"].asDate();
-  if (!date) date = attributes["kMDItemContentCreationDate"].asDate();
-  if (date) row.date = localTime(*date);
-  return row;
+  const std::optional<Date> date = messageDate(attributes);
+  return {date ? localTime(*date, Precision::kMinutes) : std::string(),
+          firstText(attributes["kMDItemAuthors"]), firstText(attributes["kMDItemDisplayName"])};
 }
 
 void printRow(const TableRow& row, std::size_t indent, StandardOutput& output) {
   if (!output.isTerminal()) {
-    output.write(row.date + "\t" + row.author + "\t" + row.subject + "\n");
+    output.write(dimmed(row.date, output) + "\t" + row.author + "\t" + row.subject + "\n");
     return;
   }
   const std::size_t columns = output.columns() - std::min(output.columns(), indent);
-  constexpr std::size_t kDate = 16;
+  // The subject stays to the last; the day is what a date can do with.
+  const std::size_t date = columns >= 40 ? kDateWidth : columns >= 30 ? kDayWidth : 0;
+  const std::size_t author = columns >= 100 ? 28 : columns >= 60 ? 20 : 0;
   std::string line;
   std::size_t used = 0;
-  if (columns >= 40) {
-    line += output.hasColor() ? "\x1b[2m" : "";
-    line += fitted(row.date, kDate, /*pad=*/true);
-    line += output.hasColor() ? "\x1b[0m  " : "  ";
-    used += kDate + 2;
+  if (date > 0) {
+    line += dimmed(fitted(std::string_view(row.date).substr(0, date), date, /*pad=*/true), output);
+    line += "  ";
+    used += date + 2;
   }
-  if (columns >= 60) {
-    const std::size_t author = columns >= 100 ? 28 : 20;
+  if (author > 0) {
     line += fitted(row.author, author, /*pad=*/true) + "  ";
     used += author + 2;
   }

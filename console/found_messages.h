@@ -5,6 +5,7 @@
 #pragma once
 
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 
 #include "base/value.h"
@@ -23,6 +24,9 @@ Json foundEvent(const Dictionary& item);
 
 /// One line. What is no UTF-8 is shown as U+FFFD.
 void printLine(const Json& json, StandardOutput& output);
+
+/// When a message was received; for one that does not tell, when it was sent.
+std::optional<Date> messageDate(const Value& attributes);
 
 /// What the table shows of a message, safe for a terminal.
 struct TableRow {

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "console/terminal.h"
 
+#include <fmt/format.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 #include <utf8proc.h>
@@ -27,6 +29,9 @@ bool changesDirection(utf8proc_int32_t c) {
          (c >= 0x2066 && c <= 0x2069);
 }
 
+bool isControl(utf8proc_int32_t c) { return c < 0x20 || (c >= 0x7F && c < 0xA0); }
+bool breaksLines(utf8proc_int32_t c) { return c == 0x2028 || c == 0x2029; }
+
 struct Character {
   utf8proc_int32_t codePoint = 0;
   std::size_t size = 1;
@@ -44,13 +49,17 @@ Character characterAt(std::string_view text, std::size_t position) {
 }
 
 std::size_t widthOf(utf8proc_int32_t codePoint) {
+  // Newer than our tables: no terminal gives one character more than two columns.
+  if (utf8proc_category(codePoint) == UTF8PROC_CATEGORY_CN) return 2;
   return static_cast<std::size_t>(std::max(utf8proc_charwidth(codePoint), 0));
 }
 
 }  // namespace
 
 StandardOutput::StandardOutput(ColorMode color)
-    : terminal_(::isatty(STDOUT_FILENO) == 1), color_(colorWanted(color, terminal_)) {}
+    : terminal_(::isatty(STDOUT_FILENO) == 1), color_(colorWanted(color, terminal_)) {
+  ::signal(SIGPIPE, SIG_IGN);
+}
 
 void StandardOutput::write(std::string_view bytes) {
   buffer_ += bytes;
@@ -87,19 +96,44 @@ std::string shown(std::string_view text) {
     const auto [codePoint, size] = characterAt(text, position);
     if (codePoint == '\n' || codePoint == '\r' || codePoint == '\t') {
       if (!safe.empty() && safe.back() != ' ') safe += ' ';
-    } else if (codePoint < 0x20 || (codePoint >= 0x7F && codePoint < 0xA0)) {
+    } else if (isControl(codePoint)) {
       constexpr std::string_view kDigits = "0123456789ABCDEF";
       safe += "\\x";
       safe += kDigits[static_cast<std::size_t>(codePoint >> 4)];
       safe += kDigits[static_cast<std::size_t>(codePoint & 15)];
     } else if (codePoint == 0xFFFD) {
       safe += "\xEF\xBF\xBD";
-    } else if (!changesDirection(codePoint) && codePoint != 0x2028 && codePoint != 0x2029) {
+    } else if (!changesDirection(codePoint) && !breaksLines(codePoint)) {
       safe += text.substr(position, size);
     }
     position += size;
   }
   return safe;
+}
+
+std::string shownJson(std::string_view json) {
+  std::string safe;
+  safe.reserve(json.size());
+  for (std::size_t position = 0; position < json.size();) {
+    const auto [codePoint, size] = characterAt(json, position);
+    // These stand in texts alone, and there an escape means the same.
+    if (isControl(codePoint) || changesDirection(codePoint) || breaksLines(codePoint)) {
+      safe += fmt::format("\\u{:04x}", static_cast<unsigned>(codePoint));
+    } else {
+      safe += json.substr(position, size);
+    }
+    position += size;
+  }
+  return safe;
+}
+
+bool isUtf8(std::string_view text) {
+  for (std::size_t position = 0; position < text.size();) {
+    const auto [codePoint, size] = characterAt(text, position);
+    if (codePoint == 0xFFFD && size == 1) return false;
+    position += size;
+  }
+  return true;
 }
 
 std::size_t displayWidth(std::string_view text) {

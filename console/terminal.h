@@ -14,6 +14,7 @@ enum class ColorMode { kAuto, kAlways, kNever };
 
 class StandardOutput {
  public:
+  /// From here on SIGPIPE is ignored: isClosed() tells.
   explicit StandardOutput(ColorMode color);
   StandardOutput(const StandardOutput&) = delete;
   StandardOutput& operator=(const StandardOutput&) = delete;
@@ -39,6 +40,11 @@ class StandardOutput {
 /// the like, line breaks and tabs as one blank, characters that change the writing direction left
 /// out, bytes that are no UTF-8 as U+FFFD.
 std::string shown(std::string_view text);
+
+/// JSON on one line, the same with \u escapes in place of all that shown() would not let through.
+std::string shownJson(std::string_view json);
+
+bool isUtf8(std::string_view text);
 
 /// The columns that a shown text takes.
 std::size_t displayWidth(std::string_view text);

@@ -24,6 +24,17 @@ TEST(ShownText, BytesThatAreNoUtf8BecomeReplacementCharacters) {
   EXPECT_EQ(shown("a\xFF\xC3"), "a\uFFFD\uFFFD");
 }
 
+TEST(ShownJson, EscapesWhatATerminalWouldActOnAndMeansTheSame) {
+  EXPECT_EQ(shownJson("{\"a\":\"\u009B2J\u007F\u202Eb\u2028\u00FC\"}"),
+            "{\"a\":\"\\u009b2J\\u007f\\u202eb\\u2028\u00FC\"}");
+}
+
+TEST(Utf8Text, IsToldFromOtherBytes) {
+  EXPECT_TRUE(isUtf8("plum \u00FC \uFFFD \U0001F600"));
+  EXPECT_FALSE(isUtf8("plum \xFC"));
+  EXPECT_FALSE(isUtf8("\xED\xA0\x80"));
+}
+
 TEST(FittedText, IsCutAtTheDisplayWidth) {
   EXPECT_EQ(fitted("plum cake", 6, false), "plum …");
   EXPECT_EQ(fitted("夏休みの予定", 7, false), "夏休み…") << "each of these takes two columns";
