@@ -4,10 +4,11 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <optional>
 #include <span>
 #include <utility>
 #include <vector>
+
+#include "base/nearest_name.h"
 
 namespace thmp::client {
 namespace {
@@ -24,39 +25,88 @@ struct Term {
 };
 
 bool isBlank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+bool isLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
 
-// Cuts at blanks outside quotes; quotes are taken off, and keep a colon inside from naming a key.
-std::vector<Term> termsOf(std::string_view shorthand) {
+std::string lowerCase(std::string_view text) {
+  std::string lower(text);
+  for (char& c : lower) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  return lower;
+}
+
+Error notUnderstood(std::string what) {
+  return Error{std::string(kErrorDomain), 1, std::move(what), nullptr};
+}
+
+std::string allKeys() {
+  std::string keys;
+  for (const std::string_view key : kKeys)
+    keys += (keys.empty() ? "" : " ") + std::string(key) + ":";
+  return keys;
+}
+
+// One term from `position` on, which is moved behind it. Quotes are taken off, and keep a colon
+// inside from naming a key.
+Result<Term> termAt(std::string_view shorthand, std::size_t& position) {
+  Term term;
+  if (shorthand[position] == '-' && position + 1 < shorthand.size() &&
+      !isBlank(shorthand[position + 1])) {
+    term.negated = true;
+    ++position;
+  }
+  bool quoted = false;
+  bool keyAllowed = true;
+  for (; position < shorthand.size() && (quoted || !isBlank(shorthand[position])); ++position) {
+    const char c = shorthand[position];
+    if (c == '"') {
+      quoted = !quoted;
+      keyAllowed = false;
+    } else if (c == ':' && keyAllowed && !term.text.empty()) {
+      keyAllowed = false;
+      term.key = std::exchange(term.text, {});
+    } else {
+      term.text += c;
+    }
+  }
+  if (quoted) return notUnderstood("a quote is not closed: \"" + term.text);
+  return term;
+}
+
+bool isKnownKey(std::string_view key) {
+  return std::find(kKeys.begin(), kKeys.end(), key) != kKeys.end();
+}
+
+// A colon also stands in words: in "Re:", "12:30" and addresses of pages. What else looks like a
+// key is a slip more often than a word, and as a word it would quietly find nothing.
+Result<Term> withKeyRead(Term term) {
+  if (term.key.empty()) return term;
+  const std::string key = lowerCase(term.key);
+  if (isKnownKey(key)) {
+    term.key = key;
+    return term;
+  }
+  const std::string word = term.key + ":" + term.text;
+  const bool looksLikeKey = std::all_of(term.key.begin(), term.key.end(), isLetter) &&
+                            !term.text.empty() && !term.text.starts_with("//");
+  if (!looksLikeKey) return Term{term.negated, {}, word};
+  const std::string_view nearest = nearestName(key, kKeys);
+  return notUnderstood("there is no key \"" + term.key + ":\"; " +
+                       (nearest.empty() ? "the keys are " + allKeys()
+                                        : "did you mean \"" + std::string(nearest) + ":\"?") +
+                       " To search for the words put them in quotes");
+}
+
+// Cuts at blanks outside quotes.
+Result<std::vector<Term>> termsOf(std::string_view shorthand) {
   std::vector<Term> terms;
   for (std::size_t i = 0; i < shorthand.size();) {
     if (isBlank(shorthand[i])) {
       ++i;
       continue;
     }
-    Term term;
-    if (shorthand[i] == '-' && i + 1 < shorthand.size() && !isBlank(shorthand[i + 1])) {
-      term.negated = true;
-      ++i;
-    }
-    bool quoted = false;
-    bool keyAllowed = true;
-    for (; i < shorthand.size() && (quoted || !isBlank(shorthand[i])); ++i) {
-      const char c = shorthand[i];
-      if (c == '"') {
-        quoted = !quoted;
-        keyAllowed = false;
-      } else if (c == ':' && keyAllowed) {
-        if (std::find(kKeys.begin(), kKeys.end(), term.text) != kKeys.end()) {
-          term.key = std::exchange(term.text, {});
-        } else {
-          term.text += c;
-        }
-        keyAllowed = false;
-      } else {
-        term.text += c;
-      }
-    }
-    terms.push_back(std::move(term));
+    Result<Term> term = termAt(shorthand, i);
+    if (term) term = withKeyRead(*std::move(term));
+    if (!term) return term.error();
+    terms.push_back(*std::move(term));
   }
   return terms;
 }
@@ -97,33 +147,35 @@ std::string anyHasWord(std::string_view text) {
   return anyOf(kReadAttributes, literal("", text, "*") + "cdw");
 }
 
-// YYYY, YYYY-MM or YYYY-MM-DD as the first day meant.
-std::optional<std::string> firstDay(std::string_view text) {
-  std::array<int, 3> parts = {0, 1, 1};
-  std::size_t count = 0;
-  while (!text.empty() && count < parts.size()) {
-    const std::size_t digits = count == 0 ? 4 : 2;
-    if (text.size() < digits) return std::nullopt;
-    const auto [end, failure] = std::from_chars(text.data(), text.data() + digits, parts[count]);
-    if (failure != std::errc() || end != text.data() + digits) return std::nullopt;
-    text.remove_prefix(digits);
-    ++count;
-    if (text.empty()) break;
-    if (text.front() != '-' || text.size() == 1) return std::nullopt;
-    text.remove_prefix(1);
-  }
-  const auto [year, month, day] = parts;
+int daysOf(int year, int month) {
   constexpr std::array kDays = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-  if (!text.empty() || year < 1 || month < 1 || month > 12 || day < 1) return std::nullopt;
   const bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
-  if (day > kDays[static_cast<std::size_t>(month - 1)] + (leap && month == 2 ? 1 : 0)) {
-    return std::nullopt;
+  return kDays[static_cast<std::size_t>(month - 1)] + (leap && month == 2 ? 1 : 0);
+}
+
+// YYYY, YYYY-MM or YYYY-MM-DD as the first day meant, in full.
+Result<std::string> firstDay(const std::string& text) {
+  constexpr std::string_view kForm = "dddd-dd-dd";
+  const bool formed = (text.size() == 4 || text.size() == 7 || text.size() == 10) &&
+                      std::equal(text.begin(), text.end(), kForm.begin(), [](char c, char form) {
+                        return form == 'd' ? c >= '0' && c <= '9' : c == form;
+                      });
+  if (!formed) {
+    return notUnderstood("\"" + text + "\" is no date; write it as 2026, 2026-05 or 2026-05-31");
   }
-  const auto padded = [](int number, std::size_t width) {
-    const std::string digits = std::to_string(number);
-    return std::string(width - digits.size(), '0') + digits;
+  const std::string day = text + std::string("-01-01").substr(text.size() == 4   ? 0
+                                                              : text.size() == 7 ? 3
+                                                                                 : 6);
+  const auto number = [&](std::size_t position, std::size_t digits) {
+    int value = 0;
+    std::from_chars(day.data() + position, day.data() + position + digits, value);
+    return value;
   };
-  return padded(year, 4) + "-" + padded(month, 2) + "-" + padded(day, 2);
+  const int month = number(5, 2);
+  const bool exists = number(0, 4) >= 1 && month >= 1 && month <= 12 && number(8, 2) >= 1 &&
+                      number(8, 2) <= daysOf(number(0, 4), month);
+  if (!exists) return notUnderstood("there is no " + text + " in the calendar");
+  return day;
 }
 
 struct Flag {
@@ -139,8 +191,23 @@ constexpr std::array kFlags = {
     Flag{"is", "answered", "com_apple_mail_repliedTo == 1"},
 };
 
-Error notUnderstood(std::string what) {
-  return Error{std::string(kErrorDomain), 1, std::move(what), nullptr};
+// What "has:" and "is:" may stand before.
+Result<std::string> flagPredicate(const Term& term) {
+  std::vector<std::string_view> texts;
+  for (const Flag& flag : kFlags) {
+    if (flag.key == term.key) texts.push_back(flag.text);
+    if (flag.key == term.key && flag.text == lowerCase(term.text)) {
+      return std::string(flag.predicate);
+    }
+  }
+  const std::string_view nearest = nearestName(term.text, texts);
+  std::string hint = nearest.empty() ? "use " : "did you mean ";
+  for (const std::string_view text : texts) {
+    if (nearest.empty() || nearest == text) hint += term.key + ":" + std::string(text) + " ";
+  }
+  hint.back() = nearest.empty() ? '.' : '?';
+  if (nearest.empty()) hint.pop_back();
+  return notUnderstood("\"" + term.key + ":" + term.text + "\" is not understood; " + hint);
 }
 
 Result<std::string> predicateOf(const Term& term) {
@@ -158,20 +225,12 @@ Result<std::string> predicateOf(const Term& term) {
   }
   if (term.key == "subject") return anyContains({"kMDItemSubject"}, text);
   if (term.key == "after" || term.key == "before") {
-    const auto day = firstDay(text);
-    if (!day)
-      return notUnderstood("\"" + text + "\" is no date; write it as 2026, 2026-05 or 2026-05-31");
+    Result<std::string> day = firstDay(text);
+    if (!day) return day;
     return "com_apple_mail_dateReceived " + std::string(term.key == "after" ? ">=" : "<") +
            " $time.iso(" + *day + ")";
   }
-  const auto flag = std::find_if(kFlags.begin(), kFlags.end(), [&](const Flag& candidate) {
-    return candidate.key == term.key && candidate.text == text;
-  });
-  if (flag != kFlags.end()) return std::string(flag->predicate);
-  return notUnderstood(
-      "\"" + term.key + ":" + text +
-      "\" is not understood; put it in quotes to search for these words, or use from: to: "
-      "with: subject: after: before: has:attachment is:unread is:read is:flagged is:answered");
+  return flagPredicate(term);
 }
 
 }  // namespace
@@ -195,13 +254,16 @@ bool isPredicate(std::string_view query) {
 }
 
 Result<std::string> predicateFromShorthand(std::string_view shorthand) {
+  const Result<std::vector<Term>> terms = termsOf(shorthand);
+  if (!terms) return terms.error();
   std::string predicate;
-  for (const Term& term : termsOf(shorthand)) {
+  for (const Term& term : *terms) {
     if (term.key.empty() && term.text.empty()) continue;
     Result<std::string> part = predicateOf(term);
     if (!part) return part;
     if (!predicate.empty()) predicate += " && ";
-    predicate += term.negated ? "!(" + *part + ")" : *part;
+    const bool grouped = part->front() == '(';
+    predicate += term.negated ? (grouped ? "!" + *part : "!(" + *part + ")") : *part;
   }
   return predicate;
 }
