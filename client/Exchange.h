@@ -15,6 +15,7 @@
 
 #include "base/result.h"
 #include "base/value.h"
+#include "client/Wakeups.h"
 #include "platform/files.h"
 #include "platform/linux/XdgFolders.h"
 
@@ -33,7 +34,6 @@ class Exchange {
   /// Opens the exchange's folders, made when missing, so that a host that starts later finds the
   /// client waiting. What lies in "out" already is old and never seen.
   static Result<std::unique_ptr<Exchange>> open(const XdgFolders& folders);
-  ~Exchange();
   Exchange(const Exchange&) = delete;
   Exchange& operator=(const Exchange&) = delete;
 
@@ -47,26 +47,21 @@ class Exchange {
   /// Whether the plug-in has taken the request, that is deleted its file.
   bool isTaken(const std::string& file) const;
 
-  enum class Wake { kFolder, kSignal, kOutputClosed, kTimeout };
-  /// Waits until something happens in either folder, a signal has come, the reader of standard
-  /// output is gone, or `deadline` has passed; without one as long as it takes.
-  Wake wait(std::optional<std::chrono::steady_clock::time_point> deadline);
-  /// The signal that wait() returned for: SIGINT, SIGTERM or SIGHUP, which are blocked from open()
-  /// on.
-  int signal() const { return signal_; }
+  /// See Wakeups; the folders are those of the exchange.
+  Wake wait(std::optional<std::chrono::steady_clock::time_point> deadline) {
+    return wakeups_->wait(deadline);
+  }
+  int signal() const { return wakeups_->signal(); }
+  void ignoreOutput() { wakeups_->ignoreOutput(); }
 
  private:
   explicit Exchange(const XdgFolders& folders);
-  Result<void> watch();
-  void drainEvents();
 
   const std::string in_;
   const std::string out_;
   const std::unique_ptr<Files> files_;
   std::unordered_set<std::string> known_;  // entries of "out" that were looked at and left
-  int events_ = -1;
-  int signals_ = -1;
-  int signal_ = 0;
+  std::unique_ptr<Wakeups> wakeups_;
 };
 
 }  // namespace thmp::client

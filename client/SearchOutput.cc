@@ -6,7 +6,9 @@
 
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
+#include "client/Histogram.h"
 #include "console/found_messages.h"
 #include "messaging/message_names.h"
 
@@ -42,9 +44,10 @@ class JsonOutput : public SearchOutput {
     print(line);
   }
 
- private:
+ protected:
   void print(const Json& line) { console::printLine(line, output_); }
 
+ private:
   StandardOutput& output_;
 };
 
@@ -55,7 +58,12 @@ class PathsOutput : public SearchOutput {
 
   void started(std::string_view) override {}
   void found(const Dictionary& item) override {
-    output_.write(item[kPathKey].asText().value_or(""));
+    const std::string_view path = item[kPathKey].asText().value_or("");
+    if (output_.isTerminal() && end_ == '\n') {
+      output_.write(console::shown(path));
+    } else {
+      output_.write(path);
+    }
     output_.write(std::string_view(&end_, 1));
   }
   void removed(std::string_view) override {}
@@ -67,10 +75,18 @@ class PathsOutput : public SearchOutput {
   const char end_;
 };
 
+void printClosing(const Received& received, std::chrono::duration<double> elapsed,
+                  StandardOutput& output) {
+  if (::isatty(STDERR_FILENO) != 1) return;
+  output.flush();
+  fmt::print(stderr, "{} message{} in {:.2f} s\n", received.found, received.found == 1 ? "" : "s",
+             elapsed.count());
+}
+
 // Date, author and subject: on a terminal in columns that fit it, else apart by tabs and whole.
 class TableOutput : public SearchOutput {
  public:
-  explicit TableOutput(StandardOutput& output) : output_(output) {}
+  TableOutput(StandardOutput& output, bool live) : output_(output), live_(live) {}
 
   void started(std::string_view) override {}
   void found(const Dictionary& item) override {
@@ -78,8 +94,9 @@ class TableOutput : public SearchOutput {
     if (gathered_) printMark("+ ", "\x1b[32m");
     print(line);
     // Remembered for the day it goes: a removal brings no more than the ID.
-    if (const auto id = item[kLibraryIDKey].asInteger())
+    if (const auto id = item[kLibraryIDKey].asInteger(); live_ && id) {
       shown_[std::to_string(*id)] = std::move(line);
+    }
   }
   void removed(std::string_view libraryID) override {
     const auto known = shown_.find(std::string(libraryID));
@@ -90,10 +107,7 @@ class TableOutput : public SearchOutput {
   }
   void gathered(const Received& received, std::chrono::duration<double> elapsed) override {
     gathered_ = true;
-    if (::isatty(STDERR_FILENO) != 1) return;
-    output_.flush();
-    fmt::print(stderr, "{} message{} in {:.2f} s\n", received.found, received.found == 1 ? "" : "s",
-               elapsed.count());
+    printClosing(received, elapsed, output_);
   }
   void completed(const Received&, const SearchFailure*) override {}
 
@@ -107,23 +121,91 @@ class TableOutput : public SearchOutput {
   void print(const console::TableRow& row) { console::printRow(row, gathered_ ? 2 : 0, output_); }
 
   StandardOutput& output_;
+  const bool live_;
   bool gathered_ = false;
   std::unordered_map<std::string, console::TableRow> shown_;
 };
 
+// Mail by month: drawn on a terminal, else one month a line, apart by tabs.
+class TimelineOutput : public SearchOutput {
+ public:
+  TimelineOutput(const MailSummary& summary, StandardOutput& output)
+      : summary_(summary), output_(output) {}
+
+  void started(std::string_view) override {}
+  void found(const Dictionary&) override {}
+  void removed(std::string_view) override {}
+  void gathered(const Received& received, std::chrono::duration<double> elapsed) override {
+    const std::vector<MonthCount> months = summary_.months();
+    if (output_.isTerminal()) {
+      output_.write(drawn(months, output_.columns(), output_.hasColor()));
+    } else {
+      for (const auto& [month, count] : months) {
+        output_.write(fmt::format("{}\t{}\t{}\n", month.text(), count.sent, count.received));
+      }
+    }
+    output_.flush();
+    if (summary_.undated() > 0) {
+      fmt::print(stderr, "tallyhive-mail: {} without a date left out\n", summary_.undated());
+    }
+    printClosing(received, elapsed, output_);
+  }
+  void completed(const Received&, const SearchFailure*) override {}
+
+ private:
+  const MailSummary& summary_;
+  StandardOutput& output_;
+};
+
+// The events of a search, with a `month` for each month in place of the messages.
+class TimelineJsonOutput : public JsonOutput {
+ public:
+  TimelineJsonOutput(const MailSummary& summary, StandardOutput& output)
+      : JsonOutput(output), summary_(summary) {}
+
+  void found(const Dictionary&) override {}
+  void gathered(const Received& received, std::chrono::duration<double> elapsed) override {
+    for (const auto& [month, count] : summary_.months()) {
+      print({{"event", "month"},
+             {"month", month.text()},
+             {"sent", count.sent},
+             {"received", count.received}});
+    }
+    JsonOutput::gathered(received, elapsed);
+  }
+
+ private:
+  const MailSummary& summary_;
+};
+
+class NoOutput : public SearchOutput {
+ public:
+  void started(std::string_view) override {}
+  void found(const Dictionary&) override {}
+  void removed(std::string_view) override {}
+  void gathered(const Received&, std::chrono::duration<double>) override {}
+  void completed(const Received&, const SearchFailure*) override {}
+};
+
 }  // namespace
 
-std::unique_ptr<SearchOutput> makeSearchOutput(OutputForm form, bool nulEnds,
+std::unique_ptr<SearchOutput> makeSearchOutput(const OutputForm& form, const MailSummary* summary,
                                                StandardOutput& output) {
-  switch (form) {
-    case OutputForm::kJson:
+  switch (form.kind) {
+    case OutputForm::Kind::kTable:
+      return std::make_unique<TableOutput>(output, form.live);
+    case OutputForm::Kind::kJson:
       return std::make_unique<JsonOutput>(output);
-    case OutputForm::kPaths:
-      return std::make_unique<PathsOutput>(output, nulEnds);
-    case OutputForm::kTable:
+    case OutputForm::Kind::kPaths:
+      return std::make_unique<PathsOutput>(output, form.nulEnds);
+    case OutputForm::Kind::kTimeline:
+      return std::make_unique<TimelineOutput>(*summary, output);
+    case OutputForm::Kind::kTimelineJson:
+      return std::make_unique<TimelineJsonOutput>(*summary, output);
+    case OutputForm::Kind::kNothing:
       break;
   }
-  return std::make_unique<TableOutput>(output);
+  return std::make_unique<NoOutput>();
 }
 
 }  // namespace thmp::client

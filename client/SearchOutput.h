@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What a search prints: a table for people, one JSON object a line for programs, or bare paths. One
-// thread.
+// What a search prints: a table for people, one JSON object a line for programs, bare paths, or a
+// timeline. One thread.
 #pragma once
 
 #include <chrono>
@@ -12,11 +12,26 @@
 #include <string_view>
 
 #include "base/value.h"
+#include "client/MailSummary.h"
 #include "console/terminal.h"
 
 namespace thmp::client {
 
-enum class OutputForm { kTable, kJson, kPaths };
+struct OutputForm {
+  enum class Kind {
+    kTable,
+    kJson,
+    kPaths,
+    kTimeline,
+    kTimelineJson,
+    kNothing,
+  };
+  Kind kind = Kind::kTable;
+  /// Of paths: a NUL in place of a line feed.
+  bool nulEnds = false;
+  /// Of the table: what goes is shown as it came, for which all that came is remembered.
+  bool live = false;
+};
 
 struct SearchFailure {
   std::int64_t code = 0;
@@ -44,8 +59,37 @@ class SearchOutput {
   virtual void completed(const Received& received, const SearchFailure* failure) = 0;
 };
 
-/// `output` outlives it. `nulEnds` ends each path with a NUL in place of a line feed.
-std::unique_ptr<SearchOutput> makeSearchOutput(OutputForm form, bool nulEnds,
+/// `summary` is that of the same search, for the timelines, and may be null for the others; it and
+/// `output` outlive the result.
+std::unique_ptr<SearchOutput> makeSearchOutput(const OutputForm& form, const MailSummary* summary,
                                                console::StandardOutput& output);
+
+/// Sums up what a search finds, and hands all on to `next`.
+class SummingOutput : public SearchOutput {
+ public:
+  SummingOutput(MailSummary& summary, SearchOutput& next) : summary_(summary), next_(next) {}
+
+  void started(std::string_view uniqueName) override { next_.started(uniqueName); }
+  void found(const Dictionary& item) override {
+    summary_.add(item);
+    next_.found(item);
+  }
+  void removed(std::string_view libraryID) override { next_.removed(libraryID); }
+  void gathered(const Received& received, std::chrono::duration<double> elapsed) override {
+    isWhole_ = true;
+    next_.gathered(received, elapsed);
+  }
+  void completed(const Received& received, const SearchFailure* failure) override {
+    next_.completed(received, failure);
+  }
+
+  /// Whether the summary is of all mail that matches.
+  bool isWhole() const { return isWhole_; }
+
+ private:
+  MailSummary& summary_;
+  SearchOutput& next_;
+  bool isWhole_ = false;
+};
 
 }  // namespace thmp::client

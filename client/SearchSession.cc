@@ -46,16 +46,16 @@ int SearchSession::run() {
       return kExitSuccess;
     }
     switch (exchange_.wait(started_ ? std::nullopt : std::optional(begun_ + request_.timeout))) {
-      case Exchange::Wake::kSignal:
+      case Wake::kSignal:
         return interrupted();
-      case Exchange::Wake::kOutputClosed:
+      case Wake::kOutputClosed:
         cancel();
         return kExitSuccess;
-      case Exchange::Wake::kTimeout:
+      case Wake::kTimeout:
         // Should it be read after all, nobody waits for its answers.
         post(kCancelName, ownKeys());
         return noPluginAnswers(request_.timeout);
-      case Exchange::Wake::kFolder:
+      case Wake::kFolder:
         break;
     }
   }
@@ -229,8 +229,8 @@ void SearchSession::cancel() {
       std::erase_if(unanswered_,
                     [this](const std::string& file) { return exchange_.isTaken(file); });
       if (unanswered_.empty()) return;
-      const Exchange::Wake wake = exchange_.wait(deadline);
-      if (wake == Exchange::Wake::kTimeout || wake == Exchange::Wake::kSignal) return;
+      const Wake wake = exchange_.wait(deadline);
+      if (wake == Wake::kTimeout || wake == Wake::kSignal) return;
     }
   };
   settle();
