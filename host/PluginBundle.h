@@ -13,6 +13,10 @@ namespace thmp {
 /// The bundle that stands beside the host's own program.
 std::string defaultPluginBundle();
 
+/// The version of `bundle`, when this host could start it; nothing of it runs. An error, in one
+/// line, when it is missing or does not fit.
+Result<std::string> checkPluginBundle(const std::string& bundle);
+
 /// Loads `bundle` and starts the plug-in on the calling thread, which must be the main thread.
 /// `platform` lives as long as the process. An error, in one line, when the bundle is missing or
 /// does not fit; then nothing of it has run.

@@ -11,6 +11,7 @@ flag and the dictionary are looked at."""
 
 import ctypes
 import plistlib
+import re
 import subprocess
 import sys
 from pathlib import Path
@@ -43,6 +44,11 @@ def main():
     for key in TEXT_KEYS:
         if not isinstance(information.get(key), str) or not information[key]:
             faults.append(f"no text under {key}")
+
+    header = (Path(__file__).parents[1] / "platform/platform.h").read_text(encoding="utf-8")
+    expected = int(re.search(r"kPlatformInterfaceVersion = (\d+);", header).group(1))
+    if information.get("THMPPlatformInterfaceVersion") != expected:
+        faults.append(f"interface version {information.get('THMPPlatformInterfaceVersion')}, not {expected}")
 
     if exported_symbols(library) != [ENTRY_POINT]:
         faults.append(f"exported symbols: {exported_symbols(library)}")
