@@ -10,6 +10,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdint>
 #include <utility>
@@ -136,21 +137,28 @@ std::optional<RunningApplications::FileName> RunningApplications::parse(std::str
 
 bool RunningApplications::isRunning(const std::string& folder,
                                     const std::string& bundleIdentifier) {
+  const std::vector<Found> all = look(folder);
+  return std::any_of(all.begin(), all.end(), [&](const Found& one) {
+    return one.running && one.name.bundleIdentifier == bundleIdentifier;
+  });
+}
+
+std::vector<RunningApplications::Found> RunningApplications::look(const std::string& folder) {
+  std::vector<Found> all;
   const Descriptor open = openApplications(folder);
-  if (!open) return false;
-  const auto names = listFolder(open.get());
-  if (!names) return false;
+  const auto names = open ? listFolder(open.get()) : std::nullopt;
+  if (!names) return all;
   for (const std::string& name : *names) {
     const auto parsed = parse(name);
-    if (!parsed || parsed->bundleIdentifier != bundleIdentifier) continue;
+    if (!parsed) continue;
     struct stat status = {};
     const Descriptor file = openFile(open.get(), name, &status);
     if (!file) continue;
     const bool lives = !hasEnded(parsed->process, openProcess(parsed->process)) &&
                        !isReused(parsed->process, file.get(), status);
-    if (lives || isLocked(file.get())) return true;
+    all.push_back({*parsed, lives || isLocked(file.get())});
   }
-  return false;
+  return all;
 }
 
 void RunningApplications::scan() {

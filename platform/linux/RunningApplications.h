@@ -20,6 +20,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/execution.h"
 #include "platform/linux/Descriptor.h"
@@ -47,6 +48,13 @@ class RunningApplications {
     std::string bundleIdentifier;
     pid_t process = 0;
   };
+  struct Found {
+    FileName name;
+    /// Else it has quit and left its file.
+    bool running = false;
+  };
+  /// The applications that have a file in the folder as it is now. Any thread.
+  static std::vector<Found> look(const std::string& folder);
   /// Empty when `name` is no application's.
   static std::optional<FileName> parse(std::string_view name);
 

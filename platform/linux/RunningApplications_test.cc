@@ -265,6 +265,22 @@ TEST_F(RunningApplicationsTest, FolderThatIsRemovedEndsAllAndIsWatchedAgain) {
   EXPECT_EQ(quit_, std::vector<std::string>{kClient});
 }
 
+TEST_F(RunningApplicationsTest, LookTellsWhoRunsAndWhoLeftAFileAndRemovesNothing) {
+  const std::string own = "com.example.living." + std::to_string(::getpid());
+  testing::makeFolder(applications_);
+  testing::writeFile(applications_ + "/" + own, "");
+  testing::writeFile(applications_ + "/com.example.gone.2147483647", "");
+  testing::writeFile(applications_ + "/strange", "");
+  std::map<std::string, bool> running;
+  for (const auto& found : RunningApplications::look(applications_)) {
+    running[found.name.bundleIdentifier] = found.running;
+  }
+  EXPECT_EQ(running, (std::map<std::string, bool>{{"com.example.living", true},
+                                                  {"com.example.gone", false}}));
+  EXPECT_EQ(testing::namesIn(applications_).size(), 3U);
+  EXPECT_TRUE(RunningApplications::look(applications_ + "/none").empty());
+}
+
 TEST_F(RunningApplicationsTest, NamesAreABundleIdentifierAndAProcess) {
   const auto parsed = RunningApplications::parse("com.example.client.123");
   ASSERT_TRUE(parsed);
