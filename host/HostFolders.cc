@@ -21,8 +21,6 @@
 namespace thmp {
 namespace {
 
-constexpr char kMailFoldersKey[] = "mailFolders";
-
 // A look at the lock by another process holds it for a moment.
 constexpr int kLockAttempts = 10;
 constexpr std::chrono::milliseconds kBetweenAttempts{10};

@@ -16,6 +16,9 @@
 
 namespace thmp {
 
+/// In the user defaults: the mail folders that were named last, absolute.
+inline constexpr char kMailFoldersKey[] = "mailFolders";
+
 struct HostFolders {
   explicit HostFolders(const XdgFolders& folders)
       : library(folders.data + "/tallyhive-mailhost/library.sqlite"),

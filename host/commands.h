@@ -26,6 +26,7 @@ Command addServe(CLI::App& app, CLI::App*& subcommand);
 Command addFind(CLI::App& app, CLI::App*& subcommand);
 Command addExplain(CLI::App& app, CLI::App*& subcommand);
 Command addStat(CLI::App& app, CLI::App*& subcommand);
+Command addDoctor(CLI::App& app, CLI::App*& subcommand);
 
 /// One line on standard error; returns `status`.
 int failWith(int status, std::string_view what);

@@ -55,7 +55,7 @@ int run(int argc, char** argv) {
   app.set_version_flag("--version", versionText);
   app.require_subcommand(1);
   std::vector<std::pair<CLI::App*, Command>> commands;
-  for (const auto add : {addIndex, addServe, addFind, addExplain, addStat}) {
+  for (const auto add : {addIndex, addServe, addFind, addExplain, addStat, addDoctor}) {
     CLI::App* subcommand = nullptr;
     Command command = add(app, subcommand);
     subcommand->set_version_flag("--version", versionText);

@@ -74,7 +74,7 @@ Result<std::unique_ptr<Connection>> Connection::open(const std::string& path, Mo
   const bool writes = mode == Mode::kReadWrite;
   if (writes) makePrivateFile(path);
   sqlite3* db = nullptr;
-  const int flags = SQLITE_OPEN_NOMUTEX |
+  const int flags = SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_URI |
                     (writes ? SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE : SQLITE_OPEN_READONLY);
   const int code = sqlite3_open_v2(path.c_str(), &db, flags, nullptr);
   auto connection = std::unique_ptr<Connection>(new Connection(db));

@@ -55,7 +55,8 @@ class Connection {
  public:
   enum class Mode : bool { kReadOnly, kReadWrite };
 
-  /// A file that is made is private to the user. Waits up to ten seconds for other processes.
+  /// A file that is made is private to the user. Waits up to ten seconds for other processes. In
+  /// place of an absolute path `path` may be a "file:" URI.
   static Result<std::unique_ptr<Connection>> open(const std::string& path, Mode mode);
   ~Connection();
   Connection(const Connection&) = delete;

@@ -27,7 +27,7 @@ OTHERS = {
     "host/store": {"base", "platform", "platform/linux", "host/query"},
     "host/index": {"base", "platform", "platform/linux", "host/query", "host/store"},
     "host/adapter": {"base", "platform", "host/query", "host/store", "host/index"},
-    "host": {"base", "platform", "platform/linux", "messaging", "console", "host/query", "host/store", "host/index", "host/adapter"},
+    "host": {"base", "platform", "platform/linux", "paths", "messaging", "console", "host/query", "host/store", "host/index", "host/adapter"},
     "client": {"base", "platform", "platform/linux", "messaging", "console"},
 }
 ARROWS = CORE | OTHERS
