@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // A descriptor that is readable once entries of the watched folders have come or gone, or a folder
-// itself has. It does not say which: both folders of the exchange are looked at again. One thread.
+// itself has. It does not say which: the folders are looked at again. One thread.
 #pragma once
 
 #include <string>
+#include <utility>
 
 #include "base/result.h"
 #include "platform/linux/Descriptor.h"

@@ -3,7 +3,6 @@
 
 #include <poll.h>
 #include <signal.h>
-#include <sys/inotify.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -12,17 +11,11 @@
 #include <cerrno>
 
 namespace thmp::client {
-namespace {
-
-constexpr std::uint32_t kFolderEvents = IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM |
-                                        IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
-
-}  // namespace
 
 Result<std::unique_ptr<Wakeups>> Wakeups::open() {
-  std::unique_ptr<Wakeups> wakeups(new Wakeups());
-  wakeups->events_ = Descriptor(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-  if (!wakeups->events_) return Error::posix(errno, "cannot watch folders");
+  Result<FolderEvents> events = FolderEvents::open();
+  if (!events) return events.error();
+  std::unique_ptr<Wakeups> wakeups(new Wakeups(*std::move(events)));
   sigset_t ending;
   sigemptyset(&ending);
   for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&ending, number);
@@ -30,13 +23,6 @@ Result<std::unique_ptr<Wakeups>> Wakeups::open() {
   wakeups->signals_ = Descriptor(::signalfd(-1, &ending, SFD_CLOEXEC | SFD_NONBLOCK));
   if (!wakeups->signals_) return Error::posix(errno, "cannot wait for signals");
   return wakeups;
-}
-
-Result<void> Wakeups::watch(const std::string& folder) {
-  if (::inotify_add_watch(events_.get(), folder.c_str(), kFolderEvents) < 0) {
-    return Error::posix(errno, "cannot watch " + folder);
-  }
-  return {};
 }
 
 Wake Wakeups::wait(std::optional<std::chrono::steady_clock::time_point> deadline) {
@@ -50,7 +36,7 @@ Wake Wakeups::wait(std::optional<std::chrono::steady_clock::time_point> deadline
     }
     std::array<pollfd, 3> waiting = {pollfd{signals_.get(), POLLIN, 0},
                                      pollfd{watchesOutput_ ? STDOUT_FILENO : -1, 0, 0},
-                                     pollfd{events_.get(), POLLIN, 0}};
+                                     pollfd{events_.descriptor(), POLLIN, 0}};
     if (::poll(waiting.data(), waiting.size(), milliseconds) < 0) continue;  // EINTR
     if (waiting[0].revents != 0) {
       signalfd_siginfo info{};
@@ -61,16 +47,9 @@ Wake Wakeups::wait(std::optional<std::chrono::steady_clock::time_point> deadline
     }
     if ((waiting[1].revents & (POLLERR | POLLNVAL)) != 0) return Wake::kOutputClosed;
     if (waiting[2].revents != 0) {
-      drainEvents();
+      events_.drain();
       return Wake::kFolder;
     }
-  }
-}
-
-// What happened does not matter: the folders are looked at again.
-void Wakeups::drainEvents() {
-  alignas(inotify_event) std::array<char, 16384> buffer;
-  while (::read(events_.get(), buffer.data(), buffer.size()) > 0) {
   }
 }
 

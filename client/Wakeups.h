@@ -9,8 +9,10 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "base/result.h"
+#include "client/FolderEvents.h"
 #include "platform/linux/Descriptor.h"
 
 namespace thmp::client {
@@ -25,7 +27,7 @@ class Wakeups {
 
   /// Wakes from now on when entries of `folder` come, go or are replaced, or when it goes itself.
   /// A folder that is watched already stays so.
-  Result<void> watch(const std::string& folder);
+  Result<void> watch(const std::string& folder) { return events_.watch(folder); }
 
   /// From now on a reader of standard output that has gone wakes nobody: for what prints nothing.
   void ignoreOutput() { watchesOutput_ = false; }
@@ -36,10 +38,9 @@ class Wakeups {
   int signal() const { return signal_; }
 
  private:
-  Wakeups() = default;
-  void drainEvents();
+  explicit Wakeups(FolderEvents events) : events_(std::move(events)) {}
 
-  Descriptor events_;
+  FolderEvents events_;
   Descriptor signals_;
   bool watchesOutput_ = true;
   int signal_ = 0;
