@@ -25,6 +25,8 @@ HOST = BUILD / "bin" / "tallyhive-mailhost"
 CLIENT = BUILD / "bin" / "tallyhive-mail"
 SAMPLE = pathlib.Path(os.environ.get("THMP_MAIL_SAMPLE", ROOT.parent / "shared" / "mail-sample"))
 PATIENCE = 60.0
+# With sanitizers all is many times as slow: what is only there for its number is scaled down.
+SANITIZED = BUILD.name in ("build-asan", "build-tsan")
 
 sys.path.insert(0, str(ROOT / "tests" / "support"))
 
