@@ -18,6 +18,10 @@
 #include <string_view>
 #include <thread>
 
+#include "host/store/MailFolders.h"
+#include "host/store/folder_names.h"
+#include "platform/linux/utf8.h"
+
 namespace thmp {
 namespace {
 
@@ -54,7 +58,21 @@ Result<std::string> absoluteFolder(const std::string& path) {
   if (::stat(resolved.data(), &status) != 0 || !S_ISDIR(status.st_mode)) {
     return Error::posix(ENOTDIR, "cannot use the mail folder " + path);
   }
-  return std::string(resolved.data());
+  std::string folder(resolved.data());
+  if (!isUtf8(folder)) {
+    return Error{"THMPHost", 4,
+                 "cannot use the mail folder " + escapedPath(folder) +
+                     ": its path is not UTF-8; rename it first",
+                 nullptr};
+  }
+  if (const std::string why = lookAt(folder).unreadable; !why.empty()) {
+    return Error{"THMPHost", 5,
+                 fmt::format("cannot read the mail folder {}: {}; make it readable for you (user "
+                             "{}) or name another",
+                             folder, why, ::geteuid()),
+                 nullptr};
+  }
+  return folder;
 }
 
 // Private like every folder of ours.
@@ -118,15 +136,21 @@ Result<std::vector<std::string>> chooseMailFolders(const std::vector<std::string
     }
     return folders;
   }
-  Array remembered;
+  folders.reserve(given.size());
   for (const std::string& path : given) {
     Result<std::string> folder = absoluteFolder(path);
     if (!folder) return folder.error();
-    remembered.push_back(Value(*folder));
     folders.push_back(*std::move(folder));
   }
-  preferences.set(kMailFoldersKey, remembered);
   return folders;
+}
+
+void rememberMailFolders(const std::vector<std::string>& folders, LinuxPreferences& preferences) {
+  Array remembered;
+  remembered.reserve(folders.size());
+  for (const std::string& folder : folders) remembered.push_back(Value(folder));
+  preferences.set(kMailFoldersKey, remembered);
+  preferences.flush();
 }
 
 }  // namespace thmp

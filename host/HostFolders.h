@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "base/result.h"
+#include "platform/linux/LinuxPreferences.h"
 #include "platform/linux/XdgFolders.h"
 #include "platform/preferences.h"
 
@@ -57,9 +58,12 @@ class HostLock {
   const int descriptor_;
 };
 
-/// The mail folders to use: those given, made absolute, which are then remembered in the user
-/// defaults; without any the remembered ones. An error when one that is given is no folder.
+/// The mail folders to use: those given, made absolute; without any the remembered ones. An error
+/// when one that is given is no folder, or none that can be read.
 Result<std::vector<std::string>> chooseMailFolders(const std::vector<std::string>& given,
                                                    Preferences& preferences);
+
+/// Remembers them in the user defaults, on disk when it returns.
+void rememberMailFolders(const std::vector<std::string>& folders, LinuxPreferences& preferences);
 
 }  // namespace thmp

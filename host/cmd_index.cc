@@ -84,6 +84,30 @@ Result<Coverage> bringUpToDate(Indexer& indexer, bool dryRun) {
   return coverage;
 }
 
+// What is unlikely to be meant, one line for each folder.
+void tellOfFoldersWithoutMail(const std::vector<std::string>& roots, const Library& library,
+                              const Coverage& coverage, bool dryRun) {
+  const auto mailboxes = library.mailboxes();
+  const auto isKnown = [&](const std::string& root) {
+    return !mailboxes || std::any_of(mailboxes->begin(), mailboxes->end(), [&](const auto& one) {
+      return isAtOrBelow(one.folder.path, root);
+    });
+  };
+  for (const std::string& root : roots) {
+    const std::string why = library.whyUnreachable(root);
+    if (!why.empty()) {
+      failWith(kExitSuccess, fmt::format("the mail folder {} cannot be reached: {}; its mail is "
+                                         "kept, and not found until it is back",
+                                         root, why));
+    } else if (coverage.seen == 0 || (!dryRun && !isKnown(root))) {
+      failWith(kExitSuccess,
+               fmt::format("there is no mail in {}; name a folder with mailboxes at or below it: "
+                           "folders with cur and new, *.eml or *.emlx files",
+                           root));
+    }
+  }
+}
+
 int index(const IndexOptions& options) {
   listenForInterruption();
   const XdgFolders xdg = XdgFolders::fromEnvironment();
@@ -98,7 +122,7 @@ int index(const IndexOptions& options) {
     Result<std::vector<std::string>> chosen = chooseMailFolders(options.mail, preferences);
     if (!chosen) return failWith(kExitFailure, chosen.error().text());
     roots = *std::move(chosen);
-    preferences.flush();
+    if (!options.mail.empty() && !options.dryRun) rememberMailFolders(roots, preferences);
   }
   if (roots.empty())
     return failWith(kExitUsage, "no mail folder is known yet; name one with --mail DIR");
@@ -115,6 +139,7 @@ int index(const IndexOptions& options) {
   fmt::print("seen {}, indexed {}, unchanged {}, removed {}, incomplete {}, failed {}\n",
              coverage->seen, coverage->indexed, coverage->unchanged, coverage->removed,
              coverage->incomplete, coverage->failed);
+  if (!coverage->stopped) tellOfFoldersWithoutMail(roots, **library, *coverage, options.dryRun);
   if (coverage->stopped) {
     return failWith(kExitInterrupted, "interrupted; the next run goes on from here");
   }

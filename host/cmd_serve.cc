@@ -95,6 +95,7 @@ int serve(const ServeOptions& options) {
   if (!roots) return failWith(kExitFailure, roots.error().text());
   if (roots->empty())
     return failWith(kExitUsage, "no mail folder is known yet; name one with --mail DIR");
+  if (!options.mail.empty()) rememberMailFolders(*roots, host.linux.preferences());
   if (const Result<void> opened = openMail(host, folders, *std::move(roots)); !opened) {
     return failWith(kExitFailure, opened.error().text());
   }
