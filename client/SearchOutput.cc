@@ -189,6 +189,32 @@ class NoOutput : public SearchOutput {
 
 }  // namespace
 
+void ProgressOutput::found(const Dictionary& item) {
+  next_.found(item);
+  ++count_;
+  const auto now = std::chrono::steady_clock::now();
+  if (gathered_ || now - last_ < pause_) return;
+  last_ = now;
+  drawn_ = true;
+  // What is told next begins at the line's first column and so takes its place.
+  fmt::print(stderr, "\r\x1b[K{} found so far\r", count_);
+}
+
+void ProgressOutput::gathered(const Received& received, std::chrono::duration<double> elapsed) {
+  gathered_ = true;
+  erase();
+  next_.gathered(received, elapsed);
+}
+
+void ProgressOutput::completed(const Received& received, const SearchFailure* failure) {
+  erase();
+  next_.completed(received, failure);
+}
+
+void ProgressOutput::erase() {
+  if (std::exchange(drawn_, false)) fmt::print(stderr, "\r\x1b[K");
+}
+
 std::unique_ptr<SearchOutput> makeSearchOutput(const OutputForm& form, const MailSummary* summary,
                                                StandardOutput& output) {
   switch (form.kind) {

@@ -92,4 +92,31 @@ class SummingOutput : public SearchOutput {
   bool isWhole_ = false;
 };
 
+/// Tells on standard error how many messages came so far, for outputs that say nothing until all
+/// have; and hands all on to `next`. REQUIRES: standard error is a terminal.
+class ProgressOutput : public SearchOutput {
+ public:
+  /// `pause`: between two tellings, and before the first.
+  explicit ProgressOutput(SearchOutput& next,
+                          std::chrono::milliseconds pause = std::chrono::milliseconds(200))
+      : next_(next), pause_(pause) {}
+  ~ProgressOutput() override { erase(); }
+
+  void started(std::string_view uniqueName) override { next_.started(uniqueName); }
+  void found(const Dictionary& item) override;
+  void removed(std::string_view libraryID) override { next_.removed(libraryID); }
+  void gathered(const Received& received, std::chrono::duration<double> elapsed) override;
+  void completed(const Received& received, const SearchFailure* failure) override;
+
+ private:
+  void erase();
+
+  SearchOutput& next_;
+  const std::chrono::milliseconds pause_;
+  std::uint64_t count_ = 0;
+  bool gathered_ = false;
+  bool drawn_ = false;
+  std::chrono::steady_clock::time_point last_ = std::chrono::steady_clock::now();
+};
+
 }  // namespace thmp::client

@@ -113,8 +113,12 @@ int run(const SearchOptions& options, const std::string& query, const CommonOpti
   MailSummary summary(options.ownAddresses);
   const auto output = makeSearchOutput(form, &summary, standardOutput);
   SummingOutput summing(summary, *output);
+  SearchOutput& quiet = options.sums() ? summing : *output;
+  ProgressOutput telling(quiet);
+  const bool tells =
+      ::isatty(STDERR_FILENO) == 1 && (options.sums() || !standardOutput.isTerminal());
   SearchSession session(options.request, **exchange, pasteboards, standardOutput,
-                        options.sums() ? summing : *output);
+                        tells ? telling : quiet);
   const int status = session.run();
   if (options.report.empty() || !summing.isWhole()) return status;
   if (status == kExitNothingFound) {

@@ -57,8 +57,8 @@ TEST(ReportPage, NamesCountsTimelineEndsAndCorrespondents) {
   summary.add(message("Bo", "bo@x", "The last", "2026-03-05T10:00:00Z"));
   const std::string page = reportPage(summary, {"with:x", "p", "now"});
   EXPECT_NE(page.find("<bdi>with:x</bdi>"), std::string::npos);
-  EXPECT_EQ(count(page, "<rect class=\"received\""), 2U) << "a month without mail has no bar";
-  EXPECT_NE(page.find("2026-01: 2 received, 0 sent"), std::string::npos);
+  EXPECT_EQ(count(page, "<g class=\"bar\">"), 2U) << "a month without mail has no bar";
+  EXPECT_NE(page.find("January 2026: 2 received, 0 sent"), std::string::npos);
   EXPECT_NE(page.find("The first"), std::string::npos);
   EXPECT_NE(page.find("The last"), std::string::npos);
   EXPECT_EQ(page.find("Between"), std::string::npos);
@@ -78,8 +78,18 @@ TEST(ReportPage, OfMailWithoutDatesHasNoChart) {
   MailSummary summary({});
   summary.add({});
   const std::string page = reportPage(summary, {"", "", "now"});
-  EXPECT_EQ(page.find("<svg"), std::string::npos);
+  EXPECT_EQ(page.find("<figure"), std::string::npos);
   EXPECT_NE(page.find("<dd>1</dd>"), std::string::npos);
+}
+
+TEST(ReportPage, OneMessageBesideThousandsIsSeen) {
+  MailSummary summary({"me@x"});
+  for (int i = 0; i < 5000; ++i) {
+    summary.add(message("Ada", "ada@x", "a", "2026-01-05T10:00:00Z"));
+  }
+  summary.add(message("Me", "me@x", "b", "2026-01-05T10:00:00Z"));
+  const std::string page = reportPage(summary, {"", "", "now"});
+  EXPECT_NE(page.find("height=\"1.5\" rx=\"1.5\"/></g>"), std::string::npos);
 }
 
 TEST(HtmlText, IsCutByColumnsNotInsideAnEscape) {
