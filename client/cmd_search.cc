@@ -46,28 +46,27 @@ struct SearchOptions {
   std::vector<std::string> words;
   std::optional<std::string> uniqueName;
   std::vector<std::string> ownAddresses;
-  std::string report;
+  std::optional<std::string> report;
   bool explain = false;
   bool json = false;
   bool paths = false;
   bool nulEnds = false;
   bool timeline = false;
 
-  bool sums() const { return timeline || !report.empty(); }
+  bool sums() const { return timeline || report; }
 };
 
 // What cannot stand together; empty when all can.
 std::string conflict(const SearchOptions& options) {
   const bool live = options.request.live;
-  if (options.report.starts_with("--")) {
-    return "--report needs a FILE; one called " + options.report + " is ./" + options.report;
+  if (options.report && options.report->starts_with("--")) {
+    return "--report needs a FILE; one called " + *options.report + " is ./" + *options.report;
   }
   if (options.json && options.paths) return "--json and --paths are two forms; choose one";
   if (options.timeline && options.paths) return "--timeline and --paths are two forms; choose one";
   if (options.nulEnds && !options.paths) return "-0 ends paths; it goes with --paths";
   if (options.timeline && live) return "--timeline counts mail that is there; leave out --live";
-  if (!options.report.empty() && live)
-    return "--report counts mail that is there; leave out --live";
+  if (options.report && live) return "--report counts mail that is there; leave out --live";
   if (options.timeline && options.request.sortingAttribute) {
     return "--timeline goes by month; leave out --sort";
   }
@@ -86,8 +85,8 @@ OutputForm formOf(const SearchOptions& options) {
                     : options.timeline               ? Kind::kTimeline
                     : options.json                   ? Kind::kJson
                     : options.paths                  ? Kind::kPaths
-                    : options.report.empty()         ? Kind::kTable
-                                                     : Kind::kNothing;
+                    : options.report                 ? Kind::kNothing
+                                                     : Kind::kTable;
   return {kind, options.nulEnds, options.request.live};
 }
 
@@ -120,15 +119,15 @@ int run(const SearchOptions& options, const std::string& query, const CommonOpti
   SearchSession session(options.request, **exchange, pasteboards, standardOutput,
                         tells ? telling : quiet);
   const int status = session.run();
-  if (options.report.empty() || !summing.isWhole()) return status;
+  if (!options.report || !summing.isWhole()) return status;
   if (status == kExitNothingFound) {
-    return failWith(status, "nothing was found, so " + options.report + " was not written");
+    return failWith(status, "nothing was found, so " + *options.report + " was not written");
   }
   if (status != kExitSuccess) return status;
   const Date now = Date::fromUnixSeconds(
       std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count());
   return writeReport(
-      options.report, summary,
+      *options.report, summary,
       {query, options.request.query, console::localTime(now, console::Precision::kMinutes)});
 }
 
@@ -152,8 +151,8 @@ int search(SearchOptions options, const CommonOptions& common) {
     output.flush();
     return kExitSuccess;
   }
-  if (!options.report.empty()) {
-    if (const Result<void> possible = canWriteWhole(options.report); !possible) {
+  if (options.report) {
+    if (const Result<void> possible = canWriteWhole(*options.report); !possible) {
       return failWith(kExitUsage, possible.error().description);
     }
   }

@@ -34,7 +34,7 @@ Place placeOf(const std::string& path) {
 
 Error cannotWrite(const std::string& path, std::string_view why) {
   Error error = Error::posix(EINVAL, "");
-  error.description = path + " cannot be written: " + std::string(why);
+  error.description = (path.empty() ? "\"\"" : path) + " cannot be written: " + std::string(why);
   return error;
 }
 
