@@ -6,7 +6,12 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <fstream>
+#include <functional>
+#include <latch>
+#include <memory>
 #include <thread>
+#include <utility>
 
 #include "paths/full_disk_access_lists.h"
 #include "platform/fake/FakeApplication.h"
@@ -23,15 +28,51 @@ using Paths = std::vector<std::string>;
 constexpr double kEarlier = 1671.4;
 constexpr double kCurrent = 1672.0;
 
-/// Lists every folder as another system would that reports no error of the operating system.
-class FilesWithBareErrors : public ForwardingFiles {
+/// Lists no folder, and says why as another system would.
+class FilesWithOtherErrors : public ForwardingFiles {
  public:
-  using ForwardingFiles::ForwardingFiles;
+  FilesWithOtherErrors(Files& target, Error error)
+      : ForwardingFiles(target), error_(std::move(error)) {}
   std::optional<Paths> list(const std::string& /*directory*/, Error* error) override {
-    fail(error, Error::posix(EPERM, "refused"));
+    fail(error, error_);
     return std::nullopt;
   }
+
+ private:
+  const Error error_;
 };
+
+class CountingIdentity : public FakeIdentity {
+ public:
+  std::string processHome() override {
+    ++homes;
+    return FakeIdentity::processHome();
+  }
+  std::atomic<std::size_t> homes = 0;
+};
+
+/// Of one kind, in the table of what the system withholds.
+Paths golden(const std::string& kind) {
+  std::ifstream table(THMP_SOURCE_DIR "/tests/data/full_disk_access_golden.tsv");
+  Paths all;
+  for (std::string line; std::getline(table, line);) {
+    if (line.starts_with(kind + "\t")) all.push_back(line.substr(kind.size() + 1));
+  }
+  return all;
+}
+
+/// Runs `body` on eight threads that begin together.
+void together(const std::function<void()>& body) {
+  constexpr int kThreads = 8;
+  std::latch begin(kThreads);
+  std::vector<std::jthread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&] {
+      begin.arrive_and_wait();
+      body();
+    });
+  }
+}
 
 class FullDiskAccessTest : public testing::Test {
  protected:
@@ -137,17 +178,40 @@ TEST_F(KnownLocations, ThreadsThatAskFirstTogetherGetOneList) {
   identity.setSystemVersion(kEarlier);
   files.makeFolder(home("Library/Mail"));
   std::atomic<int> right = 0;
-  std::vector<std::jthread> threads;
-  for (int i = 0; i < 8; ++i) {
-    threads.emplace_back([&] {
-      const bool lists =
-          access().thmp_knownFullDiskAccessPathPrefixes().has_value() && locations().size() == 32;
-      if (lists && access().thmp_hasFullDiskAccess()) ++right;
-    });
-  }
-  threads.clear();
+  together([&] {
+    const bool lists =
+        access().thmp_knownFullDiskAccessPathPrefixes().has_value() && locations().size() == 32;
+    if (lists && access().thmp_hasFullDiskAccess()) ++right;
+  });
   EXPECT_EQ(right, 8);
   EXPECT_EQ(application.didBecomeActiveObservers(), 1U);
+}
+
+TEST_F(KnownLocations, AreMadeOnceHoweverManyAskAtOnce) {
+  CountingIdentity counting;
+  counting.setSystemVersion(kEarlier);
+  const THMPPathAdditions paths(counting);
+  const FullDiskAccess shared(paths, files, counting, application, log);
+  std::atomic<std::size_t> others = 0;
+  const auto ask = [&] {
+    const auto* locations = &shared.thmp_knownFullDiskAccessLocations();
+    const auto* prefixes = &shared.thmp_knownFullDiskAccessPathPrefixes();
+    if (locations->size() != 32 || !prefixes->has_value()) ++others;
+    if (shared.thmp_checkHasFullDiskAccess()) ++others;
+  };
+  together(ask);
+  // Each text with a tilde once: all but one of the list, one of the prefixes, all probe folders.
+  EXPECT_EQ(counting.homes, 31U + 1U + 8U);
+  ask();
+  EXPECT_EQ(counting.homes, 40U);
+  EXPECT_EQ(others, 0U);
+}
+
+TEST_F(KnownLocations, StoredTextsAreTheSystemsToTheLetter) {
+  const auto texts = [](const auto& stored) { return Paths(stored.begin(), stored.end()); };
+  EXPECT_EQ(texts(kCurrentFullDiskAccessLocations), golden("current"));
+  EXPECT_EQ(texts(kEarlierFullDiskAccessLocations), golden("earlier"));
+  EXPECT_EQ(texts(kFullDiskAccessProbeFolders), golden("probe"));
 }
 
 using AncestorOfKnownLocation = FullDiskAccessTest;
@@ -305,10 +369,16 @@ TEST_F(AccessCheck, AnyOtherFailureCountsAsAccess) {
 
 TEST_F(AccessCheck, OnlyTheErrorUnderTheErrorIsARefusal) {
   files.makeFolder(home("Library/Mail"));
-  FilesWithBareErrors bare(files);
-  const THMPPathAdditions paths(identity);
-  EXPECT_TRUE(
-      FullDiskAccess(paths, bare, identity, application, log).thmp_checkHasFullDiskAccess());
+  const auto answer = [&](const Error& error) {
+    FilesWithOtherErrors others(files, error);
+    const THMPPathAdditions paths(identity);
+    return FullDiskAccess(paths, others, identity, application, log).thmp_checkHasFullDiskAccess();
+  };
+  const Error refused = Error::posix(EPERM, "refused");
+  EXPECT_FALSE(answer(Error{"Cocoa", 257, "", std::make_shared<const Error>(refused)}));
+  EXPECT_TRUE(answer(refused));
+  const Error otherDomain{"Mach", 1, "", nullptr};
+  EXPECT_TRUE(answer(Error{"Cocoa", 257, "", std::make_shared<const Error>(otherDomain)}));
 }
 
 TEST_F(AccessCheck, FileInThePlaceOfAProbeFolderIsPassedOver) {
@@ -378,6 +448,19 @@ TEST_F(CachedAccess, ActivationDuringTheProbeMakesTheAnswerStale) {
   files.before(FileOperation::kList, nullptr);
   files.stopFailing();
   EXPECT_TRUE(hasAccess());
+}
+
+TEST_F(CachedAccess, ActivationsMayComeWhileThreadsAsk) {
+  std::atomic<int> right = 0;
+  together([&] {
+    if (hasAccess()) ++right;
+    application.didBecomeActive();
+    if (hasAccess()) ++right;
+  });
+  EXPECT_EQ(right, 16);
+  protect(home("Library/Mail"));
+  application.didBecomeActive();
+  EXPECT_FALSE(hasAccess());
 }
 
 TEST_F(CachedAccess, ObserverIsRegisteredAtTheFirstQuestionOnceAndStays) {

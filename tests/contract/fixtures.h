@@ -33,6 +33,9 @@ class Scene {
   virtual void makeUnwritable(const std::string& folder) = 0;
   /// By its access bits.
   virtual void makeUnreadable(const std::string& folder) = 0;
+  /// A folder of another user's, who might read it by its access bits. False where this process can
+  /// make none.
+  virtual bool makeAnothers(const std::string& folder) = 0;
   virtual void rename(const std::string& from, const std::string& to) = 0;
   /// With all it holds.
   virtual void erase(const std::string& path) = 0;

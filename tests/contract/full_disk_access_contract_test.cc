@@ -98,6 +98,18 @@ TEST_P(FullDiskAccessContract, FolderClosedByItsPermissionsIsNeitherReportedNorA
   EXPECT_TRUE(log.lines().empty());
 }
 
+TEST_P(FullDiskAccessContract, FolderThatItsOwnerMightReadAndWeCannotIsReported) {
+  if (!scene().makeAnothers(at("theirs"))) GTEST_SKIP() << "only root can make one";
+  scene().makeFolder(at("open"));
+  EXPECT_EQ(printed({at("")}), WorkList{at("open")});
+  EXPECT_EQ(log.lines(), std::vector<std::string>{"FDA protected: " + at("theirs")});
+}
+
+TEST_P(FullDiskAccessContract, AnothersFolderIsNoRefusalOfTheSystem) {
+  if (!scene().makeAnothers(at("Library/Mail"))) GTEST_SKIP() << "only root can make one";
+  EXPECT_TRUE(access.thmp_checkHasFullDiskAccess());
+}
+
 TEST_P(FullDiskAccessContract, FoldersBehindLinksAreNotAdded) {
   scene().makeFolder(at("real/x"));
   scene().makeLink(at("way"), at("real"));

@@ -22,6 +22,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr uid_t kNobody = 65534;
+
 /// A folder that goes with all it holds when the object does.
 class TemporaryFolder {
  public:
@@ -79,6 +81,13 @@ class LinuxScene : public Scene {
   void makeUnreadable(const std::string& folder) override {
     EXPECT_EQ(::chmod(folder.c_str(), 0300), 0);
   }
+  bool makeAnothers(const std::string& folder) override {
+    if (!dropped_ || ::seteuid(0) != 0) return false;
+    makeFolder(folder);
+    EXPECT_EQ(::chmod(folder.c_str(), 0700), 0);
+    EXPECT_EQ(::seteuid(kNobody), 0);
+    return true;
+  }
   void rename(const std::string& from, const std::string& to) override {
     EXPECT_EQ(::rename(from.c_str(), to.c_str()), 0);
   }
@@ -109,7 +118,6 @@ class LinuxScene : public Scene {
 
   /// A process of root's goes on as a user without rights, who owns the scene.
   void dropPrivileges() {
-    constexpr uid_t kNobody = 65534;
     if (::geteuid() != 0) return;
     EXPECT_EQ(::chown(root_.path().c_str(), kNobody, kNobody), 0);
     EXPECT_EQ(::seteuid(kNobody), 0);
