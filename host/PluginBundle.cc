@@ -21,15 +21,17 @@ constexpr PropertyListLimits kInformationLimits{std::size_t{1} << 20, 100'000, 6
 constexpr char kOtherHost[] = "it was built for another version of this host";
 
 Error doesNotFit(const std::string& bundle, const std::string& why) {
-  return Error{"THMPHost", 2, "the plug-in bundle " + bundle + " cannot be used: " + why, nullptr};
+  return Error{"THMPHost", 2,
+               "the plug-in bundle " + bundle + " cannot be used: " + why +
+                   "; install it anew, or name another with --plug-in BUNDLE",
+               nullptr};
 }
 
 Result<PluginEntryPoint> loadPlugin(const std::string& bundle) {
   const std::string path = bundle + kSharedObject;
   std::error_code failure;
   if (!std::filesystem::is_regular_file(path, failure)) {
-    return doesNotFit(bundle, "it is missing or has no " + std::string(kSharedObject).substr(1) +
-                                  "; name another with --plug-in");
+    return doesNotFit(bundle, "it is missing or has no " + std::string(kSharedObject).substr(1));
   }
   void* const handle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (handle == nullptr) return doesNotFit(bundle, ::dlerror());

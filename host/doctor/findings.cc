@@ -73,10 +73,7 @@ Finding checkHost(const std::optional<HostLock::Holder>& holder) {
 
 Finding checkBundle(const Result<std::string>& version) {
   const std::string subject = "plug-in";
-  if (!version) {
-    return fail(subject, version.error().description +
-                             "; install it anew, or name another with --plug-in BUNDLE");
-  }
+  if (!version) return fail(subject, version.error().description);
   return ok(subject, "version " + *version + ", fits this host");
 }
 
