@@ -12,6 +12,8 @@
 
 #include "client/arguments.h"
 #include "client/exit_status.h"
+#include "client/sort_attributes.h"
+#include "console/completions.h"
 
 namespace thmp::client {
 namespace {
@@ -76,6 +78,8 @@ std::unique_ptr<ClientApp> buildApp() {
                                  "Print the versions of program and libraries");
     app->commands.emplace_back(subcommand, std::move(command));
   }
+  console::addCompletionOption(
+      parser, {{"WHEN", {"auto", "always", "never"}}, {"ATTRIBUTE", sortingWords()}});
   return app;
 }
 

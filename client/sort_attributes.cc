@@ -115,6 +115,16 @@ constexpr std::array kShortNames = {
 
 std::span<const std::string_view> fetchedAttributes() { return kFetched; }
 
+std::vector<std::string> sortingWords() {
+  std::vector<std::string> words;
+  words.reserve(kShortNames.size() + kFetched.size());
+  for (const ShortName& one : kShortNames) words.emplace_back(one.name);
+  for (const std::string_view name : kFetched) {
+    if (name.find(':') == std::string_view::npos) words.emplace_back(name);
+  }
+  return words;
+}
+
 Result<std::string> sortingAttribute(std::string_view name) {
   std::vector<std::string_view> names(kFetched.begin(), kFetched.end());
   for (const ShortName& one : kShortNames) {

@@ -7,6 +7,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/result.h"
 
@@ -14,6 +15,10 @@ namespace thmp::client {
 
 /// The fetched attributes, in the order of their bytes.
 std::span<const std::string_view> fetchedAttributes();
+
+/// What a person may write to sort by: the short names, and those of attributes that shells take as
+/// one word.
+std::vector<std::string> sortingWords();
 
 /// The attribute meant by `name`: "date", "from", "to", "subject", "size", or an attribute's own
 /// name. An error for any other, with what may have been meant.

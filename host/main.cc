@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "console/completions.h"
 #include "host/commands.h"
 #include "host/library_versions.h"
 #include "host/query/syntax_error.h"
@@ -45,6 +46,8 @@ void addColorOption(CLI::App& subcommand, console::ColorMode& color) {
 
 namespace {
 
+constexpr char kVersionHelp[] = "Print the versions of program and libraries";
+
 std::string versionText() {
   return std::string("tallyhive-mailhost ") + THMP_VERSION + "\n" + libraryVersions();
 }
@@ -52,15 +55,16 @@ std::string versionText() {
 int run(int argc, char** argv) {
   CLI::App app("Keeps a search index over mail and serves the Tallyhive mail plug-in.",
                "tallyhive-mailhost");
-  app.set_version_flag("--version", versionText);
+  app.set_version_flag("--version", versionText, kVersionHelp);
   app.require_subcommand(1);
   std::vector<std::pair<CLI::App*, Command>> commands;
   for (const auto add : {addIndex, addServe, addFind, addExplain, addStat, addDoctor}) {
     CLI::App* subcommand = nullptr;
     Command command = add(app, subcommand);
-    subcommand->set_version_flag("--version", versionText);
+    subcommand->set_version_flag("--version", versionText, kVersionHelp);
     commands.emplace_back(subcommand, std::move(command));
   }
+  console::addCompletionOption(app, {{"WHEN", {"auto", "always", "never"}}});
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
