@@ -77,7 +77,7 @@ class PathsOutput : public SearchOutput {
 
 void printClosing(const Received& received, std::chrono::duration<double> elapsed,
                   StandardOutput& output) {
-  if (::isatty(STDERR_FILENO) != 1) return;
+  if (::isatty(STDERR_FILENO) != 1 || output.isPipe()) return;
   output.flush();
   fmt::print(stderr, "{} message{} in {:.2f} s\n", received.found, received.found == 1 ? "" : "s",
              elapsed.count());

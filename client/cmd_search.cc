@@ -32,6 +32,7 @@ as it is, for example 'kMDItemSubject == "*invoice*"cd'. Any other is short for 
   after:2026-05-01 before:2026               received then
   has:attachment is:unread is:read is:flagged is:answered
   plum "apple tree" -word -from:ada          words anywhere in the message; "-" turns a term around
+A TEXT with blanks stands in quotes of its own, which a shell must not take: 'with:"ada b" plum'.
 --sort takes date, from, to, subject, size or the full name of an attribute, and sorts each delivery
 of up to 5,000 messages, from high to low.
 --timeline counts the messages of each month, sent and received: drawn on a terminal, in a pipe as
@@ -114,8 +115,8 @@ int run(const SearchOptions& options, const std::string& query, const CommonOpti
   SummingOutput summing(summary, *output);
   SearchOutput& quiet = options.sums() ? summing : *output;
   ProgressOutput telling(quiet);
-  const bool tells =
-      ::isatty(STDERR_FILENO) == 1 && (options.sums() || !standardOutput.isTerminal());
+  const bool tells = ::isatty(STDERR_FILENO) == 1 && !standardOutput.isPipe() &&
+                     (options.sums() || !standardOutput.isTerminal());
   SearchSession session(options.request, **exchange, pasteboards, standardOutput,
                         tells ? telling : quiet);
   const int status = session.run();

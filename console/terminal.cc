@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utf8proc.h>
 
@@ -80,6 +81,12 @@ void StandardOutput::flush() {
     }
   }
   buffer_.clear();
+}
+
+bool StandardOutput::isPipe() const {
+  struct stat status {};
+  return ::fstat(STDOUT_FILENO, &status) == 0 &&
+         (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode));
 }
 
 std::size_t StandardOutput::columns() const {

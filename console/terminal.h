@@ -25,6 +25,8 @@ class StandardOutput {
   bool isClosed() const { return closed_; }
 
   bool isTerminal() const { return terminal_; }
+  /// Whether another program reads it, which may use the terminal itself, as pagers do.
+  bool isPipe() const;
   bool hasColor() const { return color_; }
   /// Columns of the terminal; 80 where that cannot be found out.
   std::size_t columns() const;

@@ -55,12 +55,12 @@ class Terminal:
                                    stdout=out_end, stderr=err_end)
         os.close(out_end)
         os.close(err_end)
-        self.out, self.err = self._all(out), self._all(err)
+        self.out, self.err = self.all_of(out), self.all_of(err)
         self.status = process.wait(60)
         self.lines = self.out.splitlines()
 
     @staticmethod
-    def _all(descriptor):
+    def all_of(descriptor):
         """Until the last writer has gone, which a terminal tells by an error."""
         output = b""
         with contextlib.suppress(OSError):
@@ -201,6 +201,23 @@ class Searching(WithAHost):
             result = self.world.search(*arguments)
             self.assertEqual(result.stderr, "")
             self.assertNotIn("\x1b", result.stdout)
+
+    def test_reader_of_a_pipe_has_the_terminal_for_itself(self):
+        main, other = pty.openpty()
+        for arguments in ((), ("--json",), ("--timeline",)):
+            result = subprocess.run([str(CLIENT), "search", *arguments], env=self.world.environment, stdin=subprocess.DEVNULL,
+                                    stdout=subprocess.PIPE, stderr=other, timeout=60)
+            self.assertTrue(result.stdout)
+        os.close(other)
+        self.assertEqual(Terminal.all_of(main), "")
+
+    def test_file_leaves_the_terminal_to_say_how_many(self):
+        main, other = pty.openpty()
+        with open(self.world.root / "found", "wb") as file:
+            subprocess.run([str(CLIENT), "search"], env=self.world.environment, stdin=subprocess.DEVNULL, stdout=file, stderr=other,
+                           timeout=60, check=True)
+        os.close(other)
+        self.assertRegex(Terminal.all_of(main), r"\A2 messages in ")
 
     def test_colour_goes_by_option_then_by_the_environment_then_by_the_terminal(self):
         query = "subject:plum"
