@@ -86,7 +86,7 @@ int find(const FindOptions& options) {
     return !output.isClosed();
   });
   output.flush();
-  if (!walked) return failWith(kExitFailure, walked.error().text());
+  if (!walked) return failWith(kExitFailure, walked.error().description);
   if (::isatty(STDERR_FILENO) == 1 && !options.json && !options.paths) {
     const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - begun;
     fmt::print(stderr, "{} message{} in {:.2f} s\n", found, found == 1 ? "" : "s", elapsed.count());

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <fmt/format.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,6 +9,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "host/HostFolders.h"
@@ -53,14 +55,32 @@ class ProgressBar {
     if (!terminal_ || now - last_ < std::chrono::milliseconds(100)) return;
     last_ = now;
     drawn_ = true;
-    constexpr std::uint64_t kWidth = 30;
-    const std::uint64_t total = std::max<std::uint64_t>(progress.total, 1);
-    const std::uint64_t filled = std::min(progress.seen * kWidth / total, kWidth);
-    fmt::print(stderr, "\r\x1b[K[{:#<{}}{:.<{}}] {} of {}, {:.0f} a second{}", "", filled, "",
-               kWidth - filled, progress.seen, progress.total, progress.rate, remaining(progress));
+    const std::string text = fmt::format("{} of {}, {:.0f} a second{}", progress.seen,
+                                         progress.total, progress.rate, remaining(progress));
+    const std::size_t room = columns() - 1;
+    fmt::print(stderr, "\r\x1b[K{}{}", bar(progress, room - std::min(room, text.size())),
+               std::string_view(text).substr(0, room));
   }
 
  private:
+  static std::size_t columns() {
+    winsize size{};
+    const bool isKnown = ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1;
+    return isKnown ? size.ws_col : 80;
+  }
+
+  // Empty where there is no room for one.
+  static std::string bar(const IndexProgress& progress, std::size_t room) {
+    constexpr std::size_t kEnds = 3;
+    constexpr std::size_t kShortest = 5;
+    constexpr std::size_t kLongest = 30;
+    if (room < kShortest + kEnds) return {};
+    const std::size_t width = std::min(room - kEnds, kLongest);
+    const std::uint64_t total = std::max<std::uint64_t>(progress.total, 1);
+    const std::uint64_t filled = std::min<std::uint64_t>(progress.seen * width / total, width);
+    return fmt::format("[{:#<{}}{:.<{}}] ", "", filled, "", width - filled);
+  }
+
   static std::string remaining(const IndexProgress& progress) {
     if (progress.rate < 1 || progress.total <= progress.seen) return {};
     const double seconds = static_cast<double>(progress.total - progress.seen) / progress.rate;
@@ -120,7 +140,7 @@ int index(const IndexOptions& options) {
   {
     LinuxPreferences preferences(xdg.config + "/tallyhive-mailhost", log);
     Result<std::vector<std::string>> chosen = chooseMailFolders(options.mail, preferences);
-    if (!chosen) return failWith(kExitFailure, chosen.error().text());
+    if (!chosen) return failWith(kExitFailure, chosen.error().description);
     roots = *std::move(chosen);
     if (!options.mail.empty() && !options.dryRun) rememberMailFolders(roots, preferences);
   }
@@ -128,14 +148,14 @@ int index(const IndexOptions& options) {
     return failWith(kExitUsage, "no mail folder is known yet; name one with --mail DIR");
 
   const auto library = Library::open(folders.library, Library::Access::kReadWrite);
-  if (!library) return failWith(kExitFailure, library.error().text());
+  if (!library) return failWith(kExitFailure, library.error().description);
   const auto messages = Index::open(folders.index, Index::Access::kReadWrite);
-  if (!messages) return failWith(kExitFailure, messages.error().text());
+  if (!messages) return failWith(kExitFailure, messages.error().description);
 
   Indexer indexer(**library, **messages);
   indexer.setRoots(roots);
   const Result<Coverage> coverage = bringUpToDate(indexer, options.dryRun);
-  if (!coverage) return failWith(kExitFailure, coverage.error().text());
+  if (!coverage) return failWith(kExitFailure, coverage.error().description);
   fmt::print("seen {}, indexed {}, unchanged {}, removed {}, incomplete {}, failed {}\n",
              coverage->seen, coverage->indexed, coverage->unchanged, coverage->removed,
              coverage->incomplete, coverage->failed);

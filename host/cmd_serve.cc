@@ -80,7 +80,7 @@ void received(Host& host, int signal) {
 
 int serve(const ServeOptions& options) {
   const XdgFolders xdg = XdgFolders::fromEnvironment();
-  if (Error error; !xdg.prepareRuntime(&error)) return failWith(kExitFailure, error.text());
+  if (Error error; !xdg.prepareRuntime(&error)) return failWith(kExitFailure, error.description);
   const HostFolders folders(xdg);
   Result<std::unique_ptr<HostLock>> lock = HostLock::take(folders.lock, "serve");
   if (!lock) return failWith(kExitFailure, lock.error().description);
@@ -92,12 +92,12 @@ int serve(const ServeOptions& options) {
 
   Result<std::vector<std::string>> roots =
       chooseMailFolders(options.mail, host.linux.preferences());
-  if (!roots) return failWith(kExitFailure, roots.error().text());
+  if (!roots) return failWith(kExitFailure, roots.error().description);
   if (roots->empty())
     return failWith(kExitUsage, "no mail folder is known yet; name one with --mail DIR");
   if (!options.mail.empty()) rememberMailFolders(*roots, host.linux.preferences());
   if (const Result<void> opened = openMail(host, folders, *std::move(roots)); !opened) {
-    return failWith(kExitFailure, opened.error().text());
+    return failWith(kExitFailure, opened.error().description);
   }
   assemble(host);
   host.linux.application().setPluginBundle(options.bundle);
