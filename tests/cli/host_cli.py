@@ -3,13 +3,16 @@
 """tallyhive-mailhost from outside: index and find."""
 
 import contextlib
+import fcntl
 import json
 import os
 import pty
 import select
 import shutil
 import signal
+import struct
 import subprocess
+import termios
 import unittest
 
 from world import HOST, Scenario, World, wait_for
@@ -30,7 +33,28 @@ class Indexing(Scenario):
         self.world.deliver_many(3)
         self.assertIn("seen 3, indexed 3", self.world.index("--dry-run", "--mail", self.world.mail))
         self.assertEqual(self.world.run(HOST, "find", '* == "*"').returncode, 1)
+        self.assertEqual(self.world.run(HOST, "index").returncode, 2, "its mail folders were remembered")
         self.assertIn("seen 3, indexed 3", self.world.index())
+
+    def test_dry_run_counts_what_the_run_then_does(self):
+        kept, renamed, gone, closed = self.world.deliver_many(4, folder="a")
+        self.world.deliver("Elsewhere", folder="b")
+        self.world.index()
+        renamed.rename(renamed.with_name(renamed.name + "F"))
+        gone.unlink()
+        closed.unlink()
+        closed.symlink_to("nowhere")
+        (self.world.mail / "a" / "cur" / "9.empty:2,").touch()
+        shutil.rmtree(self.world.mail / "b")
+        ids = self.ids()
+        counted = self.world.index("--dry-run")
+        # An empty file is known to be incomplete when it is read.
+        self.assertEqual(counted, "seen 4, indexed 1, unchanged 2, removed 3, incomplete 0, failed 1\n")
+        self.assertEqual({path: ids[path] for path in self.ids()}, self.ids())
+        self.assertEqual(self.world.index(), counted.replace("incomplete 0", "incomplete 1"))
+        self.assertEqual(self.world.index("--dry-run"),
+                         "seen 4, indexed 0, unchanged 3, removed 0, incomplete 1, failed 1\n")
+        self.assertIn(str(kept), self.ids())
 
     def test_mail_folders_are_remembered_and_the_last_ones_count(self):
         self.world.deliver("One", folder="a")
@@ -39,6 +63,38 @@ class Indexing(Scenario):
         self.assertIn("seen 2, indexed 0", self.world.index("--dry-run"))
         self.assertIn("seen 1, indexed 0, unchanged 1, removed 1", self.world.index("--mail", self.world.mail / "b"))
         self.assertEqual(self.found(), ["Two"])
+        self.assertEqual(self.remembered(), [str(self.world.mail / "b")])
+
+    def remembered(self):
+        return [folder["path"] for folder in json.loads(self.world.run(HOST, "stat", "--json").stdout)["mailFolders"]]
+
+    def test_mail_folders_are_remembered_absolute_and_without_links(self):
+        self.world.deliver(folder="a")
+        (self.world.root / "link").symlink_to("Mail")
+        self.world.run(HOST, "index", "--mail", "link/../Mail/./a/", cwd=self.world.root)
+        self.assertEqual(self.remembered(), [str(self.world.mail / "a")])
+        self.assertIn("unchanged 1", self.world.index("--mail", self.world.root / "link" / "a"))
+
+    def test_folders_given_to_serve_are_remembered_at_once(self):
+        self.world.deliver(folder="a")
+        self.world.serve("--mail", str(self.world.mail / "a"))
+        self.assertEqual(self.remembered(), [str(self.world.mail / "a")])
+
+    def test_wrong_folder_replaces_no_remembered_one(self):
+        self.world.deliver()
+        self.world.index()
+        result = self.world.run(HOST, "index", "--mail", self.world.mail, "--mail", self.world.root / "nowhere")
+        self.assertEqual(result.returncode, 1)
+        self.assertEqual(self.remembered(), [str(self.world.mail)])
+
+    def test_while_a_host_serves_it_says_which_and_ends_with_1(self):
+        self.world.deliver()
+        host = self.world.serve()
+        for arguments in ((), ("--dry-run",), ("--mail", self.world.root)):
+            result = self.world.run(HOST, "index", *arguments)
+            self.assertEqual((result.returncode, result.stdout), (1, ""))
+            self.assertRegex(result.stderr, rf"\A[^\n]*process {host.process.pid} [^\n]*keeps the index [^\n]*\n\Z")
+        self.assertEqual(self.remembered(), [str(self.world.mail)])
 
     def found(self, query='* == "*"'):
         result = self.world.run(HOST, "find", query, "--json")
@@ -82,21 +138,38 @@ class Indexing(Scenario):
         self.assertIn("seen 4000", coverage)
         self.assertEqual(len(self.found()), 4000)
 
-    def test_progress_bar_only_where_standard_error_is_a_terminal(self):
+    def test_nothing_of_progress_stands_where_standard_error_is_no_terminal(self):
         self.world.deliver_many(2000)
         self.assertEqual(self.world.run(HOST, "index", "--mail", self.world.mail).stderr, "")
-        shutil.rmtree(self.world.folders["cache"])
+
+    def test_progress_bar_has_rate_and_remaining_time_and_goes_at_the_end(self):
+        self.world.deliver_many(2000)
+        shown = self.index_on_a_terminal(80)
+        self.assertRegex(shown, r"\r\x1b\[K\[#+\.+\] 1000 of 2000, \d+ a second, \d+ s left")
+        self.assertTrue(shown.endswith("\r\x1b[K"))
+
+    def test_progress_fits_a_narrow_terminal(self):
+        self.world.deliver_many(2000)
+        for columns in (20, 40):
+            shutil.rmtree(self.world.folders["cache"])
+            drawn = [line for line in self.index_on_a_terminal(columns).split("\r\x1b[K") if line]
+            self.assertTrue(drawn and all(len(line) < columns for line in drawn), drawn)
+            self.assertIn("1000 of 2000", drawn[0])
+
+    def index_on_a_terminal(self, columns):
+        """What it writes to standard error there."""
         main, other = pty.openpty()
         self.addCleanup(os.close, main)
-        process = subprocess.Popen([str(HOST), "index"], env=self.world.environment, stdout=subprocess.PIPE, stderr=other,
-                                   text=True)
+        fcntl.ioctl(other, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
+        process = subprocess.Popen([str(HOST), "index", "--mail", str(self.world.mail)], env=self.world.environment,
+                                   stdout=subprocess.PIPE, stderr=other, text=True)
         os.close(other)
         shown = b""
         with contextlib.suppress(OSError):
             while select.select([main], [], [], 60)[0]:
                 shown += os.read(main, 65536)
         self.assertIn("indexed 2000", process.communicate(timeout=60)[0])
-        self.assertRegex(shown.decode(), r"\[#*\.*\] \d+ of 2000, \d+ a second")
+        return shown.decode()
 
     def test_lost_index_is_made_anew_with_the_same_ids(self):
         self.world.deliver_many(20)
