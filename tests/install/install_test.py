@@ -70,8 +70,20 @@ class AnInstall(Scenario):
     def test_stands_where_the_system_looks(self):
         for path in ("bin/tallyhive-mail", "bin/tallyhive-mailhost", "include/tallyhive/client.h",
                      "share/systemd/user/tallyhive-mailhost.service",
+                     "share/bash-completion/completions/tallyhive-mail", "share/bash-completion/completions/tallyhive-mailhost",
+                     "share/zsh/site-functions/_tallyhive-mail", "share/zsh/site-functions/_tallyhive-mailhost",
+                     "share/fish/vendor_completions.d/tallyhive-mail.fish",
+                     "share/fish/vendor_completions.d/tallyhive-mailhost.fish",
                      f"{BUNDLE}/Info.plist", f"{BUNDLE}/Linux/TallyhiveMailPlugin.so"):
             self.assertTrue((self.prefix / path).is_file(), path)
+
+    @unittest.skipUnless(shutil.which("scdoc"), "scdoc is not installed")
+    def test_brings_its_manual(self):
+        pages = {str(path.relative_to(self.prefix)) for path in self.prefix.glob("share/man/*/*")}
+        self.assertEqual(pages, {"share/man/man1/tallyhive-mail.1", "share/man/man1/tallyhive-mailhost.1",
+                                 "share/man/man5/tallyhive-exchange.5", "share/man/man7/tallyhive-query.7"})
+        for page in pages:
+            self.assertRegex((self.prefix / page).read_text(), r'(?m)^\.TH "tallyhive-')
 
     def test_has_one_header(self):
         self.assertEqual([path.name for path in self.prefix.glob("include/**/*.h")], ["client.h"])
