@@ -41,17 +41,35 @@ std::string noSuch(std::string_view kind, const std::string& name,
                      nearest.empty() ? "" : fmt::format("; did you mean {}?", nearest));
 }
 
+std::string noSuchCommand(const std::string& name, const std::vector<std::string>& names) {
+  std::string what = noSuch("command", name, names);
+  if (!what.ends_with("?")) what += fmt::format("; the commands are {}", fmt::join(names, ", "));
+  return what;
+}
+
+// Of the parser's errors the one that needs words of our own.
+std::string needsValue(const CLI::App& command, const CLI::ParseError& error) {
+  const std::string_view what = error.what();
+  const std::string name(what.substr(0, what.find(':')));
+  const CLI::Option* option = command.get_option_no_throw(name);
+  return option == nullptr ? std::string(what)
+                           : fmt::format("{} needs {}", name, option->get_type_name());
+}
+
 // What is wrong with the arguments, in a few words.
 std::string complaint(const CLI::App& app, const CLI::App& command, const CLI::ParseError& error,
                       const std::vector<std::string>& arguments) {
   if (&command == &app) {
     const auto word = std::find_if(arguments.begin(), arguments.end(),
                                    [](const std::string& a) { return !a.starts_with("-"); });
-    if (word != arguments.end()) return noSuch("command", *word, commandNames(app));
+    if (word != arguments.end()) return noSuchCommand(*word, commandNames(app));
     if (arguments.empty()) {
       return fmt::format("name a command: {}", fmt::join(commandNames(app), ", "));
     }
     return noSuch("option", arguments.front(), optionNames(app));
+  }
+  if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr) {
+    return needsValue(command, error);
   }
   const std::vector<std::string> extras = command.remaining();
   if (dynamic_cast<const CLI::ExtrasError*>(&error) == nullptr || extras.empty()) {

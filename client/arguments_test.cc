@@ -62,6 +62,19 @@ TEST_F(TypedArguments, MissingCommandIsToldWithTheChoice) {
             "name a command: connect, search, cancel, terminate, log; see tallyhive-mail --help");
 }
 
+TEST_F(TypedArguments, CommandThatIsFarFromAllIsToldWithTheChoice) {
+  EXPECT_EQ(complaint({"dance"}),
+            "there is no command dance; the commands are connect, search, cancel, terminate, log; "
+            "see tallyhive-mail --help");
+}
+
+TEST_F(TypedArguments, MissingValueIsNamed) {
+  EXPECT_EQ(complaint({"search", "--sort"}),
+            "--sort needs ATTRIBUTE; see tallyhive-mail search --help");
+  EXPECT_EQ(complaint({"connect", "--timeout"}),
+            "--timeout needs SECONDS; see tallyhive-mail connect --help");
+}
+
 TEST_F(TypedArguments, WhatIsTooMuchIsNamed) {
   EXPECT_EQ(complaint({"log", "plum"}), "log takes no plum; see tallyhive-mail log --help");
 }

@@ -67,7 +67,7 @@ Result<Term> termAt(std::string_view shorthand, std::size_t& position) {
       term.text += c;
     }
   }
-  if (quoted) return notUnderstood("a quote is not closed: \"" + term.text);
+  if (quoted) return notUnderstood("a quote is not closed; put one more behind \"" + term.text);
   return term;
 }
 
@@ -90,9 +90,9 @@ Result<Term> withKeyRead(Term term) {
   if (!looksLikeKey) return Term{term.negated, {}, word};
   const std::string_view nearest = nearestName(key, kKeys);
   return notUnderstood("there is no key \"" + term.key + ":\"; " +
-                       (nearest.empty() ? "the keys are " + allKeys()
-                                        : "did you mean \"" + std::string(nearest) + ":\"?") +
-                       " To search for the words put them in quotes");
+                       (nearest.empty() ? "use one of " + allKeys() + ", or"
+                                        : "did you mean \"" + std::string(nearest) + ":\"? Or") +
+                       " put the words in quotes to search for them");
 }
 
 // Cuts at blanks outside quotes.

@@ -91,21 +91,22 @@ TEST(Shorthand, EmptyValueIsAnError) {
 
 TEST(Shorthand, SlipsAreHintedAt) {
   EXPECT_EQ(made("form:ada"),
-            "error: there is no key \"form:\"; did you mean \"from:\"? To search for the words put "
-            "them in quotes");
+            "error: there is no key \"form:\"; did you mean \"from:\"? Or put the words in quotes "
+            "to search for them");
   EXPECT_EQ(made("-sbuject:x"),
-            "error: there is no key \"sbuject:\"; did you mean \"subject:\"? To search for the "
-            "words put them in quotes");
+            "error: there is no key \"sbuject:\"; did you mean \"subject:\"? Or put the words in "
+            "quotes to search for them");
   EXPECT_EQ(made("is:flaged"), "error: \"is:flaged\" is not understood; did you mean is:flagged?");
 }
 
 TEST(Shorthand, WhatIsNotUnderstoodIsToldWithTheChoice) {
-  EXPECT_EQ(made("colour:red"),
-            "error: there is no key \"colour:\"; the keys are from: to: with: subject: after: "
-            "before: has: is: To search for the words put them in quotes");
+  EXPECT_EQ(
+      made("colour:red"),
+      "error: there is no key \"colour:\"; use one of from: to: with: subject: after: before: "
+      "has: is:, or put the words in quotes to search for them");
   EXPECT_EQ(made("is:purple"),
             "error: \"is:purple\" is not understood; use is:unread is:read is:flagged is:answered");
-  EXPECT_EQ(made("from:\"ada b"), "error: a quote is not closed: \"ada b");
+  EXPECT_EQ(made("from:\"ada b"), "error: a quote is not closed; put one more behind \"ada b");
 }
 
 TEST(Shorthand, ColonsAlsoStandInWords) {
