@@ -25,6 +25,7 @@ constexpr std::size_t kMaxYearLabels = 6;
 constexpr std::size_t kMaxNameLabels = 4;
 constexpr std::size_t kLongQuery = 60;  // in bytes
 constexpr std::size_t kQueryColumns = 400;
+constexpr std::size_t kPredicateColumns = 4000;
 constexpr std::size_t kNameColumns = 80;
 constexpr std::size_t kSubjectColumns = 200;
 
@@ -35,6 +36,7 @@ constexpr double kPlotHeight = 210;
 constexpr double kPlotBottom = kPlotTop + kPlotHeight;
 constexpr double kChartHeight = kPlotBottom + 28;
 constexpr double kLeastBar = 1.5;
+constexpr double kWidestBar = 7;  // in percent
 
 constexpr std::string_view kStyle = R"(
 :root { color-scheme: light dark; --paper: #f4f6f9; --card: #fff; --ink: #18202c; --quiet: #596475;
@@ -97,7 +99,8 @@ tbody th span { display: block; color: var(--quiet); font-size: .875rem; }
 .ends h2 { color: var(--quiet); font-size: .875rem; font-weight: 400; }
 .ends p.subject { margin: .2rem 0 .35rem; font-size: 1.1rem; font-weight: 650; line-height: 1.35; }
 .ends p { font-size: .9375rem; }
-footer { margin-top: 1.75rem; font-size: .8125rem; overflow-wrap: anywhere; }
+footer { margin-top: 1.5rem; font-size: .8125rem; overflow-wrap: anywhere; }
+footer details { margin: 0 0 .35rem; font-size: inherit; }
 code { font-family: ui-monospace, "Cascadia Mono", Menlo, "DejaVu Sans Mono", monospace; font-size: .92em; }
 )";
 
@@ -245,7 +248,7 @@ class Chart {
 
   std::string bars() const {
     std::string out;
-    const double width = slot() * 0.74;
+    const double width = std::min(slot() * 0.74, kWidestBar);
     for (std::size_t i = 0; i < histogram_.bars.size(); ++i) {
       const Histogram::Bar& bar = histogram_.bars[i];
       if (bar.count.total() == 0) continue;
@@ -275,6 +278,13 @@ class Chart {
         kind, x, width, y, height);
   }
 
+  std::string footName(Month first) const {
+    if (histogram_.step.months > 12) return std::to_string(first.year());
+    if (histogram_.step.months > 1) return barName(histogram_.step, first);
+    const std::string name = monthName(first);  // "May 2026"
+    return name.substr(0, 3) + name.substr(name.find(' '));
+  }
+
   // Some bars' names along the foot, so few that they stay apart on a telephone.
   std::string labels() const {
     std::vector<std::size_t> labelled;
@@ -288,9 +298,7 @@ class Chart {
     for (std::size_t i = 0; i < labelled.size(); i += every) {
       const double x = slot() * (static_cast<double>(labelled[i]) + (byName ? 0.5 : 0.0));
       const Month first = histogram_.bars[labelled[i]].first;
-      const std::string text = byName && histogram_.step.months <= 12
-                                   ? barName(histogram_.step, first)
-                                   : std::to_string(first.year());
+      const std::string text = byName ? footName(first) : std::to_string(first.year());
       const std::string_view anchor = x > 92 ? "end" : x < 8 || !byName ? "start" : "middle";
       out += fmt::format(
           "<line class=\"base\" x1=\"{0:.3f}%\" x2=\"{0:.3f}%\" y1=\"{1}\" y2=\"{2}\"/>"
@@ -457,7 +465,8 @@ std::string reportPage(const MailSummary& summary, const ReportSource& source) {
   page += ends(summary) + correspondents(summary);
   page += "</main>\n<footer>\n";
   if (!source.predicate.empty() && source.predicate != source.query) {
-    page += "<p>As a predicate: <code>" + escapedForHtml(source.predicate, 2000) + "</code></p>\n";
+    page += "<details>\n<summary>The query as a predicate</summary>\n<p><code>" +
+            escapedForHtml(source.predicate, kPredicateColumns) + "</code></p>\n</details>\n";
   }
   page += fmt::format("<p>Made {} by tallyhive-mail {}.</p>\n</footer>\n</body>\n</html>\n",
                       escapedForHtml(source.made, kNameColumns), THMP_VERSION);

@@ -59,6 +59,7 @@ TEST(ReportPage, NamesCountsTimelineEndsAndCorrespondents) {
   EXPECT_NE(page.find("<bdi>with:x</bdi>"), std::string::npos);
   EXPECT_EQ(count(page, "<g class=\"bar\">"), 2U) << "a month without mail has no bar";
   EXPECT_NE(page.find("January 2026: 2 received, 0 sent"), std::string::npos);
+  EXPECT_NE(page.find(">Mar 2026</text>"), std::string::npos);
   EXPECT_NE(page.find("The first"), std::string::npos);
   EXPECT_NE(page.find("The last"), std::string::npos);
   EXPECT_EQ(page.find("Between"), std::string::npos);
