@@ -100,12 +100,22 @@ bool isAttachment(GMimeObject* part) {
   return !attachmentName(part).empty();
 }
 
+// A type that cannot be made out, such as "text" alone, stands for plain text.
+bool isTypeUnreadable(GMimeObject* part) {
+  GMimeHeader* header =
+      g_mime_header_list_get_header(g_mime_object_get_header_list(part), "Content-Type");
+  if (header == nullptr) return false;
+  const std::string_view raw = text(g_mime_header_get_raw_value(header));
+  return raw.substr(0, raw.find(';')).find('/') == std::string_view::npos;
+}
+
 enum class TextKind : std::uint8_t { kNone, kPlain, kHtml };
 
 TextKind textKind(GMimeObject* part) {
   if (!GMIME_IS_PART(part) || isAttachment(part)) return TextKind::kNone;
   if (isType(part, "text", "html")) return TextKind::kHtml;
-  return isType(part, "text", "plain") ? TextKind::kPlain : TextKind::kNone;
+  const bool isPlain = isType(part, "text", "plain") || isTypeUnreadable(part);
+  return isPlain ? TextKind::kPlain : TextKind::kNone;
 }
 
 // Charsets that need no conversion, or whose name is better not believed: the bytes show.
