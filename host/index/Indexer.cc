@@ -247,6 +247,9 @@ class Indexer::Run {
     if (root.empty()) return;
     std::map<std::string, MailFolder> here;
     walk(root, tree, here);
+    for (const std::string& inner : roots_) {
+      if (inner != root && isAtOrBelow(inner, tree)) walk(inner, inner, here);
+    }
     for (const LibraryMailbox& mailbox : known_) {
       const std::string& path = mailbox.folder.path;
       if (mailbox.folder.format == MessageFormat::kEmlx && path != tree &&
@@ -263,6 +266,7 @@ class Indexer::Run {
   void countTotal(const std::map<std::string, MailFolder>& found) {
     if (!progress_) return;
     for (const auto& [path, folder] : found) {
+      if (isStopped()) return;
       const auto listing = listMailbox(folder);
       if (listing) total_ += listing->entries.size() + listing->failed.size();
     }

@@ -320,6 +320,9 @@ TEST_F(Indexing, AMissingMailFolderInsideAnotherKeepsItsRows) {
   fs::rename(folder_ / "away", mail_ + "/disk");
   updateTree(mail_ + "/disk");
   EXPECT_EQ(idOf("inside"), id);
+  // It is still the mail folder's own mail, and not that of the one around it.
+  fs::rename(mail_ + "/disk", folder_ / "away");
+  EXPECT_EQ(updateTree(mail_ + "/disk").removed, 0U);
 }
 
 TEST_F(Indexing, TheLastUpdateIsAlsoOneOfASingleMailbox) {
