@@ -311,14 +311,7 @@ class ChangingMail(Scenario):
         return True
 
     def test_folders_that_may_not_be_read_for_a_while_keep_their_ids(self):
-        if os.geteuid() != 0 or not shutil.which("setpriv"):
-            self.skipTest("cannot play another user here")
-        for folder, _, files in os.walk(self.world.root):
-            for path in (folder, *(os.path.join(folder, name) for name in files)):
-                os.chown(path, OTHER_USER, OTHER_USER)
-        other = ("setpriv", f"--reuid={OTHER_USER}", f"--regid={OTHER_USER}", "--clear-groups")
-        if subprocess.run([*other, str(HOST), "--version"], capture_output=True, check=False).returncode != 0:
-            self.skipTest("the other user may not run the programs")
+        other = self.other_user() if os.geteuid() == 0 else ()
         self.serve(prefix=other)
         before = self.check()
         self.work.chmod(0)
@@ -333,6 +326,16 @@ class ChangingMail(Scenario):
         self.world.mail.chmod(0o700)
         self.assertEqual(self.check(), after)
         self.assertEqual(self.live.removed, [])
+
+    def other_user(self):
+        """Root is refused nothing. What goes before a program so that it runs as a user who owns this world."""
+        if not shutil.which("setpriv"):
+            self.skipTest("cannot play another user here")
+        subprocess.run(["chown", "-Rh", f"{OTHER_USER}:{OTHER_USER}", str(self.world.root)], check=True)
+        other = ("setpriv", f"--reuid={OTHER_USER}", f"--regid={OTHER_USER}", "--clear-groups")
+        if self.world.run(*other, HOST, "--version").returncode != 0:
+            self.skipTest("the other user may not run the programs")
+        return other
 
 
 if __name__ == "__main__":
