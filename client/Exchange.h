@@ -34,6 +34,7 @@ class Exchange {
   std::vector<Message> take(const std::function<bool(const Message&)>& isOwn) {
     return folders_->take(isOwn);
   }
+  bool withdraw(const std::string& file) { return folders_->withdraw(file); }
   bool isTaken(const std::string& file) const { return folders_->isTaken(file); }
 
   /// See Wakeups; the folders are those of the exchange.

@@ -80,6 +80,10 @@ std::vector<Message> MessageFolders::take(const std::function<bool(const Message
   return taken;
 }
 
+bool MessageFolders::withdraw(const std::string& file) {
+  return ::unlink((in_ + "/" + file).c_str()) == 0;
+}
+
 bool MessageFolders::isTaken(const std::string& file) const {
   return ::faccessat(AT_FDCWD, (in_ + "/" + file).c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0;
 }

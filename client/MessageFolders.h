@@ -48,6 +48,9 @@ class MessageFolders {
   /// are deleted and returned, in no order.
   std::vector<Message> take(const std::function<bool(const Message&)>& isOwn);
 
+  /// Takes back a request that was not read. False when the plug-in has taken it.
+  bool withdraw(const std::string& file);
+
   /// Whether the plug-in has taken the request, that is deleted its file.
   bool isTaken(const std::string& file) const;
 

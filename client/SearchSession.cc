@@ -52,8 +52,8 @@ int SearchSession::run() {
         cancel();
         return kExitSuccess;
       case Wake::kTimeout:
-        // Should it be read after all, nobody waits for its answers.
-        post(kCancelName, ownKeys());
+        // Was it read after all, nobody waits for its answers.
+        if (!exchange_.withdraw(search_)) post(kCancelName, ownKeys());
         return noPluginAnswers(request_.timeout);
       case Wake::kFolder:
         break;
@@ -75,7 +75,9 @@ bool SearchSession::sendSearch() {
   userInfo.set(kSortAscendingKey, Value(request_.sortAscending));
   unanswered_.clear();
   post(kSearchName, userInfo);
-  return !unanswered_.empty();
+  if (unanswered_.empty()) return false;
+  search_ = unanswered_.front();
+  return true;
 }
 
 void SearchSession::post(std::string_view name, const Dictionary& userInfo) {
@@ -105,7 +107,7 @@ std::optional<int> SearchSession::look() {
   };
   // What was posted before the completion is there now, whatever the first listing missed.
   if (std::any_of(messages.begin(), messages.end(), is(kQueryDidCompleteName))) takeMore();
-  if (newHost_ && !wasStarted && exchange_.isTaken(unanswered_.front())) {
+  if (newHost_ && !wasStarted && exchange_.isTaken(search_)) {
     // Its answer lies in "out" before the request is deleted. Without one the request fell to the
     // host's start.
     takeMore();
@@ -234,6 +236,7 @@ void SearchSession::cancel() {
     }
   };
   settle();
+  if (exchange_.withdraw(search_)) return;  // nobody has read it: there is no query to end
   post(kCancelName, ownKeys());
   settle();
   exchange_.take([this](const Message& message) { return isOwn(message); });

@@ -79,6 +79,7 @@ class SearchSession {
   // What notices for all clients said since the last look.
   bool newHost_ = false;
   bool hostQuit_ = false;
+  std::string search_;                   // the file of our Search
   std::vector<std::string> unanswered_;  // our requests' files
 };
 

@@ -6,8 +6,10 @@
 #include <utf8proc.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <string_view>
 
 #include "client/arguments.h"
@@ -90,7 +92,12 @@ int runApp(ClientApp& app, std::vector<std::string> arguments) {
   try {
     app.parser.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
   } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == 0) return app.parser.exit(error);
+    if (error.get_exit_code() == 0) {
+      std::ostringstream text;
+      const int status = app.parser.exit(error, text, text);
+      std::fputs(text.str().c_str(), stdout);
+      return status;
+    }
     return failWith(kExitUsage, wrongUsage(app.parser, error, arguments));
   }
   for (const auto& [subcommand, command] : app.commands) {

@@ -30,8 +30,10 @@ int control(const char* name, const Dictionary& userInfo, const CommonOptions& c
   while (!(*exchange)->isTaken(*file)) {
     switch ((*exchange)->wait(deadline)) {
       case Wake::kTimeout:
+        (*exchange)->withdraw(*file);
         return noPluginAnswers(common.timeout());
       case Wake::kSignal:
+        (*exchange)->withdraw(*file);
         return 128 + (*exchange)->signal();
       case Wake::kOutputClosed:
       case Wake::kFolder:

@@ -23,14 +23,20 @@ std::optional<Dictionary> shakeHands(const Handshake& handshake, Exchange& excha
                         {kCompatibilityVersionKey, kCompatibilityVersion},
                         {kConnectionKey, connection}};
   if (handshake.checkVersion) request.set(kCheckVersionKey, Value(true));
+  std::string sentFile;
+  // A request that nobody has read is for no plug-in of another day.
+  const auto giveUp = [&](int with) {
+    exchange.withdraw(sentFile);
+    status = with;
+    return std::nullopt;
+  };
 
   bool newHost = true;  // the first request is sent like those after a host has started
   while (true) {
     if (std::exchange(newHost, false)) {
-      if (const auto sent = exchange.post(kConnectName, request); !sent) {
-        status = failWith(kExitNoPlugin, sent.error().description);
-        return std::nullopt;
-      }
+      const auto sent = exchange.post(kConnectName, request);
+      if (!sent) return giveUp(failWith(kExitNoPlugin, sent.error().description));
+      sentFile = *sent;
     }
     const std::vector<Message> answers = exchange.take([&](const Message& message) {
       if (message.name != kPluginReadyName) return false;
@@ -41,14 +47,11 @@ std::optional<Dictionary> shakeHands(const Handshake& handshake, Exchange& excha
     if (newHost) continue;
     switch (exchange.wait(deadline)) {
       case Wake::kTimeout:
-        status = noPluginAnswers(handshake.timeout);
-        return std::nullopt;
+        return giveUp(noPluginAnswers(handshake.timeout));
       case Wake::kSignal:
-        status = 128 + exchange.signal();
-        return std::nullopt;
+        return giveUp(128 + exchange.signal());
       case Wake::kOutputClosed:
-        status = kExitSuccess;
-        return std::nullopt;
+        return giveUp(kExitSuccess);
       case Wake::kFolder:
         break;
     }

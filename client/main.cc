@@ -4,14 +4,18 @@
 // nothing else with the host.
 #include <algorithm>
 #include <exception>
+#include <string>
 
 #include "client/client_app.h"
 #include "client/exit_status.h"
+#include "console/terminal.h"
 
 int main(int argc, char** argv) {
   using namespace thmp::client;
   try {
-    return runApp(*buildApp(), {argv + std::min(argc, 1), argv + argc});
+    const int status = runApp(*buildApp(), {argv + std::min(argc, 1), argv + argc});
+    const std::string lost = thmp::console::lostOutput();
+    return lost.empty() ? status : failWith(kExitUsage, lost);
   } catch (const std::exception& failure) {
     return failWith(kExitUsage, failure.what());
   }

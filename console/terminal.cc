@@ -11,12 +11,23 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <system_error>
 
 namespace thmp::console {
 namespace {
 
 constexpr std::size_t kBufferSize = std::size_t{64} << 10;
+
+// Of the whole process: whichever object writes, it is the same output.
+int lostBecause = 0;
+
+void noteLoss(int number) {
+  const bool readerHasGone = number == EPIPE || number == EBADF || number == ECONNRESET ||
+                             (number == EIO && ::isatty(STDOUT_FILENO) == 1);
+  if (!readerHasGone) lostBecause = number;
+}
 
 bool colorWanted(ColorMode mode, bool terminal) {
   if (mode != ColorMode::kAuto) return mode == ColorMode::kAlways;
@@ -77,6 +88,7 @@ void StandardOutput::flush() {
       pollfd waiting{STDOUT_FILENO, POLLOUT, 0};
       ::poll(&waiting, 1, -1);
     } else if (errno != EINTR) {
+      noteLoss(errno);
       closed_ = true;
     }
   }
@@ -94,6 +106,13 @@ std::size_t StandardOutput::columns() const {
   if (terminal_ && ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
     return size.ws_col;
   return 80;
+}
+
+std::string lostOutput() {
+  if (std::fflush(stdout) != 0) noteLoss(errno);
+  if (lostBecause == 0) return {};
+  return fmt::format("standard output cannot be written: {}",
+                     std::generic_category().message(lostBecause));
 }
 
 std::string shown(std::string_view text) {

@@ -38,6 +38,11 @@ class StandardOutput {
   const bool color_;
 };
 
+/// Why something of this process's standard output is lost, in words for its user; empty when
+/// nothing is, or when only its reader has gone. Asked once, at the end: it writes what stdio still
+/// holds.
+std::string lostOutput();
+
 /// `text` on one line without anything that a terminal would act on: control characters as \x1B and
 /// the like, line breaks and tabs as one blank, characters that change the writing direction left
 /// out, bytes that are no UTF-8 as U+FFFD.

@@ -22,13 +22,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-Error nothingIndexed(const std::optional<HostLock::Holder>& keeper) {
-  const std::string what =
-      keeper ? keeper->text() + " has only begun to index; ask again in a moment"
-             : "nothing was indexed yet; begin with tallyhive-mailhost index --mail DIR";
-  return Error{"THMPHost", 3, what, nullptr};
-}
-
 std::uint64_t sizeOf(const std::string& path) {
   struct stat status {};
   if (::lstat(path.c_str(), &status) != 0) return 0;
@@ -119,18 +112,29 @@ Result<void> compareWithMail(Library& library, Index& index, const std::vector<s
 
 }  // namespace
 
+std::string whyNotOpen(const HostFolders& places) {
+  for (const std::string& path : {places.library, places.index}) {
+    if (::access(path.c_str(), R_OK) == 0) continue;
+    const int number = errno;
+    if (number != ENOENT && number != ENOTDIR) {
+      return Error::posix(number, "cannot read " + path).description +
+             "; tallyhive-mailhost doctor looks at all of it";
+    }
+    const auto keeper = HostLock::holder(places.lock);
+    return keeper ? keeper->text() + " has only begun to index; ask again in a moment"
+                  : "nothing was indexed yet; begin with tallyhive-mailhost index --mail DIR";
+  }
+  return "library or index cannot be used; tallyhive-mailhost doctor says why";
+}
+
 Result<HostStatus> lookAtHost(const XdgFolders& xdg, const std::vector<std::string>& named,
                               std::size_t mostPaths) {
   const HostFolders places(xdg);
   HostStatus status;
   status.keeper = HostLock::holder(places.lock);
-  if (::access(places.library.c_str(), F_OK) != 0 || ::access(places.index.c_str(), F_OK) != 0) {
-    return nothingIndexed(status.keeper);
-  }
   const auto library = Library::open(places.library, Library::Access::kReadOnly);
-  if (!library) return library.error();
   const auto index = Index::open(places.index, Index::Access::kReadOnly);
-  if (!index) return index.error();
+  if (!library || !index) return Error{"THMPHost", 3, whyNotOpen(places), nullptr};
 
   auto folders = lookAtFolders(**library, named);
   if (!folders) return folders.error();

@@ -63,8 +63,11 @@ struct HostStatus {
   std::uint64_t pasteboardsSize = 0;
 };
 
-/// An error, in one line that says what to do, when nothing was indexed yet. `named` are the mail
-/// folders that the user named. Looks up at most `mostPaths` paths of incomplete files.
+/// Why library and index could not be opened, and what to do, in one line.
+std::string whyNotOpen(const HostFolders& places);
+
+/// An error, in one line that says what to do, when library or index cannot be opened. `named` are
+/// the mail folders that the user named. Looks up at most `mostPaths` paths of incomplete files.
 Result<HostStatus> lookAtHost(const XdgFolders& xdg, const std::vector<std::string>& named,
                               std::size_t mostPaths);
 

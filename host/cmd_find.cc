@@ -11,6 +11,7 @@
 #include "console/found_messages.h"
 #include "console/terminal.h"
 #include "host/HostFolders.h"
+#include "host/HostStatus.h"
 #include "host/adapter/message_view.h"
 #include "host/commands.h"
 #include "host/index/Index.h"
@@ -54,8 +55,13 @@ void printFound(const FindOptions& options, const Dictionary& item,
   if (options.json) {
     console::printLine(console::foundEvent(item), output);
   } else if (options.paths) {
-    output.write(item[kPathKey].asText().value_or(""));
-    output.write(options.nulEnds ? std::string_view("\0", 1) : "\n");
+    const std::string_view path = item[kPathKey].asText().value_or("");
+    if (output.isTerminal() && !options.nulEnds) {
+      output.write(console::shown(path) + "\n");
+    } else {
+      output.write(path);
+      output.write(options.nulEnds ? std::string_view("\0", 1) : "\n");
+    }
   } else {
     console::printRow(console::tableRow(item[kAttributesKey]), 0, output);
   }
@@ -68,10 +74,7 @@ int find(const FindOptions& options) {
   const HostFolders folders(XdgFolders::fromEnvironment());
   const auto index = Index::open(folders.index, Index::Access::kReadOnly);
   const auto library = Library::open(folders.library, Library::Access::kReadOnly);
-  if (!index || !library) {
-    return failWith(kExitFailure,
-                    "there is no index yet; make one with tallyhive-mailhost index --mail DIR");
-  }
+  if (!index || !library) return failWith(kExitFailure, whyNotOpen(folders));
   (*index)->hideMailboxes((*library)->unreachableMailboxes());
 
   ::signal(SIGPIPE, SIG_IGN);

@@ -5,8 +5,10 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
+#include <cstdio>
 #include <exception>
 #include <map>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -68,7 +70,12 @@ int run(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == 0) return app.exit(error);
+    if (error.get_exit_code() == 0) {
+      std::ostringstream text;
+      const int status = app.exit(error, text, text);
+      std::fputs(text.str().c_str(), stdout);
+      return status;
+    }
     return failWith(kExitUsage, wrongUsage(app, error));
   }
   for (const auto& [subcommand, command] : commands) {
@@ -83,7 +90,9 @@ int run(int argc, char** argv) {
 int main(int argc, char** argv) {
   ::umask(077);  // whatever is made here derives from the user's mail
   try {
-    return thmp::run(argc, argv);
+    const int status = thmp::run(argc, argv);
+    const std::string lost = thmp::console::lostOutput();
+    return lost.empty() ? status : thmp::failWith(thmp::kExitFailure, lost);
   } catch (const std::exception& failure) {
     return thmp::failWith(thmp::kExitFailure, failure.what());
   }

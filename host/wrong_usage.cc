@@ -31,11 +31,18 @@ std::vector<std::string> optionNames(const CLI::App& command) {
   return names;
 }
 
+// What gives help on `command`, as it is typed.
+std::string helpOf(const CLI::App& command) {
+  const CLI::App* program = command.get_parent();
+  return fmt::format("{}{} --help", program == nullptr ? "" : program->get_name() + " ",
+                     command.get_name());
+}
+
 std::string unknownOption(const CLI::App& command, const std::string& written) {
   const std::string name = written.substr(0, written.find('='));
   const std::string meant = nearest(name, optionNames(command));
   if (!meant.empty()) return fmt::format("there is no option {}; did you mean {}?", name, meant);
-  return fmt::format("there is no option {}; see {} --help", name, command.get_display_name());
+  return fmt::format("there is no option {}; see {}", name, helpOf(command));
 }
 
 std::string unknownCommand(const CLI::App& app, const std::string& name) {
@@ -51,7 +58,11 @@ std::string wrongUsage(const CLI::App& app, const CLI::ParseError& error) {
   const std::vector<CLI::App*> chosen = app.get_subcommands();
   const CLI::App& command = chosen.empty() ? app : *chosen.front();
   const std::vector<std::string> rest = app.remaining(/*recurse=*/true);
-  if (rest.empty()) return fmt::format("{}; see {} --help", error.what(), app.get_name());
+  if (rest.empty() && chosen.empty()) {
+    return fmt::format("name a command: {}; see {}", fmt::join(commandNames(app), ", "),
+                       helpOf(app));
+  }
+  if (rest.empty()) return fmt::format("{}; see {}", error.what(), helpOf(command));
   const std::string& first = rest.front();
   if (first.size() > 1 && first[0] == '-') return unknownOption(command, first);
   if (chosen.empty()) return unknownCommand(app, first);

@@ -55,7 +55,13 @@ bool XdgFolders::prepareRuntime(Error* error) const {
   if (parent && openOwnFolder(parent.get(), runtime.substr(slash + 1), /*create=*/true)) {
     return true;
   }
-  return failWithErrno(error, "cannot use the folder " + runtime);
+  const int number = errno;
+  if (error != nullptr) {
+    *error = Error::posix(number, "cannot use the folder " + runtime);
+    error->description += number == EPERM ? "; it is not your own folder" : "";
+    error->description += "; set XDG_RUNTIME_DIR to a folder of your own";
+  }
+  return false;
 }
 
 }  // namespace thmp

@@ -103,6 +103,8 @@ TEST(XdgFolders, RuntimeSubstituteOfSomebodyElseIsRefused) {
   Error error;
   EXPECT_FALSE(folders.prepareRuntime(&error));
   EXPECT_EQ(error.code, EPERM);
+  EXPECT_NE(error.description.find("; set XDG_RUNTIME_DIR to a folder of your own"),
+            std::string::npos);
 }
 
 TEST(XdgFolders, NamedRuntimeFolderIsMadeWhenMissing) {

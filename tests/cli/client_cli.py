@@ -18,7 +18,7 @@ import termios
 import unicodedata
 import unittest
 
-from world import CLIENT, PREFIX, Scenario, wait_for
+from world import CLIENT, PATIENCE, PREFIX, Scenario, wait_for
 
 
 class Running:
@@ -218,6 +218,14 @@ class Searching(WithAHost):
                            timeout=60, check=True)
         os.close(other)
         self.assertRegex(Terminal.all_of(main), r"\A2 messages in ")
+
+    def test_output_that_cannot_be_written_is_told(self):
+        for command in (("search",), ("search", "--json"), ("connect",), ("--version",)):
+            with open("/dev/full", "w") as full:
+                result = subprocess.run([str(CLIENT), *command], env=self.world.environment, stdin=subprocess.DEVNULL,
+                                        stdout=full, stderr=subprocess.PIPE, text=True, timeout=PATIENCE)
+            self.assertEqual((result.returncode, result.stderr),
+                             (2, "tallyhive-mail: standard output cannot be written: No space left on device\n"), command)
 
     def test_colour_goes_by_option_then_by_the_environment_then_by_the_terminal(self):
         query = "subject:plum"
@@ -593,6 +601,17 @@ class WithoutAHost(Scenario):
             self.assertEqual(len(result.stderr.splitlines()), 1)
             self.assertIn("tallyhive-mailhost serve", result.stderr)
         self.assertFalse((self.world.root / "r.html").exists())
+
+    def test_request_that_nobody_reads_is_taken_back(self):
+        for command in (("connect",), ("search", "x"), ("cancel", "x"), ("terminate",)):
+            self.world.run(CLIENT, *command, "--timeout", "0.1")
+            self.assertEqual(list(self.world.inbox.iterdir()), [], command)
+            client = Running(self.world, *command)
+            wait_for(lambda: list(self.world.inbox.iterdir()), "the request")
+            client.process.send_signal(signal.SIGINT)
+            client.process.communicate(timeout=PATIENCE)
+            self.assertEqual(client.process.returncode, 130)
+            self.assertEqual(list(self.world.inbox.iterdir()), [], command)
 
     def test_explain_needs_no_host(self):
         for query, predicate in (("subject:plum after:2024-02", 'kMDItemSubject == "*plum*"cd && com_apple_mail_dateReceived >= '

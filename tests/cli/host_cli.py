@@ -15,7 +15,7 @@ import subprocess
 import termios
 import unittest
 
-from world import HOST, Scenario, World, wait_for
+from world import HOST, PATIENCE, Scenario, World, wait_for
 
 
 class Indexing(Scenario):
@@ -206,12 +206,43 @@ class Finding(Scenario):
     def find(self, *arguments):
         return self.world.run(HOST, "find", *arguments)
 
+    def on_a_terminal(self, *arguments):
+        main, other = pty.openpty()
+        self.addCleanup(os.close, main)
+        process = subprocess.Popen([str(HOST), *arguments], env=self.world.environment, stdin=subprocess.DEVNULL,
+                                   stdout=other, stderr=other)
+        os.close(other)
+        shown = b""
+        with contextlib.suppress(OSError):
+            while select.select([main], [], [], 60)[0]:
+                shown += os.read(main, 65536)
+        process.wait(60)
+        return shown.decode()
+
     def test_table_json_and_paths(self):
         self.assertRegex(self.find('kMDItemSubject == "plum*"c').stdout, r"\A\S+ \S+\tAda\tPlum cake\n\Z")
         (found,) = map(json.loads, self.find('kMDItemSubject == "plum*"c', "--json").stdout.splitlines())
         self.assertEqual(list(found), ["event", "index", "libraryID", "path", "attributes"])
         self.assertEqual(found["attributes"]["kMDItemAuthorEmailAddresses"], ["ada@example.org"])
         self.assertEqual(self.find('kMDItemSubject == "plum*"c', "--paths", "-0").stdout, f"{self.first}\0")
+
+    def test_path_on_a_terminal_has_nothing_that_it_would_act_on(self):
+        odd = self.first.with_name("1.odd\x1b[31m\x07:2,S")
+        self.first.rename(odd)
+        self.world.index()
+        query = 'kMDItemSubject == "plum*"c'
+        shown = self.on_a_terminal("find", "--paths", query)
+        self.assertIn(f"{odd.parent}/1.odd\\x1B[31m\\x07:2,S", shown)
+        self.assertEqual(self.find("--paths", query).stdout, f"{odd}\n")
+
+    def test_output_that_cannot_be_written_is_told(self):
+        for command in (("find", "true"), ("explain", "true"), ("stat",), ("doctor",), ("index",), ("--help",), ("--version",)):
+            with open("/dev/full", "w") as full:
+                result = subprocess.run([str(HOST), *command], env=self.world.environment, stdin=subprocess.DEVNULL,
+                                        stdout=full, stderr=subprocess.PIPE, text=True, timeout=PATIENCE)
+            self.assertEqual(result.returncode, 1, command)
+            self.assertIn("tallyhive-mailhost: standard output cannot be written: No space left on device\n",
+                          result.stderr)
 
     def test_exit_status_says_whether_anything_was_found(self):
         self.assertEqual(self.find('kMDItemSubject == "*"').returncode, 0)
@@ -249,6 +280,24 @@ class Finding(Scenario):
         result = world.run(HOST, "find", "true")
         self.assertEqual(result.returncode, 1)
         self.assertIn("tallyhive-mailhost index", result.stderr)
+
+    def test_index_that_cannot_be_used_is_not_called_missing(self):
+        index = self.world.folders["cache"] / "tallyhive-mailhost" / "index.sqlite"
+        for rest in index.parent.glob("index.sqlite-*"):
+            rest.unlink()
+        index.write_bytes(b"no database" * 1000)
+        for command in (("find", "true"), ("stat",)):
+            result = self.world.run(HOST, *command)
+            self.assertEqual(result.returncode, 1)
+            self.assertRegex(result.stderr, r"\Atallyhive-mailhost: .*tallyhive-mailhost doctor says why\n\Z")
+
+    def test_wrong_usage_ends_with_2_and_one_line_that_says_what_to_do(self):
+        for arguments, line in (((), "name a command: index, serve, find, explain, stat, doctor; see tallyhive-mailhost --help"),
+                                (("bogus",), "there is no command bogus; the commands are index, serve, find, explain, stat, doctor"),
+                                (("serve", "--nothing"), "there is no option --nothing; see tallyhive-mailhost serve --help"),
+                                (("find",), "QUERY is required; see tallyhive-mailhost find --help")):
+            result = self.world.run(HOST, *arguments)
+            self.assertEqual((result.returncode, result.stderr), (2, f"tallyhive-mailhost: {line}\n"))
 
     def test_mail_folder_that_is_missing_keeps_its_messages_out_and_their_ids(self):
         before = self.find("true", "--json").stdout
