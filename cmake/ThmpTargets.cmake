@@ -30,6 +30,11 @@ if(THMP_SANITIZE)
   target_link_options(thmp_flags INTERFACE -fsanitize=${THMP_SANITIZE})
 endif()
 
+if(THMP_FUZZERS)
+  # Everything tells libFuzzer which way it went; libFuzzer itself is linked by the targets alone.
+  target_compile_options(thmp_flags INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+
 # thmp_library(name SOURCES a.cc ... LINK target ...)
 function(thmp_library name)
   cmake_parse_arguments(arg "" "" "SOURCES;LINK" ${ARGN})

@@ -1,0 +1,238 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""Writes the seeds of the fuzz targets that people thought of, the same each time.
+
+make_seeds.py [FOLDER]    into FOLDER/TARGET/NAME, by default the seeds beside this script
+
+Seeds that a fuzzer has found stand beside these under the SHA-1 of their bytes; finds begin with "find-".
+"""
+
+import datetime
+import email.message
+import email.policy
+import pathlib
+import plistlib
+import random
+import struct
+import sys
+
+HERE = pathlib.Path(__file__).resolve().parent
+PREFIX = " com.quorvane.tallyhive.mailplugin."
+WHEN = datetime.datetime(2024, 3, 13, 10, 20, 30)
+
+VALUES = {
+    "empty": {},
+    "message": {"name": PREFIX + "Search", "userInfo": {"uniqueName": "q0", "clientName": "c0", "queryString": "a == 1"}},
+    "kinds": {"t": True, "i": -7, "u": 2**63, "r": 0.5, "d": WHEN, "b": b"\x00\xff", "s": "é 日本 😀", "a": [1, [2, []]]},
+    "shared": {"a": ["same text"] * 9, "b": ["same text"] * 9},
+    "scalar": "text",
+    "long": {"text": "x" * 300, "data": b"y" * 300, "array": list(range(300))},
+    "log": {"THMPMailPlugin.log": [[WHEN, "name", "line"], [WHEN, "n/a", "text"], ["no date", 1], 7], "other": {"k": 1}},
+    "batch": {"batchNumber": 1, "uniqueName": "q0", "messages": [{"libraryID": 7, "index": 0, "attributes": {"kMDItemSubject": "s"}}]},
+}
+
+
+def nested(depth):
+    value = []
+    for _ in range(depth):
+        value = [value]
+    return value
+
+
+def binary_with(objects, refs=1, top=0, offset_size=1):
+    """A binary property list of raw objects."""
+    body, offsets = b"bplist00", []
+    for each in objects:
+        offsets.append(len(body))
+        body += each
+    table = len(body)
+    body += b"".join(offset.to_bytes(offset_size, "big") for offset in offsets)
+    return body + struct.pack(">5xBBBQQQ", 0, offset_size, refs, len(objects), top, table)
+
+
+def binary_plist():
+    for name, value in VALUES.items():
+        yield name, plistlib.dumps(value, fmt=plistlib.FMT_BINARY)
+    yield "deep", plistlib.dumps(nested(60), fmt=plistlib.FMT_BINARY)
+    yield "cycle", binary_with([b"\xa1\x00"])
+    yield "shared-bomb", binary_with([bytes([0xA8]) + bytes([i + 1]) * 8 for i in range(12)] + [b"\x09"])
+    yield "reference-past-the-end", binary_with([b"\xa1\x09"])
+    yield "odd-utf16", binary_with([b"\x62\xd8\x00\x00a"])
+    yield "not-ascii", binary_with([b"\x52\xff\xc3"])
+    yield "key-no-text", binary_with([b"\xd1\x01\x01", b"\x09"])
+    yield "key-twice", binary_with([b"\xd2\x01\x01\x02\x02", b"\x51k", b"\x09"])
+    yield "date-nan", binary_with([b"\x33\x7f\xf8" + bytes(6)])
+    yield "real-nan", binary_with([b"\x23\x7f\xf8" + bytes(6)])
+    yield "integer-16", binary_with([b"\x14" + bytes(8) + b"\xff" * 8])
+    yield "count-overflow", binary_with([b"\xaf\x13" + b"\xff" * 8])
+    yield "wide-tables", binary_with([b"\xa1" + (1).to_bytes(8, "big"), b"\x51a"], refs=8, offset_size=8)
+    yield "uid", binary_with([b"\x80\x01"])
+    yield "magic-alone", b"bplist0"
+
+
+def xml_plist():
+    for name, value in VALUES.items():
+        yield name, plistlib.dumps(value, fmt=plistlib.FMT_XML)
+    wrap = b'<?xml version="1.0"?><plist version="1.0">%s</plist>'
+    for name, inside in {
+        "hexadecimal": b"<integer>-0x1F</integer>", "plus": b"<integer>+7</integer>", "large": b"<integer>18446744073709551615</integer>",
+        "reals": b"<array><real>1e309</real><real>nan</real><real>-inf</real><real>.5</real></array>",
+        "cdata": b"<string><![CDATA[<a>&amp;]]></string>", "numeric": b"<string>&#13;&#x1F600;&apos;</string>",
+        "base64": b"<data> AAEC\n Aw== </data>", "bad-base64": b"<data>A</data>", "comment": b"<!-- c --><true/>",
+        "two-roots": b"<true/><true/>", "key-alone": b"<dict><key>a</key></dict>", "unclosed": b"<array><dict>",
+        "date": b"<date>2024-03-13T10:20:30Z</date>", "unknown": b"<uid>1</uid>", "deep": b"<array>" * 40 + b"</array>" * 40,
+    }.items():
+        yield name, wrap % inside
+    yield "entities", b'<!DOCTYPE p [<!ENTITY a "aa"><!ENTITY b "&a;&a;">]><plist><string>&b;</string></plist>'
+    yield "external", b'<!DOCTYPE p SYSTEM "file:///etc/passwd"><plist><string>&x;</string></plist>'
+    yield "utf-16", (wrap % b"<string>x</string>").decode().encode("utf-16")
+    yield "latin-1", b'<?xml version="1.0" encoding="ISO-8859-1"?><plist><string>\xe9</string></plist>'
+    yield "bom", b"\xef\xbb\xbf" + wrap % b"<true/>"
+
+
+def text(value):
+    value = value if isinstance(value, bytes) else value.encode()
+    return struct.pack(">H", len(value)) + value
+
+
+def message_sequences():
+    random_steps = random.Random(1)
+    message = plistlib.dumps(VALUES["message"], fmt=plistlib.FMT_BINARY)
+    search = b"\x00" + text(message) + b"\x00"
+    yield "raw-search", search
+    yield "search-and-delivery", search + bytes([4, 0, 2, 1, 0, 0, 2, 0, 0, 0, 2, 0])
+    yield "broken-file", b"\x00" + text(b"no plist") + b"\x00" + search
+    yield "search-in-xml", b"\x00" + text(plistlib.dumps(VALUES["message"])) + b"\x01"
+    for number in range(8):
+        yield f"steps-{number}", random_steps.randbytes(120)
+
+
+def control_messages():
+    """Bytes that say: operation, then its choices; see takeStep()."""
+    searches = bytes([0, 0, 0, 0, 0, 0, 1, 0, 0, 0])
+    delivered = bytes([5, 0, 0, 5, 0, 1, 5, 1, 2])
+    yield "same-lineage", searches + delivered
+    yield "cancel", searches + delivered + bytes([1, 0, 0])
+    yield "clear", searches + delivered + bytes([2, 1, 0, 1, 2, 1, 0, 1])
+    yield "terminate", searches + delivered + bytes([3, 0, 2, 0, 1])
+    yield "application-quits", searches + delivered + bytes([4, 0, 0])
+    yield "other-edition-runs", searches + delivered + bytes([4, 0, 2])
+    yield "same-name", bytes([0, 0, 0, 2, 0]) * 2 + delivered
+    yield "removal-and-clear", searches + bytes([6, 1, 2, 1, 0, 1])
+    yield "completion", searches + delivered + bytes([8, 1, 7, 1, 1])
+    random_steps = random.Random(2)
+    for number in range(8):
+        yield f"steps-{number}", bytes(random_steps.choice([0, 0, 1, 2, 3, 5, 5, 6, 7, 8, random_steps.randrange(9)]) if i % 4 == 0
+                                       else random_steps.randrange(12) for i in range(200))
+
+
+def log_format():
+    arguments = bytes([5, 1]) + (2**64 - 7).to_bytes(8, "big") + bytes([4]) + text("a text") + bytes([3]) + struct.pack(">d", 1.5) + bytes([7]) + bytes(8) + bytes([0])
+    for number, form in enumerate(["%@ / %@ - %@", "%d %s %f %@ %@", "%3$@ %1$d %2$s", "%*d|%-*.*f|", "%n%n%@", "100 %", "%%%q%ll",
+                                   "%999999999d", "%9$@", "%+08.3f % d %#x %#o %c", "%.2s%.0f%g%e", "plain", "%'d %hhd %zu %p"]):
+        yield f"format-{number:02}", arguments + form.encode()
+    yield "invalid-utf8", arguments + b"%.1@ \xff\xc3 %@"
+    yield "long", arguments + b"%1024d" * 40 + b"%@"
+
+
+def query_text():
+    for number, query in enumerate([
+            'a == "x"', "a != x && b > 6.5 || !(true)", "InRange(b, 1, $time.today(-1d))", 'FieldMatch(a, x, "y*"cd)', '* == "*plum*"cdw',
+            '** == "apple"wt', "a[cd]==[w]'x'", "kMDItemContentCreationDate >= $time.this_week(-2)", "$time.iso(2024-03-13T10:00Z) > a",
+            "kMDItemTextContent == \"an appl*\"cdwt", "x) || (1", "a == \"\\*\\\"\"", "a = 'un\nclosed", "a == $time.now(-0.5)",
+            "kMDItemSubject == \"*e\u0301*\"d", "((((a==1))))", "!" * 40 + "true", "a == " + "*" * 50, "b == ?????", "a==1&&" * 30 + "true",
+            "from:ada has:attachment \"plum cake\"", "-is:read after:2024-03 before:2025", "with:bo subject:x", "from: \"", "日本 ß", "has:nothing",
+            "InRange(b,$time.today,$time.yesterday)", "a == TRUE", "false && true || FALSE", "a < \"9\"", "a == \"straSSE\"c", "authors == ada"]):
+        yield f"query-{number:02}", query.encode()
+    yield "invalid-utf8", b"a == \xff"
+    yield "nul", b"a == \0"
+
+
+def mails():
+    policy = email.policy.default
+    plain = email.message.EmailMessage(policy=policy)
+    plain["From"] = "Ada Brightwater <ada@brightwater.example>"
+    plain["To"] = "Robin Hale <robin@hale.example>, undisclosed: ;"
+    plain["Subject"] = "Train to Göttingen 日本"
+    plain["Date"] = "Wed, 13 Mar 2024 10:20:30 +0100"
+    plain["Message-ID"] = "<1.a@brightwater.example>"
+    plain.set_content("Grüße\n\nAda\n", cte="quoted-printable")
+    yield "plain", bytes(plain)
+    plain.add_alternative("<html><head><style>p{}</style></head><body><p>Gr&uuml;&#223;e<br>&lt;b&gt;</p><!-- x --></body></html>", subtype="html")
+    plain.set_boundary("in-two-forms")
+    yield "alternative", bytes(plain)
+    plain.add_attachment(b"%PDF\x00", maintype="application", subtype="pdf", filename="Übersicht.pdf")
+    plain.set_boundary("with-a-plan")
+    yield "attachment", bytes(plain)
+    yield "no-header", b"\r\nbody only\r\n"
+    yield "header-only", b"Subject: x"
+    yield "encoded-words", b"Subject: =?utf-8?B?w6k=?= =?iso-8859-1?q?=E9_x?= =?bad?x?=\nFrom: =?utf-8?q?Ada?= <ada@x>, b@y\n\nx\n"
+    yield "parameters", b"Content-Type: text/plain; charset*0*=utf-8''%C3; charset*1*=%A9; name=\"a\\\"b\nContent-Disposition: attachment; filename*=latin1'en'%E9.txt\n\nx\n"
+    yield "nested", b"Content-Type: multipart/mixed; boundary=a\n\n--a\nContent-Type: message/rfc822\n\nSubject: in\nContent-Type: multipart/digest; boundary=b\n\n--b\n\nSubject: deep\n\n--b--\n--a\nContent-Type: multipart/alternative; boundary=a\n\n--a--\n"
+    yield "base64-torn", b"Content-Transfer-Encoding: base64\nContent-Type: text/html; charset=utf-16\n\nPABiAD4A=x\x00\n"
+    yield "dates", b"Date: Fri, 31 Dec 999999 23:59:60 -9999\nReceived: from a by b; Thu, 1 Jan 1970 00:00:00 +0000\nReceived: ;\n\n"
+    yield "charsets", b"Content-Type: text/plain; charset=\"x-unknown-8bit\"\n\n\xff\xfe\x80 \xc3\n"
+    yield "uuencode", b"Content-Transfer-Encoding: x-uuencode\n\nbegin 644 a\n#0V%T\n`\nend\n"
+    yield "folded", b"Subject: a\n\tb\n  c\nX-Priority: 1 (Highest)\nReferences: <a@b> <c@d>\nList-Id: G <g.l>\nX-Empty:\n: no name\nno colon\n\nx"
+    yield "mbox-from", b"From ada Wed Mar 13 10:20:30 2024\nSubject: s\n\n>From x\n"
+    yield "smime", b"Content-Type: multipart/signed; protocol=\"application/pgp-signature\"; micalg=pgp-sha1; boundary=s\n\n--s\nContent-Type: text/plain; format=flowed\n\nflowed \ntext\n--s\nContent-Type: application/pgp-signature\n\n-----BEGIN PGP SIGNATURE-----\n--s--\n"
+
+
+def mail_file():
+    for name, mail in mails():
+        yield name + "-maildir", b"\x00" + mail
+        yield name + "-eml", b"\x01" + mail
+    trailer = plistlib.dumps({"flags": 8590195713, "date-received": 1710321630, "original-mailbox": "imap://x/INBOX"})
+    for name, mail in mails():
+        yield name + "-emlx", b"\x02%-10d\n" % len(mail) + mail + trailer
+    yield "emlx-count-lies", b"\x0299999999\nSubject: x\n\ny\n" + trailer
+    yield "emlx-no-count", b"\x02Subject: x\n\ny\n"
+
+
+def pasteboard_entry():
+    for name, value in VALUES.items():
+        yield name, text("q") + text(PREFIX + "ResultsBatch") + plistlib.dumps(value, fmt=plistlib.FMT_BINARY)
+    for number, name in enumerate(["..", "../..", ".", "", "/", "../secret", "a/../..", "planted-1/..", "planted-1/../..", "a\0b", "x" * 300]):
+        yield f"name-{number:02}", text(name) + text(name) + plistlib.dumps({}, fmt=plistlib.FMT_BINARY)
+
+
+def defaults_file():
+    for name, value in VALUES.items():
+        yield name, plistlib.dumps(value, fmt=plistlib.FMT_BINARY)
+        yield name + "-xml", plistlib.dumps(value, fmt=plistlib.FMT_XML)
+    for name, log in {"log-text": "x", "log-dictionary": {"a": 1}, "log-short": [[WHEN]], "log-future": [[datetime.datetime(9999, 1, 1), "a", "b"]],
+                      "log-long": [[WHEN, "n", "l"]] * 600, "log-empty": [[], [[]], {}]}.items():
+        yield name, plistlib.dumps({"THMPMailPlugin.log": log}, fmt=plistlib.FMT_BINARY)
+    yield "torn", plistlib.dumps(VALUES["log"], fmt=plistlib.FMT_BINARY)[:-20]
+    yield "nothing", b""
+
+
+def paths_and_bookmarks():
+    pairs = [("/home/ada/Library", "/home/ada"), ("~/Library/Mail", "~bo/x"), ("/a//b/./../c/", "/a/b"), ("..", "../.."), ("/..", "/"),
+             ("~", "~/"), ("~nobody/x", "~bo"), ("./~", "~/."), ("/l/two", "/l/one"), ("/l/one/../two", "one"), ("/Library/../Library", ""),
+             ("/home/ada/../ada/Library", "/home/adam"), ("a\0b", "/\0"), ("é", "e\u0301"), ("/" * 40, "." * 40), ("x" * 300, "/" + "y" * 5000)]
+    for number, (a, b) in enumerate(pairs):
+        yield f"paths-{number:02}", text(a) + text(b) + b"\x01\x20\x00"
+    for name, mark in {"elsewhere": {"path": "/tmp", "device": 1, "inode": 2}, "relative": {"path": "tmp"}, "number": {"path": 7}, "text": "/tmp",
+                       "file": {"path": "/etc/passwd", "device": 1, "inode": 1}, "nul": {"path": "/tmp\0x"}}.items():
+        yield f"bookmark-{name}", text("") + text("") + b"\x00" + plistlib.dumps(mark, fmt=plistlib.FMT_BINARY)
+
+
+TARGETS = [binary_plist, xml_plist, message_sequences, control_messages, log_format, query_text, mail_file, pasteboard_entry,
+           defaults_file, paths_and_bookmarks]
+
+
+def main():
+    folder = pathlib.Path(sys.argv[1]) if len(sys.argv) > 1 else HERE / "seeds"
+    count = 0
+    for target in TARGETS:
+        place = folder / target.__name__
+        place.mkdir(parents=True, exist_ok=True)
+        for name, content in target():
+            (place / name).write_bytes(content)
+            count += 1
+    print(f"{count} seeds in {folder}")
+
+
+if __name__ == "__main__":
+    main()
