@@ -15,5 +15,8 @@
 #define THMP_REQUIRES(...) THMP_ANNOTATION(requires_capability(__VA_ARGS__))
 #define THMP_EXCLUDES(...) THMP_ANNOTATION(locks_excluded(__VA_ARGS__))
 #define THMP_ACQUIRE(...) THMP_ANNOTATION(acquire_capability(__VA_ARGS__))
+#define THMP_ACQUIRE_SHARED(...) THMP_ANNOTATION(acquire_shared_capability(__VA_ARGS__))
+#define THMP_RELEASE_SHARED(...) THMP_ANNOTATION(release_shared_capability(__VA_ARGS__))
+#define THMP_RELEASE_GENERIC(...) THMP_ANNOTATION(release_generic_capability(__VA_ARGS__))
 #define THMP_RELEASE(...) THMP_ANNOTATION(release_capability(__VA_ARGS__))
 #define THMP_NO_THREAD_SAFETY_ANALYSIS THMP_ANNOTATION(no_thread_safety_analysis)
