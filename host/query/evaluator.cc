@@ -57,6 +57,37 @@ bool booleanHolds(Operator op, const Value& boolean, const Literal& literal) {
   return literal.boolean && holds(op, compareNumbers(boolean, Value(*literal.boolean)));
 }
 
+/// Whether the element stands in the relation `op` (never kNotEqual) to the literal.
+bool elementHolds(Operator op, const Value& element, const Literal& literal, bool isContent,
+                  FoldedText& scratch) {
+  if (literal.isPresence) return op == Operator::kEqual;
+  switch (element.kind()) {
+    case Value::Kind::kText:
+      // The body is compared by words even where the query does not say so: nobody means all of it.
+      return op == Operator::kEqual && literal.text &&
+             literal.text->matches(*element.asText(), isContent, scratch);
+    case Value::Kind::kBoolean:
+      return booleanHolds(op, element, literal);
+    case Value::Kind::kInteger:
+    case Value::Kind::kUnsigned:
+    case Value::Kind::kReal:
+      return numberHolds(op, element, literal);
+    case Value::Kind::kDate:
+      return literal.time && timeHolds(op, element.asDate()->secondsSinceReference, *literal.time);
+    case Value::Kind::kNull:
+    case Value::Kind::kData:
+    case Value::Kind::kArray:
+    case Value::Kind::kDictionary:
+      return false;
+  }
+  return false;
+}
+
+bool rangeHolds(const InRange& node, const Value& element, bool isContent, FoldedText& scratch) {
+  return elementHolds(Operator::kGreaterOrEqual, element, node.bounds->low, isContent, scratch) &&
+         elementHolds(Operator::kLessOrEqual, element, node.bounds->high, isContent, scratch);
+}
+
 /// Evaluates one query for one message.
 class Evaluation {
  public:
@@ -81,8 +112,7 @@ class Evaluation {
   }
   bool operator()(const InRange& node) {
     return anyElement(node.attribute, [&](const Value& element, bool isContent) {
-      return elementHolds(Operator::kGreaterOrEqual, element, node.bounds->low, isContent) &&
-             elementHolds(Operator::kLessOrEqual, element, node.bounds->high, isContent);
+      return rangeHolds(node, element, isContent, scratch_);
     });
   }
   bool operator()(const FieldMatch& node) {
@@ -93,7 +123,6 @@ class Evaluation {
 
  private:
   bool satisfies(const AttributeRef& attribute, Operator op, const Literal& literal);
-  bool elementHolds(Operator op, const Value& element, const Literal& literal, bool isContent);
   template <typename Predicate>
   bool anyElement(const AttributeRef& attribute, const Predicate& predicate);
   template <typename Predicate>
@@ -111,33 +140,8 @@ bool Evaluation::satisfies(const AttributeRef& attribute, Operator op, const Lit
     if (attribute.scope != Scope::kNamed) return true;
   }
   return anyElement(attribute, [&](const Value& element, bool isContent) {
-    return elementHolds(op, element, literal, isContent);
+    return elementHolds(op, element, literal, isContent, scratch_);
   });
-}
-
-bool Evaluation::elementHolds(Operator op, const Value& element, const Literal& literal,
-                              bool isContent) {
-  if (literal.isPresence) return op == Operator::kEqual;
-  switch (element.kind()) {
-    case Value::Kind::kText:
-      // The body is compared by words even where the query does not say so: nobody means all of it.
-      return op == Operator::kEqual && literal.text &&
-             literal.text->matches(*element.asText(), isContent, scratch_);
-    case Value::Kind::kBoolean:
-      return booleanHolds(op, element, literal);
-    case Value::Kind::kInteger:
-    case Value::Kind::kUnsigned:
-    case Value::Kind::kReal:
-      return numberHolds(op, element, literal);
-    case Value::Kind::kDate:
-      return literal.time && timeHolds(op, element.asDate()->secondsSinceReference, *literal.time);
-    case Value::Kind::kNull:
-    case Value::Kind::kData:
-    case Value::Kind::kArray:
-    case Value::Kind::kDictionary:
-      return false;
-  }
-  return false;
 }
 
 template <typename Predicate>
@@ -166,7 +170,28 @@ bool Evaluation::anyElementOf(std::string_view name, const Predicate& predicate)
 }  // namespace
 
 bool matches(const Query& query, const MessageView& message) {
-  return Evaluation(message).holdsFor(query.root());
+  return matches(query.root(), message);
+}
+
+bool matches(const Node& node, const MessageView& message) {
+  return Evaluation(message).holdsFor(node);
+}
+
+bool valueHolds(const Node& node, const Value& value, bool isContent, FoldedText& scratch) {
+  if (!isStored(value)) return false;
+  if (const auto* comparison = std::get_if<Comparison>(&node.predicate)) {
+    const Operator op = comparison->op == Operator::kNotEqual ? Operator::kEqual : comparison->op;
+    return elementHolds(op, value, comparison->value, isContent, scratch);
+  }
+  if (const auto* range = std::get_if<InRange>(&node.predicate)) {
+    return rangeHolds(*range, value, isContent, scratch);
+  }
+  if (const auto* match = std::get_if<FieldMatch>(&node.predicate)) {
+    return std::any_of(match->values.begin(), match->values.end(), [&](const Literal& literal) {
+      return elementHolds(Operator::kEqual, value, literal, isContent, scratch);
+    });
+  }
+  return false;
 }
 
 }  // namespace thmp::query

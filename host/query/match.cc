@@ -127,6 +127,20 @@ bool Pattern::isLiteral() const {
          (steps_.empty() || (steps_.size() == 1 && steps_[0].kind == Step::Kind::kLiteral));
 }
 
+std::optional<std::string_view> Pattern::prefix() const {
+  const bool isPrefix =
+      !openStart_ && openEnd_ && steps_.size() == 1 && steps_[0].kind == Step::Kind::kLiteral;
+  return isPrefix ? std::optional(bytesOf(steps_[0])) : std::nullopt;
+}
+
+std::string_view Pattern::longestLiteral() const {
+  std::string_view longest;
+  for (const Step& step : steps_) {
+    if (step.kind == Step::Kind::kLiteral && step.size > longest.size()) longest = bytesOf(step);
+  }
+  return longest;
+}
+
 std::string Pattern::text() const {
   std::string result(openStart_ ? "*" : "");
   for (const Step& step : steps_) {

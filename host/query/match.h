@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -72,6 +73,10 @@ class Pattern {
   /// an empty pattern; REQUIRES: isLiteral().
   bool isLiteral() const;
   std::string_view literal() const { return literals_; }
+  /// The folded literal before the *, when the pattern is nothing but those two. Empty otherwise.
+  std::optional<std::string_view> prefix() const;
+  /// The longest stretch that every text that matches has in it, folded; empty when there is none.
+  std::string_view longestLiteral() const;
   /// The pattern as it is compared: folded, its wildcards as * and ?.
   std::string text() const;
 
