@@ -217,7 +217,7 @@ void setIdentity(const Fields& fields, AttributeSet& out) {
   const std::string id = field.substr(opens + 1, closes - opens - 1);
   out.setText(Key::kIdentifier, "<" + id + ">");
   out.setText(Key::kMessageID, id);
-  out.setText(Key::kURL, "message:%3C" + percentEncoded(id) + "%3E");
+  out.setText(Key::kURL, messageUrl(id));
 }
 
 std::int64_t priorityOf(const Fields& fields) {
@@ -374,6 +374,10 @@ void AttributeSet::setTexts(AttributeKey key, const std::vector<std::string>& te
     if (!text.empty()) values.emplace_back(text);
   }
   if (!values.empty()) set(key, Value(Array(std::move(values))));
+}
+
+std::string messageUrl(std::string_view messageID) {
+  return "message:%3C" + percentEncoded(messageID) + "%3E";
 }
 
 MessageFlags maildirFlags(std::string_view fileName, bool isNew) {

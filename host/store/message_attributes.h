@@ -48,6 +48,9 @@ class AttributeSet {
   std::vector<Dictionary::Entry> entries_;
 };
 
+/// The link that opens the message with that Message-ID, which has no angle brackets.
+std::string messageUrl(std::string_view messageID);
+
 MessageFlags maildirFlags(std::string_view fileName, bool isNew);
 
 /// Names, flags and mailboxes: what a rename can change.

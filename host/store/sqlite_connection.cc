@@ -148,7 +148,9 @@ ReadPool::Lease ReadPool::borrow() {
     }
   }
   auto opened = Connection::open(path_, Connection::Mode::kReadOnly);
-  if (opened) return Lease(this, std::move(*opened));
+  if (opened && (prepare_ == nullptr || prepare_(**opened))) {
+    return Lease(this, std::move(*opened));
+  }
   giveBack(nullptr);
   return Lease(this, nullptr);
 }

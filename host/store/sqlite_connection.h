@@ -96,7 +96,9 @@ class Transaction {
 /// Read-only connections to one file, as many as there are readers at once.
 class ReadPool {
  public:
-  explicit ReadPool(std::string path) : path_(std::move(path)) {}
+  /// `prepare` makes each new connection ready; one that it returns false for is not lent.
+  explicit ReadPool(std::string path, bool (*prepare)(Connection& connection) = nullptr)
+      : path_(std::move(path)), prepare_(prepare) {}
 
   /// A connection for one use; goes back when it is destroyed. Empty when none can be opened.
   class Lease {
@@ -124,6 +126,7 @@ class ReadPool {
   void giveBack(std::unique_ptr<Connection> connection);
 
   const std::string path_;
+  bool (*const prepare_)(Connection& connection);
   Mutex mutex_;
   ConditionVariable changed_;
   std::vector<std::unique_ptr<Connection>> idle_ THMP_GUARDED_BY(mutex_);
