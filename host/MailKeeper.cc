@@ -72,6 +72,10 @@ bool MailKeeper::indexUnreadable() {
 }
 
 void MailKeeper::work() noexcept {
+  // Before a search has to wait for an update.
+  if (const Result<void> prepared = index_.prepareColumns(); !prepared) {
+    say("the index cannot be read: " + prepared.error().text());
+  }
   while (true) {
     MailChanges changes;
     bool remakeNow = false;

@@ -6,7 +6,7 @@
 
 #include "console/terminal.h"
 #include "host/commands.h"
-#include "host/index/plan_text.h"
+#include "host/index/plan.h"
 #include "host/local_time.h"
 #include "host/query/dump.h"
 #include "host/query/explanation.h"

@@ -12,11 +12,10 @@
 #include "console/terminal.h"
 #include "host/HostFolders.h"
 #include "host/HostStatus.h"
-#include "host/adapter/message_view.h"
 #include "host/commands.h"
 #include "host/index/Index.h"
+#include "host/index/mail_texts.h"
 #include "host/local_time.h"
-#include "host/query/evaluator.h"
 #include "host/query/explanation.h"
 #include "host/query/parser.h"
 #include "host/store/Library.h"
@@ -75,14 +74,14 @@ int find(const FindOptions& options) {
   const auto index = Index::open(folders.index, Index::Access::kReadOnly);
   const auto library = Library::open(folders.library, Library::Access::kReadOnly);
   if (!index || !library) return failWith(kExitFailure, whyNotOpen(folders));
+  (*index)->setTextSource(mailTexts(**library));
   (*index)->hideMailboxes((*library)->unreachableMailboxes());
 
   ::signal(SIGPIPE, SIG_IGN);
   console::StandardOutput output(options.color);
   const auto begun = std::chrono::steady_clock::now();
   std::uint64_t found = 0;
-  const Result<void> walked = (*index)->forEachDescending([&](const IndexedMessage& message) {
-    if (!query::matches(*query, IndexedMessageView(message))) return true;
+  const Result<void> walked = (*index)->forEachMatch(*query, [&](const IndexedMessage& message) {
     const auto path = pathOf(**library, message);
     if (!path) return true;
     printFound(options, itemOf(message, found++, *path), output);

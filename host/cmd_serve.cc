@@ -14,6 +14,7 @@
 #include "host/adapter/Strand.h"
 #include "host/commands.h"
 #include "host/index/Index.h"
+#include "host/index/mail_texts.h"
 #include "host/local_time.h"
 #include "host/store/Library.h"
 #include "platform/linux/LinuxPlatform.h"
@@ -54,6 +55,7 @@ Result<void> openMail(Host& host, const HostFolders& folders, std::vector<std::s
   Result<std::unique_ptr<Index>> index = Index::open(folders.index, Index::Access::kReadWrite);
   if (!index) return index.error();
   host.index = *std::move(index);
+  host.index->setTextSource(mailTexts(*host.library));
   host.keeper =
       std::make_unique<MailKeeper>(*host.library, *host.index, std::move(roots), host.linux.log());
   return {};

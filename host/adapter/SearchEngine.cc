@@ -9,7 +9,7 @@
 #include <unordered_set>
 #include <utility>
 
-#include "host/adapter/message_view.h"
+#include "host/index/message_view.h"
 #include "host/query/evaluator.h"
 
 namespace thmp {
@@ -154,9 +154,8 @@ class SearchEngine::Core : public std::enable_shared_from_this<Core> {
   bool gather() {
     std::vector<SpotlightItem> portion;
     const Result<void> walked =
-        shared_->index.forEachDescending([&](const IndexedMessage& message) {
+        shared_->index.forEachMatch(*query_, [&](const IndexedMessage& message) {
           if (cancelled_) return false;
-          if (!matches(message)) return true;
           matching_.insert(message.id());
           portion.push_back(itemOf(message));
           if (portion.size() == shared_->options.deliveryLimit) deliver(std::exchange(portion, {}));

@@ -1,145 +1,106 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/index/Index.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <charconv>
-#include <cstdio>
 #include <deque>
+#include <iterator>
 #include <map>
 #include <unordered_set>
 #include <utility>
 
 #include "base/mutex.h"
+#include "host/index/Columns.h"
+#include "host/index/ValuePool.h"
+#include "host/index/index_tables.h"
 #include "host/index/message_record.h"
+#include "host/index/message_view.h"
+#include "host/index/plan.h"
+#include "host/query/evaluator.h"
 #include "host/store/sqlite_connection.h"
 
 namespace thmp {
 
 namespace {
 
-constexpr std::int64_t kSchemaVersion = 1;
-constexpr std::int64_t kChunk = 256;
+constexpr std::size_t kChunk = 256;
 
-constexpr const char* kSchema = R"(
-  CREATE TABLE files(
-    id INTEGER PRIMARY KEY,
-    mailbox INTEGER NOT NULL,
-    content INTEGER NOT NULL,
-    place INTEGER NOT NULL,
-    incomplete INTEGER NOT NULL);
-  CREATE INDEX files_by_mailbox ON files(mailbox);
-  CREATE TABLE records(id INTEGER PRIMARY KEY, mailbox INTEGER NOT NULL, record BLOB NOT NULL);
-  CREATE TABLE texts(id INTEGER PRIMARY KEY, text BLOB NOT NULL);
-  CREATE TABLE incomplete(id INTEGER, reason TEXT, PRIMARY KEY(id, reason)) WITHOUT ROWID;
-  CREATE TABLE failed(source TEXT, path TEXT, reason TEXT NOT NULL, PRIMARY KEY(source, path))
-    WITHOUT ROWID;
-  CREATE TABLE marks(name TEXT PRIMARY KEY, value REAL) WITHOUT ROWID;
-  PRAGMA user_version = 1;
-)";
+// Messages that one transaction takes in while others are to come.
+constexpr std::size_t kMostPending = 10'000;
 
-constexpr const char* kSettings =
-    "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA secure_delete = OFF; "
-    "PRAGMA cache_size = -65536; PRAGMA journal_size_limit = 67108864";
-
-bool isDamage(int code) {
-  const int primary = code & 0xFF;
-  return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB;
-}
-
-std::int64_t userVersion(Connection& connection) {
-  Statement version = connection.prepare("PRAGMA user_version");
-  return version.row() ? version.integer(0) : -1;
-}
+// As many as these that have to be looked at one by one are no burden.
+constexpr std::size_t kFewIrregular = 1'000;
 
 Error unreadable(const std::string& path) {
   return Error::posix(EIO, "cannot read the search index " + path);
 }
 
-std::string freeDamagedName(const std::string& path) {
-  for (int number = 1;; ++number) {
-    std::string name = path + ".damaged-" + std::to_string(number);
-    if (::access(name.c_str(), F_OK) != 0 || number == 1000) return name;
-  }
-}
-
-void setAside(const std::string& path) {
-  const std::string name = freeDamagedName(path);
-  std::rename(path.c_str(), name.c_str());
-  std::rename((path + "-wal").c_str(), (name + "-wal").c_str());
-  ::unlink((path + "-shm").c_str());
-}
-
-void removeFile(const std::string& path) {
-  for (const char* suffix : {"", "-wal", "-shm"}) ::unlink((path + suffix).c_str());
-}
-
-enum class Opened : std::uint8_t { kReady, kDamaged, kOtherVersion, kFailed };
-
-Opened openWriter(const std::string& path, std::unique_ptr<Connection>& writer, Error& error) {
-  auto opened = Connection::open(path, Connection::Mode::kReadWrite);
-  if (!opened) {
-    error = opened.error();
-    return isDamage(static_cast<int>(error.code)) ? Opened::kDamaged : Opened::kFailed;
-  }
-  Connection& connection = **opened;
-  const auto failed = [&] {
-    error = connection.error("cannot use the search index " + path);
-    return isDamage(sqlite3_errcode(connection.handle())) ? Opened::kDamaged : Opened::kFailed;
-  };
-  if (!connection.execute(kSettings)) return failed();
-  const std::int64_t version = userVersion(connection);
-  if (version < 0) return failed();
-  if (version != 0 && version != kSchemaVersion) return Opened::kOtherVersion;
-  if (version == 0) {
-    Transaction transaction(connection);
-    if (!transaction.begun() || !connection.execute(kSchema) || !transaction.commit()) {
-      return failed();
+// Texts of messages that came a moment ago: every live query that looks at texts asks for them.
+class RecentTexts {
+ public:
+  void put(std::int64_t id, std::string text) {
+    const Lock lock(mutex_);
+    std::erase_if(texts_, [id](const Kept& one) { return one.id == id; });
+    bytes_ = text.size();
+    for (const Kept& one : texts_) bytes_ += one.text.size();
+    texts_.push_back({id, std::move(text)});
+    while (texts_.size() > kMostTexts || (bytes_ > kMostBytes && !texts_.empty())) {
+      bytes_ -= texts_.front().text.size();
+      texts_.pop_front();
     }
   }
-  if (!connection.execute("SELECT max(id) FROM files; SELECT max(id) FROM records; "
-                          "SELECT max(id) FROM texts; SELECT count(*) FROM marks")) {
-    return failed();
-  }
-  writer = std::move(*opened);
-  return Opened::kReady;
-}
 
-// Opens, or begins anew what is damaged or of another version.
-Result<std::unique_ptr<Connection>> openOrBegin(const std::string& path) {
-  std::unique_ptr<Connection> writer;
-  Error error;
-  switch (openWriter(path, writer, error)) {
-    case Opened::kReady:
-      return writer;
-    case Opened::kFailed:
-      return error;
-    case Opened::kDamaged:
-      setAside(path);
-      break;
-    case Opened::kOtherVersion:
-      removeFile(path);
-      break;
+  void forget(std::int64_t id) {
+    const Lock lock(mutex_);
+    std::erase_if(texts_, [id](const Kept& one) { return one.id == id; });
   }
-  if (openWriter(path, writer, error) == Opened::kReady) return writer;
-  return error.isSet() ? error : unreadable(path);
-}
+
+  std::optional<std::string> find(std::int64_t id) const {
+    const Lock lock(mutex_);
+    for (const Kept& one : texts_) {
+      if (one.id == id) return one.text;
+    }
+    return std::nullopt;
+  }
+
+ private:
+  static constexpr std::size_t kMostTexts = 64;
+  static constexpr std::size_t kMostBytes = std::size_t{4} << 20;
+  struct Kept {
+    std::int64_t id;
+    std::string text;
+  };
+
+  mutable Mutex mutex_;
+  std::deque<Kept> texts_ THMP_GUARDED_BY(mutex_);
+  std::size_t bytes_ THMP_GUARDED_BY(mutex_) = 0;
+};
 
 }  // namespace
 
 struct Index::State {
-  explicit State(std::string file) : path(std::move(file)), readers(path) {}
+  State(std::string file, Access access_)
+      : path(std::move(file)), access(access_), readers(path, prepareWordTable), pool(newPool()) {}
 
   const std::string path;
+  const Access access;
   mutable ReadPool readers;
   mutable std::atomic<bool> damaged{false};
+  TextSource textSource;
+  mutable RecentTexts recentTexts;
 
   Mutex writing;
   std::unique_ptr<Connection> writer THMP_GUARDED_BY(writing);
+  // What waits for the next commit.
+  std::unique_ptr<Transaction> pending THMP_GUARDED_BY(writing);
+  IndexChanges changes THMP_GUARDED_BY(writing);
+
+  mutable SharedMutex viewing;
+  std::shared_ptr<ValuePool> pool THMP_GUARDED_BY(viewing);
+  std::unique_ptr<Columns> columns THMP_GUARDED_BY(viewing);  // null until they are asked for
+  std::size_t settledIrregular THMP_GUARDED_BY(viewing) = 0;  // those that there were at first
 
   Mutex hiding;
   std::shared_ptr<const std::unordered_set<std::int64_t>> hidden THMP_GUARDED_BY(hiding) =
@@ -151,6 +112,16 @@ struct Index::State {
   bool isTelling THMP_GUARDED_BY(telling) = false;
   std::map<std::uint64_t, std::shared_ptr<const ChangeListener>> listeners THMP_GUARDED_BY(telling);
   std::uint64_t lastListener THMP_GUARDED_BY(telling) = 0;
+
+  std::shared_ptr<ValuePool> newPool() const {
+    return std::make_shared<ValuePool>(access == Access::kReadWrite ? ValuePool::Use::kWriting
+                                                                    : ValuePool::Use::kReading);
+  }
+
+  std::shared_ptr<ValuePool> poolNow() const {
+    const SharedLock lock(viewing);
+    return pool;
+  }
 
   std::shared_ptr<const std::unordered_set<std::int64_t>> hiddenNow() {
     const Lock lock(hiding);
@@ -164,6 +135,13 @@ struct Index::State {
   Error failure(Connection& connection) const {
     noteResult(sqlite3_errcode(connection.handle()));
     return connection.error("cannot use the search index " + path);
+  }
+
+  // Another process may write; what its records refer to is there when they are.
+  bool followPool(Connection& reader, ValuePool& values) const {
+    if (access == Access::kReadWrite) return true;
+    const ExclusiveLock lock(viewing);
+    return values.load(reader);
   }
 
   // Called with the writer's lock held, so that the order is that of the commits.
@@ -203,103 +181,112 @@ struct Index::State {
   }
 
   template <typename Change>
-  Result<void> write(const Change& change) {
+  Result<void> write(Commit commit, const Change& change) {
     {
       const Lock lock(writing);
       if (!writer) return Error::posix(EROFS, "the search index is open for reading only");
-      Transaction transaction(*writer);
-      IndexChange told;
-      if (!transaction.begun() || !change(*writer, told) || !transaction.commit()) {
-        return failure(*writer);
+      const std::shared_ptr<ValuePool> values = poolNow();
+      if (!pending) pending = std::make_unique<Transaction>(*writer);
+      const bool changed = pending->begun() && change(*writer, *values, changes);
+      if (changed && commit == Commit::kWithOthers && changes.rows.size() < kMostPending) return {};
+      if (!changed || !values->store(*writer) || !pending->commit()) {
+        Error error = failure(*writer);
+        drop(*values);
+        return error;
       }
-      enqueue(std::move(told));
+      values->end(/*committed=*/true);
+      publish(*values);
+      pending.reset();
+      enqueue(std::move(changes.told));
+      changes = {};
     }
     tell();
     return {};
   }
+
+  void drop(ValuePool& values) THMP_REQUIRES(writing) {
+    pending.reset();
+    values.end(/*committed=*/false);
+    changes = {};
+  }
+
+  void publish(const ValuePool& values) THMP_REQUIRES(writing) {
+    const ExclusiveLock lock(viewing);
+    if (!columns) return;
+    for (const RowChange& row : changes.rows) {
+      switch (row.kind) {
+        case RowChange::Kind::kPut:
+          columns->put(row.id, row.mailbox, row.record, values);
+          break;
+        case RowChange::Kind::kPutShape:
+          columns->putShape(row.id, row.mailbox, row.record);
+          break;
+        case RowChange::Kind::kRemove:
+          columns->remove(row.id);
+          break;
+      }
+      if (row.isStale) columns->setIrregular(row.id);
+    }
+  }
+
+  // Columns of what stands in the tables. Nobody writes meanwhile.
+  std::unique_ptr<Columns> readColumns(Connection& reader, const ValuePool& values) {
+    auto made = std::make_unique<Columns>();
+    Statement& row = reader.statement("SELECT id, mailbox, record FROM records ORDER BY id");
+    while (row.row()) {
+      const std::string_view record = row.bytes(2);
+      if (isIntactRecord(record)) {
+        made->put(row.integer(0), row.integer(1), record, values);
+      } else {
+        damaged.store(true);
+      }
+    }
+    bool isGood = row.result() == SQLITE_DONE;
+    row.reset();
+    Statement& stale = reader.statement("SELECT id FROM stale");
+    while (stale.row()) made->setIrregular(stale.integer(0));
+    isGood = isGood && stale.result() == SQLITE_DONE;
+    stale.reset();
+    if (!isGood) return nullptr;
+    made->hide(*hiddenNow());
+    return made;
+  }
+
+  Result<void> makeColumns() THMP_REQUIRES(writing) {
+    const auto reader = readers.borrow();
+    if (!reader) return unreadable(path);
+    const std::shared_ptr<ValuePool> values = poolNow();
+    if (!followPool(*reader, *values)) return failure(*reader);
+    std::unique_ptr<Columns> made = readColumns(*reader, *values);
+    if (!made) return failure(*reader);
+    const ExclusiveLock lock(viewing);
+    settledIrregular = made->irregularCount();
+    columns = std::move(made);
+    return {};
+  }
+
+  Result<void> prepareColumns() {
+    {
+      const SharedLock lock(viewing);
+      if (columns) return {};
+    }
+    const Lock lock(writing);
+    {
+      const SharedLock viewLock(viewing);
+      if (columns) return {};
+    }
+    return makeColumns();
+  }
+
+  // Empty when the columns went away a moment ago.
+  Result<std::optional<Candidates>> candidates(const query::Query& query) {
+    const auto reader = readers.borrow();
+    if (!reader) return unreadable(path);
+    const SharedLock lock(viewing);
+    if (!columns) return std::optional<Candidates>();
+    return std::optional(findCandidates(query, {*columns, *pool, *reader}));
+  }
 };
-
-// A text is kept with a checksum before it.
-namespace {
-
-std::string packText(std::string_view text) {
-  const auto checksum = fingerprint(text);
-  std::string packed(reinterpret_cast<const char*>(&checksum), sizeof checksum);
-  packed.append(text);
-  return packed;
-}
-
-bool unpackText(std::string_view packed, std::string& text) {
-  std::uint64_t checksum = 0;
-  if (packed.size() < sizeof checksum) return false;
-  packed.copy(reinterpret_cast<char*>(&checksum), sizeof checksum);
-  packed.remove_prefix(sizeof checksum);
-  if (fingerprint(packed) != checksum) return false;
-  text = packed;
-  return true;
-}
-
-bool putEntry(Connection& writer, const IndexEntry& entry, IndexChange& told) {
-  Statement& known = writer.statement("SELECT 1 FROM files WHERE id = ?");
-  const bool isKnown = known.bind(1, entry.id).row();
-  known.reset();
-  (isKnown ? told.changed : told.added).push_back(entry.id);
-
-  const std::string record = encodeRecord(entry.attributes, entry.queryOnly);
-  bool written =
-      writer
-          .statement(
-              "INSERT OR REPLACE INTO files(id, mailbox, content, place, incomplete) "
-              "VALUES(?, ?, ?, ?, ?)")
-          .bind(1, entry.id)
-          .bind(2, entry.mailbox)
-          .bind(3, static_cast<std::int64_t>(entry.file.content))
-          .bind(4, static_cast<std::int64_t>(entry.file.place))
-          .bind(5, std::int64_t{entry.file.incomplete})
-          .run() &&
-      writer.statement("INSERT OR REPLACE INTO records(id, mailbox, record) VALUES(?, ?, ?)")
-          .bind(1, entry.id)
-          .bind(2, entry.mailbox)
-          .bindBlob(3, record)
-          .run();
-  if (!entry.textContent) return written;
-  if (isKnown) {
-    written = written && writer.statement("DELETE FROM texts WHERE id = ?").bind(1, entry.id).run();
-    written =
-        written && writer.statement("DELETE FROM incomplete WHERE id = ?").bind(1, entry.id).run();
-  }
-  if (!entry.textContent->empty()) {
-    const std::string packed = packText(*entry.textContent);
-    written = written && writer.statement("INSERT OR REPLACE INTO texts(id, text) VALUES(?, ?)")
-                             .bind(1, entry.id)
-                             .bindBlob(2, packed)
-                             .run();
-  }
-  for (const std::string& reason : entry.incomplete) {
-    written =
-        written && writer.statement("INSERT OR REPLACE INTO incomplete(id, reason) VALUES(?, ?)")
-                       .bind(1, entry.id)
-                       .bind(2, reason)
-                       .run();
-  }
-  return written;
-}
-
-bool removeOne(Connection& writer, std::int64_t id, IndexChange& told) {
-  Statement& known = writer.statement("SELECT 1 FROM files WHERE id = ?");
-  const bool isKnown = known.bind(1, id).row();
-  known.reset();
-  if (isKnown) told.removed.push_back(id);
-  bool removed = true;
-  for (const char* sql :
-       {"DELETE FROM files WHERE id = ?", "DELETE FROM records WHERE id = ?",
-        "DELETE FROM texts WHERE id = ?", "DELETE FROM incomplete WHERE id = ?"}) {
-    removed = removed && writer.statement(sql).bind(1, id).run();
-  }
-  return removed;
-}
-
-}  // namespace
 
 Value IndexedMessage::value(std::string_view attribute) const {
   const auto key = keyNamed(attribute);
@@ -308,21 +295,14 @@ Value IndexedMessage::value(std::string_view attribute) const {
 
 Value IndexedMessage::value(AttributeKey key) const {
   if (key == AttributeKey::kExternalID) return Value(std::to_string(id_));
-  if (key != AttributeKey::kTextContent) return recordValue(record_, key);
-  const std::string text = index_->textContent(id_);
+  if (key != AttributeKey::kTextContent) return recordValue(record_, key, *pool_);
+  const std::string text = index_->textContent(id_, mailbox_);
   return text.empty() ? Value() : Value(text);
 }
 
 Dictionary IndexedMessage::attributes() const {
-  std::vector<Dictionary::Entry> entries;
-  entries.reserve(static_cast<std::size_t>(AttributeKey::kFetchedCount));
-  entries.push_back({keyText(AttributeKey::kExternalID), Value(std::to_string(id_))});
-  forEachInRecord(record_, [&](AttributeKey key, const Value& found) {
-    if (isQueryOnly(key)) return false;
-    entries.push_back({keyText(key), found});
-    return true;
-  });
-  return Dictionary(std::move(entries));
+  return recordAttributes(record_, *pool_,
+                          {keyText(AttributeKey::kExternalID), Value(std::to_string(id_))});
 }
 
 Dictionary IndexedMessage::attributes(std::span<const std::string> names) const {
@@ -335,9 +315,10 @@ Dictionary IndexedMessage::attributes(std::span<const std::string> names) const 
   if (wanted[static_cast<std::size_t>(AttributeKey::kExternalID)]) {
     entries.push_back({keyText(AttributeKey::kExternalID), Value(std::to_string(id_))});
   }
-  forEachInRecord(record_, [&](AttributeKey key, const Value& found) {
-    if (isQueryOnly(key)) return false;
-    if (wanted[static_cast<std::size_t>(key)]) entries.push_back({keyText(key), found});
+  forEachInRecord(record_, *pool_, [&](AttributeKey key, const Value& found) {
+    if (wanted[static_cast<std::size_t>(key)] && !isQueryOnly(key)) {
+      entries.push_back({keyText(key), found});
+    }
     return true;
   });
   return Dictionary(std::move(entries));
@@ -346,105 +327,201 @@ Dictionary IndexedMessage::attributes(std::span<const std::string> names) const 
 void IndexedMessage::forEachAttribute(
     const std::function<bool(AttributeKey key, const Value& value)>& visit) const {
   if (!visit(AttributeKey::kExternalID, Value(std::to_string(id_)))) return;
-  forEachInRecord(record_, visit);
+  forEachInRecord(record_, *pool_, visit);
 }
 
 Index::Index(std::unique_ptr<State> state) : state_(std::move(state)) {}
-Index::~Index() = default;
+
+// The writer goes last: only then is its journal put away.
+Index::~Index() { state_->readers.close(); }
 
 Result<std::unique_ptr<Index>> Index::open(const std::string& path, Access access) {
-  auto state = std::make_unique<State>(path);
+  auto state = std::make_unique<State>(path, access);
   if (access == Access::kReadWrite) {
     Error error;
     if (!makeParentFolders(path, &error)) return error;
-    auto writer = openOrBegin(path);
-    if (!writer) return writer.error();
     const Lock lock(state->writing);
-    state->writer = std::move(*writer);
+    // A pool that cannot be read is damage that opening did not meet.
+    for (const bool isFirst : {true, false}) {
+      auto writer = openIndexTables(path);
+      if (!writer) return writer.error();
+      state->writer = std::move(*writer);
+      if (state->poolNow()->load(*state->writer)) break;
+      if (!isFirst) return state->failure(*state->writer);
+      state->writer.reset();
+      setIndexAside(path);
+      const ExclusiveLock viewLock(state->viewing);
+      state->pool = state->newPool();
+    }
   } else {
     const auto reader = state->readers.borrow();
     if (!reader) return Error::posix(ENOENT, "no search index at " + path);
-    if (userVersion(*reader) != kSchemaVersion) {
-      return reader->error("cannot use the search index " + path);
-    }
+    if (!areIndexTables(*reader)) return reader->error("cannot use the search index " + path);
   }
   return std::unique_ptr<Index>(new Index(std::move(state)));
 }
 
+void Index::setTextSource(TextSource source) { state_->textSource = std::move(source); }
+
+Result<void> Index::prepareColumns() { return state_->prepareColumns(); }
+
+// Reads messages a chunk at a time, so that no statement is open while somebody looks at them.
+class Index::ChunkReader {
+ public:
+  explicit ChunkReader(const Index& index) : index_(index), pool_(index.state_->poolNow()) {}
+
+  const std::vector<IndexedMessage>& chunk() const { return chunk_; }
+
+  /// The next messages below `below`, at most `most`.
+  Result<void> readBelow(std::int64_t below, std::size_t most) {
+    return read([&](Connection& reader) {
+      Statement& row = reader.statement(
+          "SELECT id, mailbox, record FROM records WHERE id < ? ORDER BY id DESC LIMIT ?");
+      row.bind(1, below).bind(2, static_cast<std::int64_t>(most));
+      return takeAll(row, [](std::int64_t) { return true; });
+    });
+  }
+
+  Result<void> readOne(std::int64_t id) {
+    return read([&](Connection& reader) {
+      Statement& row = reader.statement("SELECT id, mailbox, record FROM records WHERE id = ?");
+      row.bind(1, id);
+      return takeAll(row, [](std::int64_t) { return true; });
+    });
+  }
+
+  /// Those of `rows`, which are in descending order, that are there.
+  Result<void> readRows(const std::vector<Row>& rows) {
+    constexpr std::size_t kSpread = 4;
+    if (rows.empty()) return {};
+    return read([&](Connection& reader) {
+      if (rows.front() - rows.back() < kSpread * rows.size()) return readRange(reader, rows);
+      Statement& row = reader.statement("SELECT id, mailbox, record FROM records WHERE id = ?");
+      return std::all_of(rows.begin(), rows.end(), [&](Row wanted) {
+        row.bind(1, std::int64_t{wanted});
+        return takeAll(row, [](std::int64_t) { return true; });
+      });
+    });
+  }
+
+ private:
+  template <typename Read>
+  Result<void> read(const Read& readAll) {
+    const State& state = *index_.state_;
+    chunk_.clear();
+    const auto reader = state.readers.borrow();
+    if (!reader) return unreadable(state.path);
+    if (!readAll(*reader) || !state.followPool(*reader, *pool_)) return state.failure(*reader);
+    return {};
+  }
+
+  bool readRange(Connection& reader, const std::vector<Row>& rows) {
+    Statement& row = reader.statement(
+        "SELECT id, mailbox, record FROM records WHERE id BETWEEN ? AND ? ORDER BY id DESC");
+    row.bind(1, std::int64_t{rows.back()}).bind(2, std::int64_t{rows.front()});
+    auto wanted = rows.begin();
+    return takeAll(row, [&](std::int64_t id) {
+      while (wanted != rows.end() && *wanted > id) ++wanted;
+      return wanted != rows.end() && *wanted == id;
+    });
+  }
+
+  template <typename Wanted>
+  bool takeAll(Statement& row, const Wanted& isWanted) {
+    while (row.row()) {
+      if (!isWanted(row.integer(0))) continue;
+      IndexedMessage& message = chunk_.emplace_back();
+      message.id_ = row.integer(0);
+      message.mailbox_ = row.integer(1);
+      message.record_ = row.bytes(2);
+      message.pool_ = pool_;
+      message.index_ = &index_;
+    }
+    const bool readAll = row.result() == SQLITE_DONE;
+    row.reset();
+    return readAll;
+  }
+
+  const Index& index_;
+  const std::shared_ptr<ValuePool> pool_;
+  std::vector<IndexedMessage> chunk_;
+};
+
+bool Index::isVisible(const IndexedMessage& message,
+                      const std::unordered_set<std::int64_t>& hidden) const {
+  if (hidden.contains(message.mailbox_)) return false;
+  if (isIntactRecord(message.record_)) return true;
+  state_->damaged.store(true);
+  return false;
+}
+
 Result<void> Index::forEachDescending(
     const std::function<bool(const IndexedMessage& message)>& visit) const {
-  std::vector<IndexedMessage> chunk(kChunk);
-  std::int64_t below = INT64_MAX;
-  while (true) {
-    std::size_t count = 0;
-    {
-      const auto reader = state_->readers.borrow();
-      if (!reader) return unreadable(state_->path);
-      Statement& row = reader->statement(
-          "SELECT id, mailbox, record FROM records WHERE id < ? ORDER BY id DESC LIMIT ?");
-      row.bind(1, below).bind(2, kChunk);
-      while (count < chunk.size() && row.row()) {
-        IndexedMessage& message = chunk[count++];
-        message.id_ = row.integer(0);
-        message.mailbox_ = row.integer(1);
-        message.record_ = row.bytes(2);
-        message.index_ = this;
-      }
-      const bool readAll = row.result() == SQLITE_ROW || row.result() == SQLITE_DONE;
-      row.reset();
-      if (!readAll) return state_->failure(*reader);
-    }
-    if (count == 0) return {};
+  ChunkReader reader(*this);
+  for (std::int64_t below = INT64_MAX;; below = reader.chunk().back().id()) {
+    auto read = reader.readBelow(below, kChunk);
+    if (!read || reader.chunk().empty()) return read;
     const auto hidden = state_->hiddenNow();
-    for (std::size_t i = 0; i < count; ++i) {
-      const IndexedMessage& message = chunk[i];
-      if (hidden->contains(message.mailbox_)) continue;
-      if (!isIntactRecord(message.record_)) {
-        state_->damaged.store(true);
-        continue;
-      }
-      if (!visit(message)) return {};
+    for (const IndexedMessage& message : reader.chunk()) {
+      if (isVisible(message, *hidden) && !visit(message)) return {};
     }
-    below = chunk[count - 1].id_;
   }
 }
 
+Result<void> Index::forEachMatch(
+    const query::Query& query,
+    const std::function<bool(const IndexedMessage& message)>& visit) const {
+  std::optional<Candidates> candidates;
+  while (!candidates) {
+    auto prepared = state_->prepareColumns();
+    if (!prepared) return prepared;
+    auto found = state_->candidates(query);
+    if (!found) return found.error();
+    candidates = std::move(*found);
+  }
+  ChunkReader reader(*this);
+  std::vector<Row> rows;
+  bool goesOn = true;
+  const auto visitRows = [&]() -> Result<void> {
+    auto read = reader.readRows(rows);
+    rows.clear();
+    if (!read) return read;
+    const auto hidden = state_->hiddenNow();
+    for (const IndexedMessage& message : reader.chunk()) {
+      if (!isVisible(message, *hidden)) continue;
+      if (candidates->doubtful.contains(static_cast<Row>(message.id())) &&
+          !query::matches(query, IndexedMessageView(message))) {
+        continue;
+      }
+      goesOn = visit(message);
+      if (!goesOn) break;
+    }
+    return {};
+  };
+  Result<void> result;
+  candidates->rows.forEachDescending([&](Row row) {
+    rows.push_back(row);
+    if (rows.size() == kChunk) result = visitRows();
+    return goesOn && result;
+  });
+  if (goesOn && result && !rows.empty()) result = visitRows();
+  return result;
+}
+
 std::optional<IndexedMessage> Index::get(std::int64_t id) const {
-  const auto reader = state_->readers.borrow();
-  if (!reader) return std::nullopt;
-  Statement& row = reader->statement("SELECT mailbox, record FROM records WHERE id = ?");
-  if (!row.bind(1, id).row()) {
-    state_->noteResult(row.result());
-    return std::nullopt;
-  }
-  IndexedMessage message;
-  message.id_ = id;
-  message.mailbox_ = row.integer(0);
-  message.record_ = row.bytes(1);
-  message.index_ = this;
-  row.reset();
-  if (!isIntactRecord(message.record_)) {
-    state_->damaged.store(true);
-    return std::nullopt;
-  }
-  if (state_->hiddenNow()->contains(message.mailbox_)) return std::nullopt;
+  ChunkReader reader(*this);
+  const auto read = reader.readOne(id);
+  if (!read || reader.chunk().empty()) return std::nullopt;
+  const IndexedMessage& message = reader.chunk().front();
+  if (!isVisible(message, *state_->hiddenNow())) return std::nullopt;
   return message;
 }
 
 bool Index::contains(std::int64_t id) const { return get(id).has_value(); }
 
-std::string Index::textContent(std::int64_t id) const {
-  const auto reader = state_->readers.borrow();
-  if (!reader) return {};
-  Statement& row = reader->statement("SELECT text FROM texts WHERE id = ?");
-  std::string text;
-  if (row.bind(1, id).row()) {
-    if (!unpackText(row.bytes(0), text)) state_->damaged.store(true);
-    row.reset();
-  } else {
-    state_->noteResult(row.result());
-  }
-  return text;
+std::string Index::textContent(std::int64_t id, std::int64_t mailbox) const {
+  if (auto text = state_->recentTexts.find(id)) return std::move(*text);
+  return state_->textSource ? state_->textSource(id, mailbox) : std::string();
 }
 
 Result<std::uint64_t> Index::count() const {
@@ -521,6 +598,10 @@ void Index::hideMailboxes(const std::vector<std::int64_t>& mailboxes) {
     const Lock lock(state_->hiding);
     std::swap(state_->hidden, before);
   }
+  {
+    const ExclusiveLock lock(state_->viewing);
+    if (state_->columns) state_->columns->hide(*next);
+  }
   IndexChange shown;
   for (const std::int64_t mailbox : *before) {
     if (next->contains(mailbox)) continue;
@@ -532,35 +613,46 @@ void Index::hideMailboxes(const std::vector<std::int64_t>& mailboxes) {
   state_->tell();
 }
 
-Result<void> Index::put(std::span<const IndexEntry> entries) {
-  return state_->write([&](Connection& writer, IndexChange& told) {
-    return std::all_of(entries.begin(), entries.end(),
-                       [&](const IndexEntry& entry) { return putEntry(writer, entry, told); });
+Result<void> Index::put(std::span<const IndexEntry> entries, Commit commit) {
+  // Texts of many are not asked for a moment later, or by one who walks them all anyway.
+  constexpr std::size_t kFewEntries = 32;
+  for (const IndexEntry& entry : entries) {
+    if (!entry.textContent) continue;
+    if (entries.size() > kFewEntries) {
+      state_->recentTexts.forget(entry.id);
+    } else {
+      state_->recentTexts.put(entry.id, *entry.textContent);
+    }
+  }
+  return state_->write(commit, [&](Connection& writer, ValuePool& pool, IndexChanges& changes) {
+    return std::all_of(entries.begin(), entries.end(), [&](const IndexEntry& entry) {
+      return putEntry(writer, entry, pool, changes);
+    });
   });
 }
 
 Result<void> Index::remove(std::span<const std::int64_t> ids) {
-  return state_->write([&](Connection& writer, IndexChange& told) {
+  return state_->write(Commit::kNow, [&](Connection& writer, ValuePool&, IndexChanges& changes) {
     return std::all_of(ids.begin(), ids.end(),
-                       [&](std::int64_t id) { return removeOne(writer, id, told); });
+                       [&](std::int64_t id) { return removeEntry(writer, id, changes); });
   });
 }
 
 Result<void> Index::removeMailbox(std::int64_t mailbox) {
-  return state_->write([&](Connection& writer, IndexChange& told) {
+  return state_->write(Commit::kNow, [&](Connection& writer, ValuePool&, IndexChanges& changes) {
     std::vector<std::int64_t> ids;
     Statement& row = writer.statement("SELECT id FROM files WHERE mailbox = ?");
     row.bind(1, mailbox);
     while (row.row()) ids.push_back(row.integer(0));
     return row.result() == SQLITE_DONE && std::all_of(ids.begin(), ids.end(), [&](std::int64_t id) {
-             return removeOne(writer, id, told);
+             return removeEntry(writer, id, changes);
            });
   });
 }
 
 Result<void> Index::setFailed(const std::string& source,
                               const std::vector<UnreadablePath>& failed) {
-  return state_->write([&](Connection& writer, IndexChange&) {
+  return state_->write(Commit::kNow, [&](Connection& writer, ValuePool&, IndexChanges&) {
     bool written = writer.statement("DELETE FROM failed WHERE source = ?").bind(1, source).run();
     for (const UnreadablePath& one : failed) {
       written = written && writer
@@ -577,7 +669,7 @@ Result<void> Index::setFailed(const std::string& source,
 }
 
 Result<void> Index::keepFailed(const std::vector<std::string>& sources) {
-  return state_->write([&](Connection& writer, IndexChange&) {
+  return state_->write(Commit::kNow, [&](Connection& writer, ValuePool&, IndexChanges&) {
     std::vector<std::string> stale;
     Statement& row = writer.statement("SELECT DISTINCT source FROM failed");
     while (row.row()) {
@@ -594,7 +686,7 @@ Result<void> Index::keepFailed(const std::vector<std::string>& sources) {
 }
 
 Result<void> Index::setLastUpdate(Date date) {
-  return state_->write([&](Connection& writer, IndexChange&) {
+  return state_->write(Commit::kNow, [&](Connection& writer, ValuePool&, IndexChanges&) {
     return writer.statement("INSERT OR REPLACE INTO marks(name, value) VALUES('lastUpdate', ?)")
         .bind(1, static_cast<std::int64_t>(date.unixSeconds()))
         .run();
@@ -603,15 +695,46 @@ Result<void> Index::setLastUpdate(Date date) {
 
 bool Index::isDamaged() const noexcept { return state_->damaged.load(); }
 
+Result<void> Index::settle() {
+  {
+    const SharedLock lock(state_->viewing);
+    if (!state_->columns) return {};
+    const std::size_t few = state_->settledIrregular + state_->columns->size() / 50 + kFewIrregular;
+    if (state_->columns->irregularCount() <= few) return {};
+  }
+  const Lock lock(state_->writing);
+  return state_->makeColumns();
+}
+
+Result<std::uint64_t> Index::staleCount() const {
+  const auto reader = state_->readers.borrow();
+  if (!reader) return unreadable(state_->path);
+  Statement& row = reader->statement("SELECT count(*) FROM stale");
+  if (!row.row()) return state_->failure(*reader);
+  const auto count = static_cast<std::uint64_t>(row.integer(0));
+  row.reset();
+  return count;
+}
+
 Result<void> Index::makeAnew() {
   const Lock lock(state_->writing);
   if (!state_->writer) return Error::posix(EROFS, "the search index is open for reading only");
+  state_->drop(*state_->poolNow());
   state_->readers.close();
   state_->writer.reset();
-  setAside(state_->path);
-  auto writer = openOrBegin(state_->path);
+  if (state_->damaged.exchange(false)) {
+    setIndexAside(state_->path);
+  } else {
+    removeIndexFiles(state_->path);
+  }
+  auto writer = openIndexTables(state_->path);
   if (writer) state_->writer = std::move(*writer);
-  state_->damaged.store(false);
+  {
+    const ExclusiveLock viewLock(state_->viewing);
+    state_->pool = state_->newPool();
+    if (state_->columns) state_->columns = std::make_unique<Columns>();
+    if (state_->columns) state_->columns->hide(*state_->hiddenNow());
+  }
   state_->readers.reopen();
   if (!state_->writer) return writer.error();
   return {};

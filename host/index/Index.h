@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The search index: the attributes and the text of every message, under its library ID, in one
-// SQLite file in the cache folder. It can be deleted at any time and is then made anew from the
-// mail; so is one that is damaged or of another schema version. A damaged file is set aside under
-// its name with ".damaged-" and a number.
+// The search index: the attributes and the words of every message, under its library ID, in one
+// SQLite file in the cache folder, and the columns that queries are answered from in memory. It can
+// be deleted at any time and is then made anew from the mail; so is one that is damaged or of
+// another schema version. A damaged file is set aside under its name with ".damaged-" and a number.
 //
 // Any thread. Writers wait for each other; readers use connections of their own and never wait for
 // a writer.
@@ -17,19 +17,23 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "base/result.h"
 #include "base/value.h"
+#include "host/index/index_types.h"
+#include "host/query/query.h"
 #include "host/store/MailFolders.h"
 #include "host/store/attribute_keys.h"
 
 namespace thmp {
 
 class Index;
+class ValuePool;
 
 /// One message as it was when it was read from the index. A copy is independent of later changes,
-/// but for the text, which is read when asked for. The index outlives it.
+/// but for the text, which is read from the mail when asked for. The index outlives it.
 class IndexedMessage {
  public:
   std::int64_t id() const noexcept { return id_; }
@@ -55,49 +59,16 @@ class IndexedMessage {
   std::int64_t id_ = 0;
   std::int64_t mailbox_ = 0;
   std::string record_;
+  std::shared_ptr<const ValuePool> pool_;
   const Index* index_ = nullptr;
-};
-
-/// What the index remembers of the file that it read.
-struct IndexedFile {
-  /// Stands for its size, modification time and inode.
-  std::uint64_t content = 0;
-  /// Stands for its folder and name.
-  std::uint64_t place = 0;
-  bool incomplete = false;
-
-  friend bool operator==(const IndexedFile&, const IndexedFile&) = default;
-};
-
-/// A message to be put into the index, in place of what stands under its ID.
-struct IndexEntry {
-  std::int64_t id = 0;
-  std::int64_t mailbox = 0;
-  IndexedFile file;
-  Dictionary attributes;
-  Dictionary queryOnly;
-  /// Empty optional: the text that stands in the index stays.
-  std::optional<std::string> textContent;
-  /// Why the message was not read whole; what stands in the index stays when the text does.
-  std::vector<std::string> incomplete;
-};
-
-/// What one commit changed. Each list in ascending order.
-struct IndexChange {
-  std::vector<std::int64_t> added;
-  std::vector<std::int64_t> changed;
-  std::vector<std::int64_t> removed;
-};
-
-struct IncompleteMessage {
-  std::int64_t id = 0;
-  std::string reason;
 };
 
 class Index {
  public:
   enum class Access : bool { kReadOnly, kReadWrite };
   using ChangeListener = std::function<void(const IndexChange& change)>;
+  /// Reads a message's text from the mail; empty when it has none or is not there.
+  using TextSource = std::function<std::string(std::int64_t id, std::int64_t mailbox)>;
 
   /// Opens the index in the file at `path`. For writing it is made when missing, and made anew when
   /// damaged or of another version. For reading only, those are errors.
@@ -105,6 +76,18 @@ class Index {
   ~Index();
   Index(const Index&) = delete;
   Index& operator=(const Index&) = delete;
+
+  /// The index keeps words but no texts; where those count, it asks `source`, on the thread that
+  /// asks the index. Before the index is used by a second thread.
+  void setTextSource(TextSource source);
+
+  /// Makes the columns, which the first query would otherwise wait for. Waits for a writer.
+  Result<void> prepareColumns();
+
+  /// Calls `visit` with every message that matches and is not hidden, by descending ID, until it
+  /// returns false. Otherwise like forEachDescending().
+  Result<void> forEachMatch(const query::Query& query,
+                            const std::function<bool(const IndexedMessage& message)>& visit) const;
 
   /// Calls `visit` with every message that is not hidden, by descending ID, until it returns false.
   /// Sees what was committed before the call; of later commits, some. No lock or transaction is
@@ -117,7 +100,7 @@ class Index {
   std::optional<IndexedMessage> get(std::int64_t id) const;
   bool contains(std::int64_t id) const;
   /// `kMDItemTextContent`; empty when there is none.
-  std::string textContent(std::int64_t id) const;
+  std::string textContent(std::int64_t id, std::int64_t mailbox) const;
 
   /// Hidden ones included.
   Result<std::uint64_t> count() const;
@@ -135,8 +118,12 @@ class Index {
   /// and no longer are, the messages are told to listeners as added.
   void hideMailboxes(const std::vector<std::int64_t>& mailboxes);
 
+  /// How a change is made lasting. What waits for later is seen by nobody, and is lost when a
+  /// later change fails.
+  enum class Commit : bool { kNow, kWithOthers };
+
   // Each is one transaction, and tells the listeners after it.
-  Result<void> put(std::span<const IndexEntry> entries);
+  Result<void> put(std::span<const IndexEntry> entries, Commit commit = Commit::kNow);
   Result<void> remove(std::span<const std::int64_t> ids);
   /// Takes out every message of a mailbox.
   Result<void> removeMailbox(std::int64_t mailbox);
@@ -148,10 +135,16 @@ class Index {
   Result<void> keepFailed(const std::vector<std::string>& sources);
   Result<void> setLastUpdate(Date date);
 
+  /// After many changes: makes columns that have become slow anew.
+  Result<void> settle();
+  /// Messages that are gone or were replaced, and whose words still take up place.
+  Result<std::uint64_t> staleCount() const;
+
   /// Whether the file turned out to be damaged since it was opened.
   bool isDamaged() const noexcept;
-  /// Sets the damaged file aside and begins an empty one. Waits for readers in the middle of a
-  /// step. Listeners are told nothing: the messages come back under their IDs.
+  /// Sets the damaged file aside, or takes a sound one away, and begins an empty one. Waits for
+  /// readers in the middle of a step. Listeners are told nothing: the messages come back under
+  /// their IDs.
   Result<void> makeAnew();
 
   /// `listener` is called after each commit, in the order of commits, on a thread that writes,
@@ -162,6 +155,9 @@ class Index {
 
  private:
   struct State;
+  class ChunkReader;
+  bool isVisible(const IndexedMessage& message,
+                 const std::unordered_set<std::int64_t>& hidden) const;
   explicit Index(std::unique_ptr<State> state);
   std::unique_ptr<State> state_;
 };

@@ -2,6 +2,7 @@
 #include "host/index/Indexer.h"
 
 #include <dirent.h>
+#include <pthread.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -15,10 +16,13 @@
 #include <set>
 #include <string_view>
 #include <system_error>
+#include <thread>
 #include <tuple>
 #include <unordered_map>
 #include <utility>
 
+#include "host/index/BoundedQueue.h"
+#include "host/index/index_tables.h"
 #include "host/index/message_record.h"
 
 namespace thmp {
@@ -104,6 +108,12 @@ struct Work {
   std::int64_t id = 0;
 };
 
+// What became of one file: an entry, or the reason why there is none; no reason when it is gone.
+struct ReadFile {
+  std::optional<IndexEntry> entry;
+  std::string failure;
+};
+
 bool byName(const SeenFile& a, const SeenFile& b) { return a.entry.name < b.entry.name; }
 
 }  // namespace
@@ -134,6 +144,7 @@ class Indexer::Run {
     updateFound(found);
     dropStrays();
     if (good() && !isStopped() && !dryRun_) note(index_.keepFailed(sources_));
+    if (good() && !dryRun_) note(index_.settle());
     return end();
   }
 
@@ -596,25 +607,64 @@ class Indexer::Run {
     return place;
   }
 
-  // Reads and stores in batches; a batch in hand is stored even when the update is stopped.
+  // Reads and stores in batches; a batch in hand is stored even when the update is stopped. Where
+  // there is much to read, another thread reads while this one stores.
   void readAll(const LibraryMailbox& mailbox, const std::vector<Work>& toRead) {
+    constexpr std::size_t kMuch = 64;
+    constexpr std::size_t kReadAhead = 256;
+    Batch batch;
+    if (toRead.size() < kMuch) {
+      for (const Work& work : toRead) {
+        if (!good() || isStopped()) break;
+        take(mailbox, work, readOne(mailbox, work), batch);
+      }
+      return store(mailbox, batch);
+    }
+    BoundedQueue<ReadFile> read(kReadAhead);
+    std::thread reader([&]() noexcept {
+      for (const Work& work : toRead) {
+        if (isStopped() || !read.put(readOne(mailbox, work))) break;
+      }
+      read.close();
+    });
+    pthread_setname_np(reader.native_handle(), "mail-reader");
+    for (const Work& work : toRead) {
+      if (!good() || isStopped()) break;
+      std::optional<ReadFile> file = read.take();
+      if (!file) break;
+      take(mailbox, work, std::move(*file), batch);
+    }
+    read.close();
+    reader.join();
+    store(mailbox, batch);
+  }
+
+  // What is stored in one go.
+  struct Batch {
     std::vector<Work> read;
     std::vector<IndexEntry> entries;
     std::size_t bytes = 0;
-    for (const Work& work : toRead) {
-      if (!good() || isStopped()) break;
-      ++coverage_.seen;
-      std::optional<IndexEntry> entry = readOne(mailbox, work);
-      if (!entry) continue;
-      bytes += entry->textContent->size();
-      read.push_back(work);
-      entries.push_back(std::move(*entry));
-      if (entries.size() >= options_.batchSize || bytes >= options_.batchBytes) {
-        store(mailbox, read, entries);
-        bytes = 0;
+  };
+
+  void take(const LibraryMailbox& mailbox, const Work& work, ReadFile file, Batch& batch) {
+    if (!file.entry) {
+      // Without a reason it went or was renamed since it was listed.
+      if (file.failure.empty()) {
+        vanished_.push_back(work);
+        return;
       }
+      ++coverage_.seen;
+      failed_.push_back({messagePath(mailbox.folder.path, work.entry.part, work.entry.file),
+                         std::move(file.failure)});
+      return;
     }
-    store(mailbox, read, entries);
+    ++coverage_.seen;
+    batch.bytes += file.entry->textContent->size();
+    batch.read.push_back(work);
+    batch.entries.push_back(std::move(*file.entry));
+    if (batch.entries.size() >= options_.batchSize || batch.bytes >= options_.batchBytes) {
+      store(mailbox, batch);
+    }
   }
 
   // Files that were renamed between their listing and their reading, under their new names.
@@ -636,20 +686,14 @@ class Indexer::Run {
     vanished_.clear();
   }
 
-  std::optional<IndexEntry> readOne(const LibraryMailbox& mailbox, const Work& work) {
+  // Any thread.
+  ReadFile readOne(const LibraryMailbox& mailbox, const Work& work) const {
     const std::string path = messagePath(mailbox.folder.path, work.entry.part, work.entry.file);
     const auto started = stampClock();
     auto file = readMessageFile(path, options_.limits.fileBytes);
     if (!file) {
-      // It went or was renamed since it was listed.
-      if (file.error().code == ENOENT) {
-        --coverage_.seen;
-        vanished_.push_back(work);
-      } else {
-        failed_.push_back(
-            {path, std::generic_category().message(static_cast<int>(file.error().code))});
-      }
-      return std::nullopt;
+      const auto code = static_cast<int>(file.error().code);
+      return {std::nullopt, code == ENOENT ? "" : std::generic_category().message(code)};
     }
     ParsedMessage parsed =
         parser_.parse(file->bytes, placeOf(mailbox.folder, work.entry, file->facts));
@@ -667,29 +711,29 @@ class Indexer::Run {
     entry.queryOnly = std::move(parsed.queryOnly);
     entry.textContent = std::move(parsed.textContent);
     entry.incomplete = std::move(parsed.incomplete);
-    return entry;
+    entry.words = wordsOf(entry);
+    return {std::move(entry), {}};
   }
 
-  void store(const LibraryMailbox& mailbox, std::vector<Work>& read,
-             std::vector<IndexEntry>& entries) {
-    if (!good() || entries.empty()) return;
+  void store(const LibraryMailbox& mailbox, Batch& batch) {
+    if (!good() || batch.entries.empty()) return;
     LibraryChanges changes;
-    for (const Work& work : read) {
+    for (const Work& work : batch.read) {
       if (work.id == 0) changes.added.push_back(work.entry);
     }
     if (!changes.added.empty()) {
       const auto ids = library_.apply(mailbox.id, changes);
       if (!note(ids)) return;
       auto id = ids->begin();
-      for (IndexEntry& entry : entries) {
+      for (IndexEntry& entry : batch.entries) {
         if (entry.id == 0) entry.id = *id++;
       }
     }
-    if (!note(index_.put(entries))) return;
-    coverage_.indexed += entries.size();
-    for (const IndexEntry& entry : entries) coverage_.incomplete += entry.file.incomplete;
-    read.clear();
-    entries.clear();
+    // What is told of the mailbox at its end makes it lasting.
+    if (!note(index_.put(batch.entries, Index::Commit::kWithOthers))) return;
+    coverage_.indexed += batch.entries.size();
+    for (const IndexEntry& entry : batch.entries) coverage_.incomplete += entry.file.incomplete;
+    batch = {};
     report();
   }
 

@@ -514,12 +514,12 @@ TEST_F(Indexing, AStoppedUpdateGoesOnNextTime) {
   open();
   for (int i = 0; i < 100; ++i)
     deliver("cur/" + std::to_string(i) + ".x:2,", "m" + std::to_string(i));
-  const auto number = index_->addListener([&](const IndexChange&) { indexer_->stop(); });
-  const auto stopped = indexer_->update();
+  const auto stopped = indexer_->update([this](const IndexProgress& progress) {
+    if (progress.seen > 0) indexer_->stop();
+  });
   ASSERT_TRUE(stopped);
   EXPECT_TRUE(stopped->stopped);
   EXPECT_EQ(stopped->indexed, 10U);
-  index_->removeListener(number);
   open();
   const Coverage rest = update();
   EXPECT_EQ(rest.indexed, 90U);

@@ -5,8 +5,9 @@
 #include <array>
 #include <bit>
 #include <cstring>
-#include <optional>
-#include <vector>
+
+#include "host/index/ValuePool.h"
+#include "host/store/message_attributes.h"
 
 namespace thmp {
 
@@ -14,8 +15,19 @@ namespace {
 
 static_assert(std::endian::native == std::endian::little, "records are stored little-endian");
 
+bool isKnownKey(std::uint8_t number) {
+  return number < static_cast<std::uint8_t>(AttributeKey::kFetchedCount) ||
+         (number > static_cast<std::uint8_t>(AttributeKey::kBeforeQueryOnly) &&
+          number < static_cast<std::uint8_t>(AttributeKey::kEnd));
+}
+
 constexpr std::size_t kChecksumSize = 4;
 constexpr int kMostDepth = 8;
+
+// Texts shorter than this are stored again rather than referred to.
+constexpr std::size_t kShortText = 6;
+// What is longer is hardly the same in two messages.
+constexpr std::size_t kLongestPooled = 2048;
 
 enum Tag : std::uint8_t {
   kFalse = 1,
@@ -29,25 +41,36 @@ enum Tag : std::uint8_t {
   kText,
   kArray,
   kDictionary,
-  kSameAs,
-  kConstant,
+  kSameAs,     // the attribute with this key, stored before
+  kPooled,     // this number of the pool
+  kEarlier,    // the text that stands at this place of the record
+  kAngled,     // that text between < and >
+  kMessageUrl  // the link to the message of which that text is the Message-ID
 };
 
-// What every message has alike; the places in this list are part of the stored form.
-const std::array<Value, 5>& constants() {
-  static const auto& all = *new std::array<Value, 5>{
-      Value("com.apple.mail"), Value("public.email-message"), Value("Mail Message"),
-      Value(Array{Value("com.apple.mail.email"), Value("public.data"), Value("public.item"),
-                  Value("public.email-message"), Value("public.message")}),
-      Value(Array{Value("com.apple.mail.emlx"), Value("public.data"), Value("public.item"),
-                  Value("public.email-message"), Value("public.message")})};
-  return all;
+constexpr std::size_t kKeys = 256;
+
+// The place of each key in the order of the names, in which dictionaries and records are.
+const std::array<std::uint16_t, kKeys>& nameRanks() {
+  static const auto ranks = [] {
+    std::vector<AttributeKey> keys;
+    for (std::size_t number = 0; number < kKeys; ++number) {
+      if (isKnownKey(static_cast<std::uint8_t>(number))) {
+        keys.push_back(static_cast<AttributeKey>(number));
+      }
+    }
+    std::sort(keys.begin(), keys.end(),
+              [](AttributeKey a, AttributeKey b) { return keyText(a).view() < keyText(b).view(); });
+    std::array<std::uint16_t, kKeys> all{};
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      all[static_cast<std::size_t>(keys[i])] = static_cast<std::uint16_t>(i);
+    }
+    return all;
+  }();
+  return ranks;
 }
 
-bool mayBeConstant(AttributeKey key) {
-  return key == AttributeKey::kBundleID || key == AttributeKey::kContentType ||
-         key == AttributeKey::kKind || key == AttributeKey::kContentTypeTree;
-}
+std::uint16_t rankOf(AttributeKey key) { return nameRanks()[static_cast<std::size_t>(key)]; }
 
 void putNumber(std::string& out, std::uint64_t number) {
   while (number >= 0x80) {
@@ -61,6 +84,11 @@ void putSigned(std::string& out, std::int64_t number) {
   putNumber(out,
             (static_cast<std::uint64_t>(number) << 1) ^ static_cast<std::uint64_t>(number >> 63));
 }
+
+// A length is written after what it counts, so room for it is kept: one byte, or for a long value
+// a mark and three.
+constexpr std::uint8_t kLongMark = 0xFF;
+constexpr std::size_t kMostLength = (std::size_t{1} << 24) - 1;
 
 void putReal(std::string& out, double real) {
   std::array<char, sizeof real> bytes;
@@ -85,65 +113,141 @@ void putDate(std::string& out, Date date) {
   }
 }
 
-// Attributes nest two levels; what nests deeper than a reader would follow is left out.
-void putValue(std::string& out, const Value& value, int depth = 0) {
-  switch (value.kind()) {
-    case Value::Kind::kNull:
-      break;
-    case Value::Kind::kBoolean:
-      out.push_back(*value.asBoolean() ? kTrue : kFalse);
-      break;
-    case Value::Kind::kInteger:
-      out.push_back(kInteger);
-      putSigned(out, *value.asInteger());
-      break;
-    case Value::Kind::kUnsigned:
-      out.push_back(kUnsigned);
-      putNumber(out, *value.asUnsigned());
-      break;
-    case Value::Kind::kReal:
-      out.push_back(kReal);
-      putReal(out, *value.asReal());
-      break;
-    case Value::Kind::kDate:
-      putDate(out, *value.asDate());
-      break;
-    case Value::Kind::kData:
-      out.push_back(kData);
-      putBytes(out, *value.asData());
-      break;
-    case Value::Kind::kText:
-      out.push_back(kText);
-      putBytes(out, *value.asText());
-      break;
-    case Value::Kind::kArray: {
-      const Array array = *value.asArray();
-      out.push_back(kArray);
-      putNumber(out, depth < kMostDepth ? array.size() : 0);
-      if (depth >= kMostDepth) break;
-      for (const Value& element : array) putValue(out, element, depth + 1);
-      break;
-    }
-    case Value::Kind::kDictionary: {
-      const Dictionary dictionary = *value.asDictionary();
-      out.push_back(kDictionary);
-      putNumber(out, depth < kMostDepth ? dictionary.size() : 0);
-      if (depth >= kMostDepth) break;
-      for (const Dictionary::Entry& entry : dictionary) {
-        putBytes(out, entry.key);
-        putValue(out, entry.value, depth + 1);
-      }
-      break;
-    }
-  }
+std::string_view body(std::string_view record) {
+  return record.size() < kChecksumSize ? std::string_view() : record.substr(kChecksumSize);
 }
 
+// Writes values. With a pool, what other messages have too becomes a number, and what stands in
+// the record already a reference; without one, values stand by themselves.
+class Writer {
+ public:
+  Writer(std::string& out, ValuePool* pool) : out_(out), pool_(pool) {}
+
+  void put(const Value& value, int depth = 0) {
+    switch (value.kind()) {
+      case Value::Kind::kNull:
+        break;
+      case Value::Kind::kBoolean:
+        out_.push_back(*value.asBoolean() ? kTrue : kFalse);
+        break;
+      case Value::Kind::kInteger:
+        out_.push_back(kInteger);
+        putSigned(out_, *value.asInteger());
+        break;
+      case Value::Kind::kUnsigned:
+        out_.push_back(kUnsigned);
+        putNumber(out_, *value.asUnsigned());
+        break;
+      case Value::Kind::kReal:
+        out_.push_back(kReal);
+        putReal(out_, *value.asReal());
+        break;
+      case Value::Kind::kDate:
+        putDate(out_, *value.asDate());
+        break;
+      case Value::Kind::kData:
+        out_.push_back(kData);
+        putBytes(out_, *value.asData());
+        break;
+      case Value::Kind::kText:
+        if (!putPooled(value)) putText(*value.asText());
+        break;
+      case Value::Kind::kArray:
+        if (!putPooled(value)) putArray(*value.asArray(), depth);
+        break;
+      case Value::Kind::kDictionary:
+        putDictionary(*value.asDictionary(), depth);
+        break;
+    }
+  }
+
+  /// What stood there has been taken out again.
+  void forgetFrom(std::size_t place) {
+    while (!earlier_.empty() && earlier_.back().place >= place) earlier_.pop_back();
+  }
+
+ private:
+  struct Earlier {
+    std::size_t place;
+    std::string text;
+  };
+
+  bool putPooled(const Value& value) {
+    if (pool_ == nullptr) return false;
+    scratch_.clear();
+    Writer(scratch_, nullptr).put(value);
+    if (scratch_.size() < kShortText || scratch_.size() > kLongestPooled) return false;
+    const auto number = pool_->intern(value, scratch_, /*always=*/false);
+    if (!number) return false;
+    out_.push_back(kPooled);
+    putNumber(out_, *number);
+    return true;
+  }
+
+  void putText(std::string_view text) {
+    if (pool_ != nullptr && text.size() >= kShortText) {
+      for (const Earlier& earlier : earlier_) {
+        if (putEarlier(earlier, text)) return;
+      }
+      earlier_.push_back({out_.size(), std::string(text)});
+    }
+    out_.push_back(kText);
+    putBytes(out_, text);
+  }
+
+  bool putEarlier(const Earlier& earlier, std::string_view text) {
+    const std::string_view known = earlier.text;
+    Tag tag = kEarlier;
+    if (text.size() == known.size() + 2 && text.front() == '<' && text.back() == '>' &&
+        text.substr(1, known.size()) == known) {
+      tag = kAngled;
+    } else if (text.starts_with("message:%3C") && text == messageUrl(known)) {
+      tag = kMessageUrl;
+    } else if (text != known) {
+      return false;
+    }
+    out_.push_back(static_cast<char>(tag));
+    putNumber(out_, earlier.place);
+    return true;
+  }
+
+  // Attributes nest two levels; what nests deeper than a reader would follow is left out.
+  void putArray(const Array& array, int depth) {
+    out_.push_back(kArray);
+    putNumber(out_, depth < kMostDepth ? array.size() : 0);
+    if (depth >= kMostDepth) return;
+    for (const Value& element : array) put(element, depth + 1);
+  }
+
+  void putDictionary(const Dictionary& dictionary, int depth) {
+    out_.push_back(kDictionary);
+    putNumber(out_, depth < kMostDepth ? dictionary.size() : 0);
+    if (depth >= kMostDepth) return;
+    for (const Dictionary::Entry& entry : dictionary) {
+      put(Value(entry.key), depth + 1);
+      put(entry.value, depth + 1);
+    }
+  }
+
+  std::string& out_;
+  ValuePool* const pool_;
+  std::string scratch_;
+  std::vector<Earlier> earlier_;
+};
+
+// Reads values, from a record or from one value by itself.
 class Reader {
  public:
-  explicit Reader(std::string_view bytes) : at_(bytes.data()), end_(bytes.data() + bytes.size()) {}
+  Reader(std::string_view whole, std::size_t at, std::size_t end, const ValuePool* pool)
+      : whole_(whole.data()), at_(whole.data() + at), end_(whole.data() + end), pool_(pool) {}
 
   bool ok() const { return ok_; }
   bool atEnd() const { return at_ == end_; }
+  std::size_t place() const { return static_cast<std::size_t>(at_ - whole_); }
+  void rewind(std::size_t place) { at_ = whole_ + place; }
+  void skip(std::size_t size) {
+    if (need(size)) at_ += size;
+  }
 
   std::uint8_t byte() { return need(1) ? static_cast<std::uint8_t>(*at_++) : std::uint8_t{0}; }
 
@@ -163,6 +267,14 @@ class Reader {
     return static_cast<std::int64_t>(zigzag >> 1) ^ -static_cast<std::int64_t>(zigzag & 1);
   }
 
+  std::size_t length() {
+    const std::uint8_t first = byte();
+    if (first != kLongMark) return first;
+    std::size_t size = 0;
+    for (std::size_t i = 0; i < 3; ++i) size |= std::size_t{byte()} << (8 * i);
+    return size;
+  }
+
   double real() {
     double value = 0;
     if (!need(sizeof value)) return value;
@@ -180,6 +292,7 @@ class Reader {
   }
 
   Value value(int depth = 0) {
+    const std::size_t begin = place();
     switch (byte()) {
       case kFalse:
         return Value(false);
@@ -198,16 +311,25 @@ class Reader {
       case kData:
         return Value(Data{std::string(bytes())});
       case kText:
-        return Value(bytes());
+        return remember(begin, Value(bytes()));
       case kArray:
         return array(depth);
       case kDictionary:
         return dictionary(depth);
-      case kConstant: {
-        const std::uint8_t place = byte();
-        if (place < constants().size()) return constants()[place];
+      case kPooled: {
+        const std::uint64_t place = number();
+        const ValuePool::Entry* entry = pool_ == nullptr || place > UINT32_MAX
+                                            ? nullptr
+                                            : pool_->at(static_cast<std::uint32_t>(place));
+        if (entry != nullptr) return entry->value;
         break;
       }
+      case kEarlier:
+        return earlier(begin);
+      case kAngled:
+        return remember(begin, Value("<" + std::string(*earlier(begin).asText()) + ">"));
+      case kMessageUrl:
+        return Value(messageUrl(*earlier(begin).asText()));
       default:
         break;
     }
@@ -216,12 +338,41 @@ class Reader {
   }
 
  private:
+  struct Read {
+    std::size_t place;
+    Value value;
+  };
+
   bool need(std::uint64_t size) {
     if (size > static_cast<std::uint64_t>(end_ - at_)) {
       ok_ = false;
       at_ = end_;
     }
     return ok_;
+  }
+
+  Value remember(std::size_t place, Value value) {
+    if (pool_ != nullptr) read_.push_back({place, value});
+    return value;
+  }
+
+  // The text at a place before `begin`; an empty one when there is none.
+  Value earlier(std::size_t begin) {
+    const std::uint64_t place = number();
+    if (place >= begin) {
+      ok_ = false;
+      return Value("");
+    }
+    for (const Read& one : read_) {
+      if (one.place == place) return one.value;
+    }
+    Reader reader({whole_, begin}, static_cast<std::size_t>(place), begin, pool_);
+    if (reader.byte() == kText) {
+      const std::string_view text = reader.bytes();
+      if (reader.ok()) return remember(static_cast<std::size_t>(place), Value(text));
+    }
+    ok_ = false;
+    return Value("");
   }
 
   // Each element takes a byte at least, so a count that cannot be is found before it is believed.
@@ -244,65 +395,219 @@ class Reader {
     std::vector<Dictionary::Entry> entries;
     entries.reserve(size);
     for (std::size_t i = 0; i < size && ok_; ++i) {
-      Text key(bytes());
-      entries.push_back({std::move(key), value(depth + 1)});
+      const std::optional<Text> key = value(depth + 1).asSharedText();
+      if (!key) ok_ = false;
+      if (ok_) entries.push_back({*key, value(depth + 1)});
     }
     return Value(Dictionary(std::move(entries)));
   }
 
+  const char* const whole_;
   const char* at_;
-  const char* end_;
+  const char* const end_;
+  const ValuePool* const pool_;
+  std::vector<Read> read_;
   bool ok_ = true;
 };
-
-std::string_view body(std::string_view record) {
-  return record.size() < kChecksumSize ? std::string_view() : record.substr(kChecksumSize);
-}
-
-bool isKnown(std::uint8_t number) {
-  return number < static_cast<std::uint8_t>(AttributeKey::kFetchedCount) ||
-         (number > static_cast<std::uint8_t>(AttributeKey::kBeforeQueryOnly) &&
-          number < static_cast<std::uint8_t>(AttributeKey::kEnd));
-}
 
 struct Item {
   AttributeKey key;
   const Value* value;
 };
 
+// In the order of the names.
 std::vector<Item> itemsOf(const Dictionary& attributes, const Dictionary& queryOnly) {
   std::vector<Item> items;
+  items.reserve(attributes.size() + queryOnly.size());
   for (const Dictionary* dictionary : {&attributes, &queryOnly}) {
     for (const Dictionary::Entry& entry : *dictionary) {
       const auto key = keyNamed(entry.key);
       if (key) items.push_back({*key, &entry.value});
     }
   }
-  std::sort(items.begin(), items.end(), [](const Item& a, const Item& b) { return a.key < b.key; });
+  std::sort(items.begin(), items.end(),
+            [](const Item& a, const Item& b) { return rankOf(a.key) < rankOf(b.key); });
   return items;
 }
 
-void putAttribute(std::string& out, const std::vector<Item>& items, std::size_t place) {
-  const Item& item = items[place];
-  if (mayBeConstant(item.key)) {
-    for (std::size_t i = 0; i < constants().size(); ++i) {
-      if (!Value::identical(constants()[i], *item.value)) continue;
-      out.push_back(kConstant);
-      out.push_back(static_cast<char>(i));
-      return;
+// Takes the attributes of the shape out of `items` and returns the shape's number.
+std::optional<std::uint32_t> takeShape(std::vector<Item>& items, ValuePool& pool) {
+  std::vector<Dictionary::Entry> shape;
+  for (const Item& item : items) {
+    if (isShapeAttribute(item.key)) shape.push_back({keyText(item.key), *item.value});
+  }
+  if (shape.empty()) return std::nullopt;
+  const Value whole{Dictionary(std::move(shape))};
+  const auto number = pool.intern(whole, encodeValue(whole), /*always=*/true);
+  if (number) {
+    std::erase_if(items, [](const Item& item) { return isShapeAttribute(item.key); });
+  }
+  return number;
+}
+
+// Text and arrays are often one object under several names.
+std::optional<AttributeKey> sameBefore(const std::vector<Item>& items, std::size_t place) {
+  const void* identity = items[place].value->identity();
+  for (std::size_t i = 0; identity != nullptr && i < place; ++i) {
+    if (items[i].value->identity() == identity) return items[i].key;
+  }
+  return std::nullopt;
+}
+
+// Whether it may well take more bytes than a short length says.
+bool mayBeLong(const Value& value) {
+  if (const auto text = value.asText()) return text->size() > kLongMark - 16U;
+  if (const auto array = value.asArray()) return array->size() > 4;
+  return value.asDictionary().has_value();
+}
+
+// False, and nothing is written, when the value is too long for its length.
+bool putItem(const Item& item, const std::optional<AttributeKey>& same, bool isLong, Writer& writer,
+             std::string& out) {
+  const std::size_t begin = out.size();
+  out.push_back(static_cast<char>(item.key));
+  out.append(isLong ? 4 : 1, static_cast<char>(kLongMark));
+  const std::size_t valueBegin = out.size();
+  if (same) {
+    out.push_back(kSameAs);
+    out.push_back(static_cast<char>(*same));
+  } else {
+    writer.put(*item.value);
+  }
+  const std::size_t length = out.size() - valueBegin;
+  if (length > (isLong ? kMostLength : kLongMark - 1U)) {
+    out.resize(begin);
+    writer.forgetFrom(begin);
+    return false;
+  }
+  for (std::size_t i = 0; isLong && i < 3; ++i) {
+    out[valueBegin - 3 + i] = static_cast<char>((length >> (8 * i)) & 0xFF);
+  }
+  if (!isLong) out[valueBegin - 1] = static_cast<char>(length);
+  return true;
+}
+
+// Walks the attributes of a record that stand in it, without their values.
+class Walk {
+ public:
+  Walk(std::string_view record, const ValuePool& pool)
+      : reader_(record, std::min(kChecksumSize, record.size()), record.size(), &pool) {
+    const std::uint64_t shape = reader_.number();
+    if (reader_.ok() && shape > 0 && shape <= UINT32_MAX) {
+      shape_ = pool.at(static_cast<std::uint32_t>(shape - 1));
+    }
+    if (shape_ != nullptr && shape_->keys.empty()) shape_ = nullptr;
+  }
+
+  const ValuePool::Entry* shape() const { return shape_; }
+  AttributeKey key() const { return static_cast<AttributeKey>(key_); }
+
+  /// To the next attribute with a known key; false at the end.
+  bool next() {
+    while (true) {
+      if (hasValue_) reader_.skip(end_ - std::min(end_, reader_.place()));
+      hasValue_ = false;
+      if (reader_.atEnd() || !reader_.ok()) return false;
+      key_ = reader_.byte();
+      const std::size_t size = reader_.length();
+      if (!reader_.ok()) return false;
+      end_ = reader_.place() + size;
+      hasValue_ = true;
+      if (isKnownKey(key_)) return true;
     }
   }
-  const void* identity = item.value->identity();
-  for (std::size_t i = 0; identity != nullptr && i < place; ++i) {
-    if (items[i].value->identity() != identity) continue;
-    out.push_back(kSameAs);
-    out.push_back(static_cast<char>(items[i].key));
-    return;
+
+  /// The value of the attribute in hand; once. Null when it is not well formed.
+  Value value(std::array<Value, kKeys>* seen) {
+    const std::size_t begin = reader_.place();
+    Value found;
+    if (reader_.byte() == kSameAs) {
+      const std::uint8_t other = reader_.byte();
+      if (seen != nullptr) {
+        found = (*seen)[other];
+      } else {
+        same_ = other;
+      }
+    } else {
+      reader_.rewind(begin);
+      found = reader_.value();
+    }
+    if (!reader_.ok() || reader_.place() != end_) return {};
+    if (seen != nullptr) (*seen)[key_] = found;
+    return found;
   }
-  putValue(out, *item.value);
+
+  std::optional<std::uint8_t> same() const { return same_; }
+
+ private:
+  Reader reader_;
+  const ValuePool::Entry* shape_ = nullptr;
+  std::uint8_t key_ = 0;
+  std::size_t end_ = 0;
+  bool hasValue_ = false;
+  std::optional<std::uint8_t> same_;
+};
+
+// Both halves of a record, in the order of the names.
+template <typename Visit>
+void visitRecord(std::string_view record, const ValuePool& pool, const Visit& visit) {
+  std::array<Value, kKeys> seen;
+  Walk walk(record, pool);
+  const Dictionary shape =
+      walk.shape() == nullptr ? Dictionary() : *walk.shape()->value.asDictionary();
+  const std::vector<AttributeKey> none;
+  const std::vector<AttributeKey>& keys = walk.shape() == nullptr ? none : walk.shape()->keys;
+  std::size_t place = 0;
+  const auto visitShapeBelow = [&](std::uint16_t rank) {
+    for (; place < keys.size() && rankOf(keys[place]) < rank; ++place) {
+      if (!visit(keys[place], shape.begin()[place].value)) return false;
+    }
+    return true;
+  };
+  while (walk.next()) {
+    const Value value = walk.value(&seen);
+    if (!visitShapeBelow(rankOf(walk.key()))) return;
+    if (!value.isNull() && !visit(walk.key(), value)) return;
+  }
+  visitShapeBelow(UINT16_MAX);
 }
 
 }  // namespace
+
+bool isShapeAttribute(AttributeKey key) noexcept {
+  switch (key) {
+    case AttributeKey::kBundleID:
+    case AttributeKey::kDeviceId:
+    case AttributeKey::kContentType:
+    case AttributeKey::kContentTypeTree:
+    case AttributeKey::kKind:
+    case AttributeKey::kAccountHandles:
+    case AttributeKey::kRead:
+    case AttributeKey::kFlagged:
+    case AttributeKey::kRepliedTo:
+    case AttributeKey::kPriority:
+    case AttributeKey::kGmailLabels:
+    case AttributeKey::kIsLikelyJunk:
+    case AttributeKey::kAttachmentTypes:
+    case AttributeKey::kMailAttachmentTypes:
+    case AttributeKey::kAttachmentKinds:
+    case AttributeKey::kFSOwnerUserID:
+    case AttributeKey::kOwnerUserID:
+    case AttributeKey::kFSOwnerGroupID:
+    case AttributeKey::kOwnerGroupID:
+    case AttributeKey::kFSInvisible:
+    case AttributeKey::kFSIsExtensionHidden:
+    case AttributeKey::kIsExtensionHidden:
+    case AttributeKey::kFSFinderFlags:
+    case AttributeKey::kFinderFlags:
+    case AttributeKey::kFSLabel:
+    case AttributeKey::kFinderLabel:
+    case AttributeKey::kMailboxes:
+      return true;
+    default:
+      return false;
+  }
+}
 
 std::uint64_t fingerprint(std::string_view bytes) noexcept {
   constexpr std::uint64_t kFirst = 0x9E3779B97F4A7C15;
@@ -324,15 +629,20 @@ std::uint64_t fingerprint(std::string_view bytes) noexcept {
   return hash;
 }
 
-std::string encodeRecord(const Dictionary& attributes, const Dictionary& queryOnly) {
-  const std::vector<Item> items = itemsOf(attributes, queryOnly);
+std::string encodeRecord(const Dictionary& attributes, const Dictionary& queryOnly,
+                         ValuePool& pool) {
+  std::vector<Item> items = itemsOf(attributes, queryOnly);
   std::string out(kChecksumSize, '\0');
-  std::string value;
+  const auto shape = takeShape(items, pool);
+  putNumber(out, shape ? std::uint64_t{*shape} + 1 : 0);
+  Writer writer(out, &pool);
   for (std::size_t i = 0; i < items.size(); ++i) {
-    value.clear();
-    putAttribute(value, items, i);
-    out.push_back(static_cast<char>(items[i].key));
-    putBytes(out, value);
+    const auto same = sameBefore(items, i);
+    // A second try would let the pool see its values a second time.
+    const bool isLong = !same && mayBeLong(*items[i].value);
+    if (!putItem(items[i], same, isLong, writer, out) && !isLong) {
+      putItem(items[i], same, /*isLong=*/true, writer, out);
+    }
   }
   const auto checksum = static_cast<std::uint32_t>(fingerprint(body(out)));
   std::memcpy(out.data(), &checksum, kChecksumSize);
@@ -346,41 +656,67 @@ bool isIntactRecord(std::string_view record) noexcept {
   return stored == static_cast<std::uint32_t>(fingerprint(body(record)));
 }
 
-Value recordValue(std::string_view record, AttributeKey key) {
-  Reader reader(body(record));
-  while (!reader.atEnd() && reader.ok()) {
-    const std::uint8_t number = reader.byte();
-    const std::string_view bytes = reader.bytes();
-    if (number != static_cast<std::uint8_t>(key)) continue;
-    if (bytes.size() == 2 && bytes[0] == kSameAs) {
-      const auto other = static_cast<AttributeKey>(bytes[1]);
-      return other < key ? recordValue(record, other) : Value();
-    }
-    Reader value(bytes);
-    Value found = value.value();
-    return value.ok() ? found : Value();
+std::optional<std::uint32_t> recordShape(std::string_view record) noexcept {
+  Reader reader(record, std::min(kChecksumSize, record.size()), record.size(), nullptr);
+  const std::uint64_t shape = reader.number();
+  if (!reader.ok() || shape == 0 || shape > UINT32_MAX) return std::nullopt;
+  return static_cast<std::uint32_t>(shape - 1);
+}
+
+Value recordValue(std::string_view record, AttributeKey key, const ValuePool& pool) {
+  Walk walk(record, pool);
+  if (walk.shape() != nullptr && isShapeAttribute(key)) {
+    const auto& keys = walk.shape()->keys;
+    const auto found = std::find(keys.begin(), keys.end(), key);
+    if (found == keys.end()) return {};
+    return walk.shape()->value.asDictionary()->begin()[found - keys.begin()].value;
+  }
+  while (walk.next()) {
+    if (walk.key() != key) continue;
+    Value found = walk.value(nullptr);
+    if (!walk.same()) return found;
+    const auto other = static_cast<AttributeKey>(*walk.same());
+    // Only what stands before can be meant, so this comes to an end.
+    return isKnownKey(*walk.same()) && rankOf(other) < rankOf(key)
+               ? recordValue(record, other, pool)
+               : Value();
   }
   return {};
 }
 
-void forEachInRecord(std::string_view record,
+void forEachInRecord(std::string_view record, const ValuePool& pool,
                      const std::function<bool(AttributeKey key, const Value& value)>& visit) {
-  std::array<Value, 256> seen;
-  Reader reader(body(record));
-  while (!reader.atEnd() && reader.ok()) {
-    const std::uint8_t number = reader.byte();
-    const std::string_view bytes = reader.bytes();
-    if (!reader.ok() || !isKnown(number)) continue;
-    if (bytes.size() == 2 && bytes[0] == kSameAs) {
-      seen[number] = seen[static_cast<std::uint8_t>(bytes[1])];
-    } else {
-      Reader value(bytes);
-      seen[number] = value.value();
-      if (!value.ok()) continue;
+  visitRecord(record, pool, visit);
+}
+
+Dictionary recordAttributes(std::string_view record, const ValuePool& pool,
+                            const Dictionary::Entry& more) {
+  std::vector<Dictionary::Entry> entries;
+  entries.reserve(static_cast<std::size_t>(AttributeKey::kFetchedCount));
+  bool isMoreIn = false;
+  const std::uint16_t rankOfMore = rankOf(keyNamed(more.key).value_or(AttributeKey::kExternalID));
+  visitRecord(record, pool, [&](AttributeKey key, const Value& value) {
+    if (!isMoreIn && rankOf(key) > rankOfMore) {
+      entries.push_back(more);
+      isMoreIn = true;
     }
-    if (seen[number].isNull()) continue;
-    if (!visit(static_cast<AttributeKey>(number), seen[number])) return;
-  }
+    if (!isQueryOnly(key)) entries.push_back({keyText(key), value});
+    return true;
+  });
+  if (!isMoreIn) entries.push_back(more);
+  return Dictionary(std::move(entries));
+}
+
+std::string encodeValue(const Value& value) {
+  std::string out;
+  Writer(out, nullptr).put(value);
+  return out;
+}
+
+Value decodeValue(std::string_view bytes) {
+  Reader reader(bytes, 0, bytes.size(), nullptr);
+  Value found = reader.value();
+  return reader.ok() && reader.atEnd() ? found : Value();
 }
 
 }  // namespace thmp

@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The tables of the search index, and what is written to them; Index puts it together.
+//
+//   files       what is remembered of each message's file, and a mark for its words
+//   records     the attributes: message_record.h
+//   pool        values that many records share: ValuePool.h
+//   words       the words, by place: WordTable.h
+//   stale       IDs under which `words` has what the message no longer says, or one that is gone
+//   incomplete  why a message was not read whole
+//   failed      files that could not be opened, by the place they were found from
+//   marks       when an update last came to its end
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "base/error.h"
+#include "base/result.h"
+#include "host/index/ValuePool.h"
+#include "host/index/WordTable.h"
+#include "host/index/index_types.h"
+#include "host/store/sqlite_connection.h"
+
+namespace thmp {
+
+/// Opens the index in the file at `path` for writing; makes it when it is missing, and anew when it
+/// is damaged or of another version.
+Result<std::unique_ptr<Connection>> openIndexTables(const std::string& path);
+
+/// Whether a reader finds tables of this version.
+bool areIndexTables(Connection& reader);
+
+/// Gives the files at `path` another name, or takes them away.
+void setIndexAside(const std::string& path);
+void removeIndexFiles(const std::string& path);
+
+bool isDamage(int sqliteCode);
+
+/// What one commit means for those who keep the index in memory.
+struct RowChange {
+  enum class Kind : std::uint8_t { kPut, kPutShape, kRemove };
+  Kind kind = Kind::kPut;
+  std::int64_t id = 0;
+  std::int64_t mailbox = 0;
+  std::string record;
+  bool isStale = false;
+};
+
+struct IndexChanges {
+  IndexChange told;
+  std::vector<RowChange> rows;
+};
+
+/// The words of a message as the table takes them.
+MessageWords wordsOf(const IndexEntry& entry);
+
+// Each within a transaction. False when it could not be written.
+bool putEntry(Connection& writer, const IndexEntry& entry, ValuePool& pool, IndexChanges& changes);
+bool removeEntry(Connection& writer, std::int64_t id, IndexChanges& changes);
+
+}  // namespace thmp
