@@ -10,6 +10,8 @@
 #include <array>
 #include <cerrno>
 
+#include "platform/linux/posix_io.h"
+
 namespace thmp::client {
 
 Result<std::unique_ptr<Wakeups>> Wakeups::open() {
@@ -18,7 +20,8 @@ Result<std::unique_ptr<Wakeups>> Wakeups::open() {
   std::unique_ptr<Wakeups> wakeups(new Wakeups(*std::move(events)));
   sigset_t ending;
   sigemptyset(&ending);
-  for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&ending, number);
+  for (const int number : {SIGINT, SIGTERM}) sigaddset(&ending, number);
+  if (!isIgnored(SIGHUP)) sigaddset(&ending, SIGHUP);
   sigprocmask(SIG_BLOCK, &ending, nullptr);
   wakeups->signals_ = Descriptor(::signalfd(-1, &ending, SFD_CLOEXEC | SFD_NONBLOCK));
   if (!wakeups->signals_) return Error::posix(errno, "cannot wait for signals");

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What a command waits for: changes in folders, a signal to end, a reader of standard output that
-// has gone, or time. From open() on SIGINT, SIGTERM and SIGHUP are blocked. One thread.
+// has gone, or time. From open() on SIGINT, SIGTERM and SIGHUP are blocked, the last unless it was
+// ignored, as nohup(1) has it. One thread.
 #pragma once
 
 #include <chrono>

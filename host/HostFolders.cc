@@ -98,10 +98,7 @@ Result<std::unique_ptr<HostLock>> HostLock::take(const std::string& path,
   if (descriptor < 0) return Error::posix(errno, "cannot open " + path);
   std::unique_ptr<HostLock> lock(new HostLock(descriptor));
   if (!lockExclusively(descriptor)) {
-    return Error{"THMPHost", 1,
-                 writtenHolder(descriptor).text() +
-                     " keeps the index of this data folder up to date; end it first",
-                 nullptr};
+    return Error{"THMPHost", 1, writtenHolder(descriptor).refusal(), nullptr};
   }
   const std::string line = fmt::format("{} {}", command, ::getpid());
   if (::ftruncate(descriptor, 0) != 0 ||
@@ -114,6 +111,10 @@ Result<std::unique_ptr<HostLock>> HostLock::take(const std::string& path,
 std::string HostLock::Holder::text() const {
   if (process == 0) return "another process";
   return fmt::format("process {} (tallyhive-mailhost {})", process, command);
+}
+
+std::string HostLock::Holder::refusal() const {
+  return text() + " keeps the index of this data folder up to date; end it first";
 }
 
 std::optional<HostLock::Holder> HostLock::holder(const std::string& path) {

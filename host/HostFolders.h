@@ -42,6 +42,8 @@ class HostLock {
     std::int64_t process = 0;
     /// "process 4711 (tallyhive-mailhost serve)"
     std::string text() const;
+    /// Why no other process may write library and index now, and what to do.
+    std::string refusal() const;
   };
   /// Who holds it now; empty when nobody does. Holds it shared for the moment of the look.
   static std::optional<Holder> holder(const std::string& path);

@@ -5,12 +5,22 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
 #include <utility>
 
+#include "host/progress_text.h"
+
 namespace thmp {
 namespace {
+
+// How long a first update goes on without a word.
+constexpr std::chrono::seconds kBetweenLines{10};
+
+// After an update that failed, twice as long each time.
+constexpr std::chrono::seconds kFirstRetry{1};
+constexpr std::chrono::seconds kLastRetry{60};
 
 void merge(MailChanges& into, const MailChanges& changes) {
   into.everything = into.everything || changes.everything;
@@ -77,35 +87,54 @@ void MailKeeper::work() noexcept {
     say("the index cannot be read: " + prepared.error().text());
   }
   while (true) {
-    MailChanges changes;
     bool remakeNow = false;
     {
       const Lock lock(mutex_);
-      while (!stopped_ && !remakeWanted_ && changes_.empty()) wake_.wait(mutex_);
-      if (stopped_) return;
-      changes = std::exchange(changes_, {});
+      if (!waitForWork()) return;
+      merge(inHand_, std::exchange(changes_, {}));
       remakeNow = std::exchange(remakeWanted_, false);
     }
     try {
       if (remakeNow || index_.isDamaged()) remake();
-      if (changes.everything) {
-        updateAll();
-      } else if (!changes.empty()) {
-        update(changes);
-      }
+      settle(inHand_.everything ? updateAll() : update(inHand_));
     } catch (const std::exception& failure) {
-      say(fmt::format("the index could not be brought up to date: {}", failure.what()));
+      settle(std::string(failure.what()));
     }
   }
 }
 
-void MailKeeper::updateAll() {
-  const auto begun = std::chrono::steady_clock::now();
-  const Result<Coverage> coverage = indexer_.update();
-  if (!coverage) {
-    say("the index could not be brought up to date: " + coverage.error().text());
-    return;
+bool MailKeeper::waitForWork() {
+  const auto retry = std::chrono::steady_clock::now() + untilRetry_;
+  while (!stopped_ && !remakeWanted_ && changes_.empty()) {
+    if (inHand_.empty()) {
+      wake_.wait(mutex_);
+    } else if (wake_.wait_until(mutex_, retry) == std::cv_status::timeout) {
+      break;
+    }
   }
+  return !stopped_;
+}
+
+void MailKeeper::settle(const std::string& failure) {
+  if (failure.empty()) {
+    if (!failure_.empty()) say("the index is brought up to date again");
+    inHand_ = {};
+    untilRetry_ = {};
+  } else {
+    // The same reason again is no news.
+    if (failure != failure_) say("the index could not be brought up to date: " + failure);
+    untilRetry_ = std::clamp(untilRetry_ * 2, kFirstRetry, kLastRetry);
+  }
+  failure_ = failure;
+}
+
+std::string MailKeeper::updateAll() {
+  const auto begun = std::chrono::steady_clock::now();
+  Pace pace(kBetweenLines, begun);
+  const Result<Coverage> coverage = indexer_.update([&](const IndexProgress& progress) {
+    if (pace.isDue(std::chrono::steady_clock::now())) say("indexing: " + progressText(progress));
+  });
+  if (!coverage) return coverage.error().text();
   const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - begun;
   say(
       fmt::format("the index is up to date: seen {}, indexed {}, unchanged {}, removed {}, "
@@ -113,12 +142,13 @@ void MailKeeper::updateAll() {
                   "{:.2f} s",
                   coverage->seen, coverage->indexed, coverage->unchanged, coverage->removed,
                   coverage->incomplete, coverage->failed, elapsed.count()));
+  return {};
 }
 
-void MailKeeper::update(const MailChanges& changes) {
-  if (const Result<Coverage> coverage = indexer_.update(changes); !coverage) {
-    say("the index could not be brought up to date: " + coverage.error().text());
-  }
+std::string MailKeeper::update(const MailChanges& changes) {
+  if (changes.empty()) return {};
+  const Result<Coverage> coverage = indexer_.update(changes);
+  return coverage ? std::string() : coverage.error().text();
 }
 
 void MailKeeper::remake() {
@@ -130,7 +160,7 @@ void MailKeeper::remake() {
     lost_ = !made;
   }
   if (made) {
-    updateAll();
+    inHand_.everything = true;
   } else {
     say("the index could not be made anew: " + made.error().text());
   }

@@ -5,6 +5,7 @@
 // it on one thread of its own, so that neither the plug-in nor a search ever waits for it.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -40,8 +41,13 @@ class MailKeeper {
 
  private:
   void work() noexcept;
-  void updateAll();
-  void update(const MailChanges& changes);
+  /// False when it is to end.
+  bool waitForWork() THMP_REQUIRES(mutex_);
+  /// Both give the reason when they fail; empty otherwise.
+  std::string updateAll();
+  std::string update(const MailChanges& changes);
+  /// Keeps what failed for another try.
+  void settle(const std::string& failure);
   void remake();
   void say(const std::string& line);
 
@@ -50,6 +56,11 @@ class MailKeeper {
   Indexer indexer_;
   ChangeFeed feed_;
   std::thread thread_;
+
+  // The keeper's thread alone.
+  MailChanges inHand_;  // taken up and not yet done
+  std::string failure_;
+  std::chrono::seconds untilRetry_{0};
 
   Mutex mutex_;
   ConditionVariable wake_;

@@ -7,18 +7,24 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <system_error>
+#include <utility>
 #include <vector>
 
 #include "host/HostFolders.h"
 #include "host/commands.h"
 #include "host/index/Index.h"
 #include "host/index/Indexer.h"
+#include "host/progress_text.h"
 #include "host/store/Library.h"
 #include "platform/linux/LinuxLog.h"
 #include "platform/linux/LinuxPreferences.h"
+#include "platform/linux/posix_io.h"
 
 namespace thmp {
 namespace {
@@ -26,6 +32,30 @@ namespace {
 struct IndexOptions {
   std::vector<std::string> mail;
   bool dryRun = false;
+};
+
+// Stands in for the folders of a library and an index that are not there, when all is only counted.
+class PassingFolder {
+ public:
+  PassingFolder() = default;
+  ~PassingFolder() {
+    std::error_code failure;
+    if (!path_.empty()) std::filesystem::remove_all(path_, failure);
+  }
+  PassingFolder(const PassingFolder&) = delete;
+  PassingFolder& operator=(const PassingFolder&) = delete;
+
+  /// Made at the first call; what cannot be made is missed by whoever uses it.
+  const std::string& path() {
+    if (path_.empty()) {
+      path_ = std::filesystem::temp_directory_path() / "tallyhive-XXXXXX";
+      ::mkdtemp(path_.data());
+    }
+    return path_;
+  }
+
+ private:
+  std::string path_;
 };
 
 // For the signal handler alone.
@@ -40,7 +70,8 @@ extern "C" void interruptIndexing(int) {
 void listenForInterruption() {
   struct sigaction action {};
   action.sa_handler = interruptIndexing;
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) ::sigaction(signal, &action, nullptr);
+  for (const int signal : {SIGINT, SIGTERM}) ::sigaction(signal, &action, nullptr);
+  if (!isIgnored(SIGHUP)) ::sigaction(SIGHUP, &action, nullptr);  // nohup
 }
 
 // A bar that draws itself over on standard error, ten times a second at most; nothing where that is
@@ -55,8 +86,7 @@ class ProgressBar {
     if (!terminal_ || now - last_ < std::chrono::milliseconds(100)) return;
     last_ = now;
     drawn_ = true;
-    const std::string text = fmt::format("{} of {}, {:.0f} a second{}", progress.seen,
-                                         progress.total, progress.rate, remaining(progress));
+    const std::string text = progressText(progress);
     const std::size_t room = columns() - 1;
     fmt::print(stderr, "\r\x1b[K{}{}", bar(progress, room - std::min(room, text.size())),
                std::string_view(text).substr(0, room));
@@ -79,13 +109,6 @@ class ProgressBar {
     const std::uint64_t total = std::max<std::uint64_t>(progress.total, 1);
     const std::uint64_t filled = std::min<std::uint64_t>(progress.seen * width / total, width);
     return fmt::format("[{:#<{}}{:.<{}}] ", "", filled, "", width - filled);
-  }
-
-  static std::string remaining(const IndexProgress& progress) {
-    if (progress.rate < 1 || progress.total <= progress.seen) return {};
-    const double seconds = static_cast<double>(progress.total - progress.seen) / progress.rate;
-    if (seconds < 90) return fmt::format(", {:.0f} s left", seconds);
-    return fmt::format(", {:.0f} min left", seconds / 60);
   }
 
   const bool terminal_ = ::isatty(STDERR_FILENO) == 1;
@@ -131,9 +154,15 @@ void tellOfFoldersWithoutMail(const std::vector<std::string>& roots, const Libra
 int index(const IndexOptions& options) {
   listenForInterruption();
   const XdgFolders xdg = XdgFolders::fromEnvironment();
-  const HostFolders folders(xdg);
-  const auto lock = HostLock::take(folders.lock, "index");
-  if (!lock) return failWith(kExitFailure, lock.error().description);
+  HostFolders folders(xdg);
+  std::unique_ptr<HostLock> lock;
+  if (!options.dryRun) {
+    auto taken = HostLock::take(folders.lock, "index");
+    if (!taken) return failWith(kExitFailure, taken.error().description);
+    lock = *std::move(taken);
+  } else if (const auto holder = HostLock::holder(folders.lock)) {
+    return failWith(kExitFailure, holder->refusal());
+  }
 
   LinuxLog log("tallyhive-mailhost");
   std::vector<std::string> roots;
@@ -147,6 +176,13 @@ int index(const IndexOptions& options) {
   if (roots.empty())
     return failWith(kExitUsage, "no mail folder is known yet; name one with --mail DIR");
 
+  PassingFolder passing;
+  if (options.dryRun) {
+    for (std::string* file : {&folders.library, &folders.index}) {
+      if (::access(file->c_str(), F_OK) != 0)
+        *file = passing.path() + file->substr(file->rfind('/'));
+    }
+  }
   const auto library = Library::open(folders.library, Library::Access::kReadWrite);
   if (!library) return failWith(kExitFailure, library.error().description);
   const auto messages = Index::open(folders.index, Index::Access::kReadWrite);

@@ -18,6 +18,7 @@
 #include "host/local_time.h"
 #include "host/store/Library.h"
 #include "platform/linux/LinuxPlatform.h"
+#include "platform/linux/posix_io.h"
 
 namespace thmp {
 namespace {
@@ -90,7 +91,10 @@ int serve(const ServeOptions& options) {
   theHost = new Host(xdg, *std::move(lock));
   Host& host = *theHost;
   MainLoop& loop = host.linux.execution().mainQueue();
-  loop.watchSignals({SIGTERM, SIGINT, SIGUSR1}, [&host](int signal) { received(host, signal); });
+  // A terminal that is closed ends what was started in it, unless by nohup.
+  const int hangUp = isIgnored(SIGHUP) ? SIGTERM : SIGHUP;
+  loop.watchSignals({SIGTERM, SIGINT, hangUp, SIGUSR1},
+                    [&host](int signal) { received(host, signal); });
 
   Result<std::vector<std::string>> roots =
       chooseMailFolders(options.mail, host.linux.preferences());

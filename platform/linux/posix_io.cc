@@ -3,6 +3,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/random.h>
 
 #include <cstdlib>
@@ -245,6 +246,11 @@ std::string randomHex(std::size_t count) {
     hex += kDigits[value & 15];
   }
   return hex;
+}
+
+bool isIgnored(int signal) {
+  struct sigaction action = {};
+  return ::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
 }
 
 }  // namespace thmp

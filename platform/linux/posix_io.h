@@ -61,4 +61,7 @@ bool removeTree(int folder, const std::string& name);
 /// `count` random bytes of the kernel as lower-case hexadecimal digits.
 std::string randomHex(std::size_t count);
 
+/// Whether the process ignores the signal, as nohup(1) has it do.
+bool isIgnored(int signal);
+
 }  // namespace thmp

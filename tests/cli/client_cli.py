@@ -24,8 +24,8 @@ from world import CLIENT, PATIENCE, PREFIX, Scenario, wait_for
 class Running:
     """The client in the background, its standard output read line by line as it comes."""
 
-    def __init__(self, world, *arguments):
-        self.process = subprocess.Popen([str(CLIENT), *map(str, arguments)], env=world.environment,
+    def __init__(self, world, *arguments, prefix=()):
+        self.process = subprocess.Popen([*prefix, str(CLIENT), *map(str, arguments)], env=world.environment,
                                         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
 
     def line(self):
@@ -86,8 +86,8 @@ class WithAHost(Scenario):
         self.second = self.world.deliver("Apple tree", sender="Bruno <bruno@example.org>", flags="FS")
         self.host = self.world.serve()
 
-    def running(self, *arguments):
-        client = Running(self.world, *arguments)
+    def running(self, *arguments, **options):
+        client = Running(self.world, *arguments, **options)
 
         def end():
             if client.process.poll() is None:
@@ -532,8 +532,8 @@ class Logging(WithAHost):
 
 
 class Living(WithAHost):
-    def live(self, *arguments):
-        client = self.running("search", "--live", "--json", *(arguments or ("subject:plum",)))
+    def live(self, *arguments, **options):
+        client = self.running("search", "--live", "--json", *(arguments or ("subject:plum",)), **options)
         self.assertEqual(client.event()["event"], "start")
         self.assertEqual(client.event()["event"], "found")
         self.assertEqual(client.event()["event"], "gathered")
@@ -555,6 +555,13 @@ class Living(WithAHost):
                 client = self.live()
                 self.assertEqual(client.end(number), status)
                 self.host.wait_for_line("THMPMailPlugin cancel query", cancelled + 1)
+
+    def test_closed_terminal_may_be_ignored(self):
+        client = self.live(prefix=("sh", "-c", 'trap "" HUP; exec "$@"', "sh"))  # as nohup(1) starts programs
+        client.process.send_signal(signal.SIGHUP)
+        self.world.deliver("Plum tree")
+        self.assertEqual(client.event()["event"], "found")
+        self.assertEqual(client.end(signal.SIGINT), 130)
 
     def test_closed_output_is_a_quiet_cancel(self):
         client = self.live()

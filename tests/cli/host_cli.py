@@ -31,7 +31,12 @@ class Indexing(Scenario):
 
     def test_dry_run_only_counts(self):
         self.world.deliver_many(3)
+        temporary = self.world.root / "tmp"
+        temporary.mkdir()
+        self.world.environment["TMPDIR"] = str(temporary)
         self.assertIn("seen 3, indexed 3", self.world.index("--dry-run", "--mail", self.world.mail))
+        for folder in (*self.world.folders.values(), temporary):
+            self.assertEqual(list(folder.iterdir()), [], "something was made")
         self.assertEqual(self.world.run(HOST, "find", '* == "*"').returncode, 1)
         self.assertEqual(self.world.run(HOST, "index").returncode, 2, "its mail folders were remembered")
         self.assertIn("seen 3, indexed 3", self.world.index())

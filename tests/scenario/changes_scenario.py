@@ -9,6 +9,7 @@ import json
 import os
 import shutil
 import signal
+import sqlite3
 import subprocess
 import unittest
 
@@ -55,6 +56,19 @@ class ChangingMail(Scenario):
     def serve(self, **options):
         self.host = self.world.serve("--mail", str(self.world.mail), **options)
         self.live = LiveQuery(self.world)
+        self.check()
+
+    def test_update_that_fails_is_tried_again_without_a_further_change(self):
+        self.serve()
+
+        def rename(name, to):
+            with contextlib.closing(sqlite3.connect(self.world.library)) as library:
+                library.execute(f"ALTER TABLE {name} RENAME TO {to}")
+        rename("messages", "elsewhere")
+        self.world.deliver("Late")
+        self.host.wait_for_line("the index could not be brought up to date")
+        rename("elsewhere", "messages")
+        self.host.wait_for_line("the index is brought up to date again")
         self.check()
 
     def on_disk(self):

@@ -127,6 +127,14 @@ class Quitting(Scenario):
         self.assertEqual(info["compatibilityVersion"], 1)
         self.assertEqual(self.world.pasteboard_names(), [])
 
+    def test_closed_terminal_is_a_quit_unless_it_was_to_be_ignored(self):
+        self.assertEqual(self.host.quit(signal.SIGHUP), 0)
+        self.assertEqual(len(self.quits()), 1)
+        host = self.world.serve(prefix=("sh", "-c", 'trap "" HUP; exec "$@"', "sh"))  # as nohup(1) starts programs
+        host.send(signal.SIGHUP)
+        self.world.client().connect()
+        self.assertEqual(host.quit(), 0)
+
     def test_quit_without_queries_names_none(self):
         self.assertEqual(self.host.quit(signal.SIGINT), 0)
         self.assertEqual([info["activeNames"] for info in self.quits()], [[]])
