@@ -6,8 +6,9 @@
 #include <utility>
 
 #include "base/format.h"
+#include "base/plist.h"
+#include "messaging/message_names.h"
 #include "search/query_log.h"
-#include "search/query_messages.h"
 
 namespace thmp {
 
@@ -46,6 +47,34 @@ class ResultBatches::Loan {
 
 namespace {
 
+bool isUnwritable(const Error& error) {
+  return error.domain == kPropertyListErrorDomain &&
+         error.code == static_cast<std::int64_t>(PropertyListError::kNotWritable);
+}
+
+bool isWritable(const Value& value) { return writeBinaryPropertyList(value).has_value(); }
+
+/// The batch without what no property list can hold: it costs an item the attribute, no more.
+Dictionary writablePart(Dictionary batch) {
+  std::vector<Value> messages;
+  for (const Value& message : batch["messages"].asArray().value_or(Array())) {
+    std::vector<Dictionary::Entry> attributes;
+    for (const auto& [name, value] : message["attributes"].asDictionary().value_or(Dictionary())) {
+      if (isWritable(value)) attributes.push_back({name, value});
+    }
+    Dictionary item = message.asDictionary().value_or(Dictionary());
+    item.set("attributes", Dictionary(std::move(attributes)));
+    messages.emplace_back(std::move(item));
+  }
+  if (batch.contains("messages")) batch.set("messages", Array(std::move(messages)));
+  std::vector<Value> identifiers;
+  for (const Value& identifier : batch["messageIDs"].asArray().value_or(Array())) {
+    if (isWritable(identifier)) identifiers.push_back(identifier);
+  }
+  if (batch.contains("messageIDs")) batch.set("messageIDs", Array(std::move(identifiers)));
+  return batch;
+}
+
 Array pendingSummary(const std::vector<PendingBatch>& pending) {
   Array summary;
   summary.reserve(pending.size());
@@ -80,11 +109,15 @@ Dictionary ResultBatches::batch(const THMPMailPluginQuery& record, const Loan& l
                     {"clientName", request_.clientName}};
 }
 
-bool ResultBatches::write(const Loan& loan, const char* type, const Value& batch) {
+bool ResultBatches::write(const Loan& loan, const char* type, const Dictionary& batch) {
   Pasteboard& board = loan.pasteboard()->board();
   board.declareType(type);
   Error error;
-  if (!board.setPropertyList(batch, type, &error)) {
+  bool written = board.setPropertyList(batch, type, &error);
+  if (!written && isUnwritable(error)) {
+    written = board.setPropertyList(writablePart(batch), type, &error);
+  }
+  if (!written) {
     const std::array<LogArg, 1> arguments = {LogArg(error)};
     mediator_.logOwnLine(
         formatLog("tallyhive: a batch could not be written and is dropped: %@", arguments));
@@ -108,7 +141,7 @@ void ResultBatches::postResultsBatch(const Record& record, const std::vector<Fou
     Dictionary content = batch(*record, loan);
     content.set("messages", itemDictionaries(items));
     content.set("foundItemCount", foundItemCount);
-    if (!write(loan, query_messages::kResultsBatch, content)) return;
+    if (!write(loan, kResultsBatchType, content)) return;
   }
   if (!registry_.appendPendingIfAlive(*record,
                                       {batchName, loan.batchNumber(), loan.pasteboard()})) {
@@ -118,7 +151,7 @@ void ResultBatches::postResultsBatch(const Record& record, const std::vector<Fou
   if (mediator_.logLevel() > 1) {
     writeSystemLog(batchName, resultsBatchNumber_, items.size(), foundItemCount);
   }
-  announce(query_messages::kQueryHasUpdates, payload, batchName, items.size(), record);
+  announce(kQueryHasUpdatesName, payload, batchName, items.size(), record);
 }
 
 void ResultBatches::postRemovalBatch(const Record& record, const Array& identifiers) {
@@ -129,12 +162,11 @@ void ResultBatches::postRemovalBatch(const Record& record, const Array& identifi
 
   Dictionary content = batch(*record, loan);
   content.set("messageIDs", identifiers);
-  if (!write(loan, query_messages::kRemovalBatch, content)) return;
+  if (!write(loan, kRemovalBatchType, content)) return;
   if (!registry_.isAlive(*record)) return;
   // Deliberate: no pending entry, so that neither Clear nor the query's end returns it to the pool.
   loan.keep();
-  announce(query_messages::kQueryHasRemovals, messagePayload(loan), batchName, identifiers.size(),
-           record);
+  announce(kQueryHasRemovalsName, messagePayload(loan), batchName, identifiers.size(), record);
 }
 
 void ResultBatches::writeSystemLog(const std::string& batchName, std::uint64_t batchNumber,

@@ -40,7 +40,7 @@ class ResultBatches {
 
   Dictionary messagePayload(const Loan& loan) const;
   Dictionary batch(const THMPMailPluginQuery& record, const Loan& loan) const;
-  bool write(const Loan& loan, const char* type, const Value& batch);
+  bool write(const Loan& loan, const char* type, const Dictionary& batch);
   void writeSystemLog(const std::string& batchName, std::uint64_t batchNumber,
                       std::size_t messageCount, std::uint64_t foundItemCount);
   /// Logs and posts; the number in the log line is that of results batches for both kinds.

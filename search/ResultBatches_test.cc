@@ -3,6 +3,8 @@
 // What stands on a batch's pasteboard and in its message.
 #include "search/ResultBatches.h"
 
+#include <limits>
+
 #include "search/search_fixture.h"
 
 namespace thmp {
@@ -231,13 +233,23 @@ TEST_F(Batches, CancelReturnsEveryPendingPasteboardOldestFirst) {
   EXPECT_THAT(names, ElementsAre("pb-1", "pb-2", "pb-3"));
 }
 
-TEST_F(Batches, ValueThatHasNoFormDropsItsBatchOnly) {
-  // An engine's array with a hole in it.
-  SpotlightItem odd{"x", {{"hole", Array{Value()}}}, "/mail/x.eml"};
-  query_->deliver({odd});
-  query_->deliver(items(1, 1));
-  EXPECT_TRUE(registry_.isAlive("q"));
-  EXPECT_EQ(numbers(updates(), "batchNumber").back(), static_cast<std::int64_t>(updates().size()));
+TEST_F(Batches, ValueThatHasNoFormIsLeftOutAndCostsNoItem) {
+  // An engine's array with a hole in it, and a date that is none.
+  const Date never{std::numeric_limits<double>::quiet_NaN()};
+  std::vector<SpotlightItem> delivered = items(1, 2);
+  delivered[0].attributes.set("hole", Array{"a", Value()});
+  delivered[0].attributes.set("never", Value(never));
+  query_->deliver(delivered);
+  ASSERT_EQ(updates().size(), 1U);
+  const Array messages = *batchOf(updates()[0])["messages"].asArray();
+  ASSERT_EQ(messages.size(), 2U);
+  for (const Value& message : messages) {
+    EXPECT_FALSE(message["attributes"].asDictionary()->contains("hole"));
+    EXPECT_FALSE(message["attributes"].asDictionary()->contains("never"));
+    EXPECT_TRUE(message["attributes"].asDictionary()->contains("kMDItemPath"));
+  }
+  query_->removed(Array{"1", Value(), Value(never)});
+  EXPECT_EQ(batchOf(removals()[0], kRemovalType)["messageIDs"], Value(Array{"1"}));
 }
 
 }  // namespace

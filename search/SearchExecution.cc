@@ -4,9 +4,9 @@
 #include <string>
 #include <utility>
 
+#include "messaging/message_names.h"
 #include "search/SearchSession.h"
 #include "search/query_log.h"
-#include "search/query_messages.h"
 
 namespace thmp {
 
@@ -83,8 +83,8 @@ void SearchExecution::search(const Value& message,
   // Before the post: nothing is posted for a query that is not registered. A record that had the
   // name before goes here, and its query with it.
   registry_.add(record, clientName);
-  logQuery(*mediator, uniqueName, "THMPMailPlugin post %@", query_messages::kQueryDidStart);
-  mediator->postMessageName(query_messages::kQueryDidStart, userInfo, record);
+  logQuery(*mediator, uniqueName, "THMPMailPlugin post %@", kQueryDidStartName);
+  mediator->postMessageName(kQueryDidStartName, userInfo, record);
   searchQuery->start();
 }
 

@@ -5,9 +5,9 @@
 #include <optional>
 #include <utility>
 
+#include "messaging/message_names.h"
 #include "search/delivery_order.h"
 #include "search/query_log.h"
-#include "search/query_messages.h"
 
 namespace thmp {
 
@@ -203,9 +203,9 @@ void SearchSession::postCompletion(const Error& error, const Record& record) {
     payload.set("errorDomain", error.domain);
     payload.set("errorMessage", error.description);
   }
-  logQuery(*mediator_, queryName_, "THMPMailPlugin post %@ - %@", query_messages::kQueryDidComplete,
+  logQuery(*mediator_, queryName_, "THMPMailPlugin post %@ - %@", kQueryDidCompleteName,
            foundItemCount());
-  mediator_->postMessageName(query_messages::kQueryDidComplete, payload, record);
+  mediator_->postMessageName(kQueryDidCompleteName, payload, record);
 }
 
 }  // namespace thmp

@@ -13,9 +13,6 @@
 
 namespace thmp {
 
-/// What the names of unfinished files begin with where a file system knows no unnamed files.
-inline constexpr std::string_view kTemporaryFilePrefix = ".x.tmp-";
-
 class LinuxFiles final : public Files {
  public:
   /// `dataHome`: the folder of XDG_DATA_HOME.

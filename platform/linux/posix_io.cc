@@ -194,7 +194,7 @@ bool flatten(int outer, const std::string& inner) {
   for (const std::string& name : *names) {
     if (removeOne(folder.get(), name)) continue;
     if (errno != ENOTEMPTY) return false;
-    const std::string moved = ".x.tmp-" + randomHex(16);
+    const std::string moved = std::string(kTemporaryFilePrefix) + randomHex(16);
     if (::renameat(folder.get(), name.c_str(), outer, moved.c_str()) != 0 && errno != ENOENT) {
       return false;
     }

@@ -19,6 +19,10 @@
 
 namespace thmp {
 
+/// What the names of entries that stand for a moment only begin with: unfinished files where a file
+/// system knows no unnamed ones, folders on their way out.
+inline constexpr std::string_view kTemporaryFilePrefix = ".x.tmp-";
+
 inline constexpr mode_t kPrivateFolderMode = 0700;
 inline constexpr mode_t kPrivateFileMode = 0600;
 

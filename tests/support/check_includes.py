@@ -16,7 +16,7 @@ CORE = {
     "paths": {"base", "platform"},
     "messaging": {"base", "platform", "paths"},
     "maillibrary": {"base", "platform"},
-    "search": {"base", "platform", "maillibrary"},
+    "search": {"base", "platform", "messaging", "maillibrary"},
     "plugin": {"base", "platform", "paths", "messaging", "maillibrary", "search"},
     "host/query": {"base"},
 }
@@ -31,7 +31,8 @@ OTHERS = {
     "client": {"base", "platform", "platform/linux", "messaging", "console"},
 }
 ARROWS = CORE | OTHERS
-# Of messaging the programs share the formats alone.
+# Of messaging these share the formats alone.
+SHARE_FORMATS = {"search", "client", "host"}
 FORMATS = {"messaging/message_names.h"}
 LIBRARIES_OF_THE_CORE = {"expat.h", "sqlite3.h", "utf8proc.h"}
 OPERATING_SYSTEM = re.compile(r"^(sys/|linux/|unistd|fcntl|dirent|pwd|poll|pthread|signal\.h|dlfcn|mach/|dispatch/|Foundation)")
@@ -74,8 +75,8 @@ def problems_of(path):
                 yield f"{place}: {header} is not named from the root of the tree"
             continue
         if target == folder or target in ARROWS[folder]:
-            if folder in ("client", "host") and target == "messaging" and header not in FORMATS:
-                yield f"{place}: of messaging the programs share the formats alone"
+            if folder in SHARE_FORMATS and target == "messaging" and header not in FORMATS:
+                yield f"{place}: of messaging {folder} shares the formats alone"
             continue
         if not (test and target in ("platform/fake", "platform/linux")):
             yield f"{place}: {folder} may not include {target}"
