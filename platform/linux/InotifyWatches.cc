@@ -29,11 +29,13 @@ constexpr std::uint32_t kGone = kFolderItself | IN_IGNORED | IN_UNMOUNT;
 /// One watch and what the registry keeps of it.
 struct Watched {
   Watched(std::string path, InotifyWatches::Poster poster, std::function<void()> callback,
-          std::uint32_t more)
+          std::uint32_t more, InotifyWatches::Gone goneCallback)
       : directory(std::move(path)),
         post(std::move(poster)),
         moreEvents(more),
-        changed(std::move(callback)) {
+        tellsNames(goneCallback != nullptr),
+        changed(std::move(callback)),
+        gone(std::move(goneCallback)) {
     prefixes.emplace_back("/");
     names.emplace_back();
     for (std::size_t begin = 0; begin < directory.size();) {
@@ -51,6 +53,7 @@ struct Watched {
   const std::string directory;
   const InotifyWatches::Poster post;
   const std::uint32_t moreEvents;
+  const bool tellsNames;
   std::vector<std::string> prefixes;  // "/", "/a", "/a/b", the last one the folder itself
   std::vector<std::string> names;     // "", "a", "b"
 
@@ -60,6 +63,10 @@ struct Watched {
 
   /// On the watch's queue only.
   std::function<void()> changed;
+  InotifyWatches::Gone gone;
+
+  Mutex namesMutex;
+  std::vector<std::string> goneNames THMP_GUARDED_BY(namesMutex);  // not yet told
 
   // Under the registry's mutex.
   std::vector<int> numbers;  // inotify's watch number for each prefix, -1 without one
@@ -71,7 +78,13 @@ void report(const std::shared_ptr<Watched>& watched) {
   watched->post([watched] {
     // Before the call: a change during it is told by another one.
     watched->pending = false;
+    std::vector<std::string> names;
+    {
+      const Lock lock(watched->namesMutex);
+      names.swap(watched->goneNames);
+    }
     if (!watched->cancelled) watched->changed();
+    if (!watched->cancelled && !names.empty()) watched->gone(names);
   });
 }
 
@@ -279,6 +292,10 @@ class InotifyWatches::Registry {
       if ((event.mask & kGone) != 0) {
         replaced.push_back(watched);
       } else if (folder) {
+        if (watched->tellsNames && (event.mask & (IN_DELETE | IN_MOVED_FROM)) != 0) {
+          const Lock lock(watched->namesMutex);
+          watched->goneNames.emplace_back(name);
+        }
         outcome.reports.push_back(watched);
       } else if (name == watched->names[level + 1]) {
         replaced.push_back(watched);
@@ -332,6 +349,7 @@ class InotifyWatch final : public DirectoryWatch {
     watched_->post([registry = registry_, watched = watched_] {
       registry->remove(watched);
       watched->changed = nullptr;
+      watched->gone = nullptr;
     });
   }
 
@@ -352,10 +370,10 @@ InotifyWatches::~InotifyWatches() { registry_->end(); }
 
 std::unique_ptr<DirectoryWatch> InotifyWatches::makeWatch(const std::string& directory, Poster post,
                                                           std::function<void()> changed,
-                                                          std::uint32_t moreEvents) {
+                                                          std::uint32_t moreEvents, Gone gone) {
   return std::make_unique<InotifyWatch>(
-      registry_,
-      std::make_shared<Watched>(directory, std::move(post), std::move(changed), moreEvents));
+      registry_, std::make_shared<Watched>(directory, std::move(post), std::move(changed),
+                                           moreEvents, std::move(gone)));
 }
 
 void InotifyWatches::retry() { registry_->retry(); }

@@ -18,6 +18,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "platform/execution.h"
 #include "platform/log.h"
@@ -39,11 +40,15 @@ class InotifyWatches {
   InotifyWatches(const InotifyWatches&) = delete;
   InotifyWatches& operator=(const InotifyWatches&) = delete;
 
+  /// The names of entries that were removed or renamed, in order; one that came and went in
+  /// between, too.
+  using Gone = std::function<void(const std::vector<std::string>& names)>;
+
   /// See Execution::makeDirectoryWatch. `moreEvents`: inotify events to report besides entries
-  /// added, removed and renamed.
+  /// added, removed and renamed. `gone` is called after `changed`, with what was gone before it.
   std::unique_ptr<DirectoryWatch> makeWatch(const std::string& directory, Poster post,
                                             std::function<void()> changed,
-                                            std::uint32_t moreEvents = 0);
+                                            std::uint32_t moreEvents = 0, Gone gone = nullptr);
 
   /// Tries to set the watches that could not be set, for want of descriptors, watches, memory or
   /// permission. Each one that is set now reports once.

@@ -119,7 +119,10 @@ void RunningApplications::start() {
       [self = self_] {
         if (*self != nullptr) (*self)->scan();
       },
-      IN_CLOSE_WRITE);
+      IN_CLOSE_WRITE,
+      [self = self_](const std::vector<std::string>& names) {
+        if (*self != nullptr) (*self)->tellOfUnseen(names);
+      });
   watch_->resume();
   scan();
 }
@@ -188,6 +191,17 @@ void RunningApplications::scan() {
   firstScan_ = false;
 }
 
+void RunningApplications::tellOfUnseen(const std::vector<std::string>& gone) {
+  for (const std::string& name : gone) {
+    const auto forgotten = forgotten_.find(name);
+    if (forgotten != forgotten_.end()) {
+      forgotten_.erase(forgotten);
+    } else if (const auto parsed = parse(name); parsed && !entries_.contains(name)) {
+      quit_(parsed->bundleIdentifier);
+    }
+  }
+}
+
 void RunningApplications::add(int folder, const std::string& fileName) {
   const auto parsed = parse(fileName);
   if (!parsed) return;
@@ -242,6 +256,7 @@ void RunningApplications::check(const std::string& fileName) {
 void RunningApplications::forget(std::map<std::string, Entry>::iterator entry, bool tell) {
   unwatchProcess(entry->second);
   const std::string bundleIdentifier = entry->second.name.bundleIdentifier;
+  forgotten_.insert(entry->first);
   entries_.erase(entry);
   if (tell && !firstScan_) quit_(bundleIdentifier);
 }

@@ -18,6 +18,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -67,6 +68,9 @@ class RunningApplications {
   };
 
   void scan();
+  /// Tells of applications that came and went while the main thread was busy. `gone` are the names
+  /// of files that the watch saw go.
+  void tellOfUnseen(const std::vector<std::string>& gone);
   void add(int folder, const std::string& fileName);
   void forget(std::map<std::string, Entry>::iterator entry, bool tell);
   /// Forgets the entry if it has quit, and removes its file.
@@ -79,6 +83,8 @@ class RunningApplications {
   const Quit quit_;
   bool firstScan_ = true;
   std::map<std::string, Entry> entries_;
+  /// Files that went and were seen to; the watch is still to tell their names.
+  std::multiset<std::string> forgotten_;
   std::unique_ptr<DirectoryWatch> watch_;
   /// Told apart from a later object by what the loop still holds.
   std::shared_ptr<RunningApplications*> self_;

@@ -126,6 +126,24 @@ TEST_F(RunningApplicationsTest, RemovedFileMeansQuitThoughTheProcessLives) {
   EXPECT_EQ(quit_.size(), 1U) << "told once only";
 }
 
+TEST_F(RunningApplicationsTest, OneThatCameAndWentWhileTheMainThreadWasBusyHasQuit) {
+  start();
+  const std::string file = fileOf(kClient, ::getpid());
+  for (int i = 0; i < 2; ++i) {
+    testing::writeFile(file, "");
+    ASSERT_EQ(::unlink(file.c_str()), 0);
+    ASSERT_TRUE(nextQuit());
+    EXPECT_EQ(quit_, std::vector<std::string>(static_cast<std::size_t>(i) + 1, kClient));
+  }
+  // And one that was seen, also by its removal.
+  const auto client = application();
+  settle();
+  client->kill();
+  ASSERT_TRUE(nextQuit());
+  settle();
+  EXPECT_EQ(quit_, std::vector<std::string>(3, kClient)) << "each is told once";
+}
+
 TEST_F(RunningApplicationsTest, OneOfTwoInstancesQuits) {
   const auto first = application();
   const auto second = application();
