@@ -48,6 +48,9 @@ std::string ageText(double seconds);
 /// is not there.
 std::optional<Finding> checkFolder(const std::string& subject, const std::string& path);
 
+/// A failure when `path`, which is not there, cannot be made either.
+std::optional<Finding> checkMakeable(const std::string& subject, const std::string& path);
+
 /// Whether a host serves. `holder`: who keeps library and index.
 Finding checkHost(const std::optional<HostLock::Holder>& holder);
 /// `version`: that of the bundle, or why it cannot be used.

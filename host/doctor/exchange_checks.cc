@@ -103,6 +103,7 @@ std::string missing(const std::string& path) { return path + " is not there yet;
 Findings checkExchange(const XdgFolders& xdg, bool serving, Date now) {
   const std::string data = xdg.data + "/Mail/Tallyhive";
   const auto absent = [&](const std::string& subject, const std::string& path) {
+    if (const auto refused = checkMakeable(subject, path)) return *refused;
     return serving ? fail(subject, missing(path) + "the host could not make it, as its log says")
                    : warn(subject, missing(path) + "the plug-in makes it when a host serves");
   };

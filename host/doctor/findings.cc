@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <system_error>
 #include <utility>
@@ -60,6 +61,17 @@ std::optional<Finding> checkFolder(const std::string& subject, const std::string
   if ((mode & 0700U) != 0700U) return fail(subject, remedy);
   if ((mode & 0077U) != 0) return warn(subject, remedy + ", as others can look into it");
   return ok(subject, path);
+}
+
+std::optional<Finding> checkMakeable(const std::string& subject, const std::string& path) {
+  std::string folder = path;
+  do {
+    folder.resize(std::max<std::size_t>(folder.rfind('/'), 1));
+  } while (::access(folder.c_str(), F_OK) != 0 && errno == ENOENT && folder != "/");
+  if (::access(folder.c_str(), W_OK | X_OK) == 0) return std::nullopt;
+  return fail(subject, fmt::format("{} is not there and cannot be made in {}: {}; make that folder "
+                                   "writable for you",
+                                   path, folder, std::generic_category().message(errno)));
 }
 
 Finding checkHost(const std::optional<HostLock::Holder>& holder) {

@@ -94,6 +94,7 @@ LibraryLook checkLibrary(const std::string& path, bool inUse) {
   const DatabaseLook found = lookTwice(path, inUse);
   switch (found.health) {
     case Health::kMissing:
+      if (const auto refused = checkMakeable(subject, path)) return {*refused, nullptr};
       return {
           warn(subject, "nothing was indexed yet; begin with tallyhive-mailhost index --mail DIR"),
           nullptr};
@@ -172,6 +173,7 @@ Findings checkIndex(const HostFolders& folders, Library* library,
                                    : "; tallyhive-mailhost index makes it anew, nothing is lost";
   switch (found.health) {
     case Health::kMissing:
+      if (const auto refused = checkMakeable(subject, folders.index)) return {*refused};
       return {warn(subject, library != nullptr ? folders.index + " is gone" + remedy
                                                : "none yet; it comes with the library")};
     case Health::kUnreadable:

@@ -247,7 +247,7 @@ class ExchangeLines(DoctorTest):
         shutil.rmtree(self.world.exchange)
         self.world.exchange.parent.chmod(0o500)
         lines = self.doctor(status=1)
-        self.assert_line(lines, "fail", "exchange", "is not there yet; the host could not make it")
+        self.assert_line(lines, "fail", "exchange", "is not there and cannot be made in .*: Permission denied; make that folder writable")
 
     def test_warn_when_others_can_look_into_one(self):
         self.make()
@@ -278,6 +278,15 @@ class ExchangeLines(DoctorTest):
         lines = self.doctor(status=1)
         self.assert_line(lines, "fail", "in", "is no folder; move it out of the way")
         self.assert_line(lines, "fail", "out", "is a link that leads nowhere; remove it")
+
+    def test_fail_when_one_is_missing_and_cannot_be_made(self):
+        self.own()
+        for name in ("data", "cache"):
+            self.world.folders[name].chmod(0o500)
+        lines = self.doctor(status=1, own=False)
+        for subject, place in (("exchange", "data"), ("library", "data"), ("index", "cache")):
+            self.assert_line(lines, "fail", subject,
+                             f"cannot be made in {self.world.folders[place]}: Permission denied; make that folder writable")
 
     @unittest.skipUnless(os.geteuid() == 0, "only root can give a folder away")
     def test_fail_when_one_belongs_to_another_user(self):
