@@ -86,6 +86,11 @@ ColumnKind Columns::kindOf(AttributeKey key) noexcept {
   return places()[static_cast<std::size_t>(key)].kind;
 }
 
+bool Columns::isInOwnColumn(AttributeKey key) noexcept {
+  const ColumnKind kind = kindOf(key);
+  return kind != ColumnKind::kNone && kind != ColumnKind::kShape;
+}
+
 const std::vector<AttributeKey>& Columns::termAttributes() {
   static const std::vector<AttributeKey> kKeys = [] {
     std::vector<AttributeKey> keys;
@@ -230,19 +235,14 @@ class Columns::Reading {
 
 bool Columns::areAlike(std::string_view recordA, std::string_view recordB, const ValuePool& pool) {
   std::array<Value, 256> values;
-  const auto isKept = [](AttributeKey key) {
-    return kindOf(key) != ColumnKind::kNone && kindOf(key) != ColumnKind::kShape;
-  };
   std::size_t count = 0;
-  forEachInRecord(recordA, pool, [&](AttributeKey key, const Value& value) {
-    if (!isKept(key)) return true;
+  forEachInRecord(recordA, pool, isInOwnColumn, [&](AttributeKey key, const Value& value) {
     values[static_cast<std::size_t>(key)] = value;
     ++count;
     return true;
   });
   bool alike = true;
-  forEachInRecord(recordB, pool, [&](AttributeKey key, const Value& value) {
-    if (!isKept(key)) return true;
+  forEachInRecord(recordB, pool, isInOwnColumn, [&](AttributeKey key, const Value& value) {
     alike = Value::identical(values[static_cast<std::size_t>(key)], value);
     --count;
     return alike;
@@ -269,7 +269,7 @@ bool Columns::put(std::int64_t id, std::int64_t mailbox, std::string_view record
   setMailbox(row, mailbox);
   const bool hasShape = setShape(row, record);
   Reading reading(*this, row);
-  forEachInRecord(record, pool, [&](AttributeKey key, const Value& value) {
+  forEachInRecord(record, pool, isInOwnColumn, [&](AttributeKey key, const Value& value) {
     reading.read(key, value);
     return true;
   });

@@ -89,6 +89,7 @@ class Columns {
 
   class Reading;
   struct Place;
+  static bool isInOwnColumn(AttributeKey key) noexcept;
   static const std::array<Place, 256>& places();
 
   bool contains(std::int64_t id) const;

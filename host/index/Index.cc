@@ -232,6 +232,8 @@ struct Index::State {
   // Columns of what stands in the tables. Nobody writes meanwhile.
   std::unique_ptr<Columns> readColumns(Connection& reader, const ValuePool& values) {
     auto made = std::make_unique<Columns>();
+    // Mapped pages would stay in memory, and most records are not asked for again.
+    static_cast<void>(reader.execute(kMapNothing));
     Statement& row = reader.statement("SELECT id, mailbox, record FROM records ORDER BY id");
     while (row.row()) {
       const std::string_view record = row.bytes(2);
@@ -247,6 +249,7 @@ struct Index::State {
     while (stale.row()) made->setIrregular(stale.integer(0));
     isGood = isGood && stale.result() == SQLITE_DONE;
     stale.reset();
+    static_cast<void>(reader.execute(kMapFile));
     if (!isGood) return nullptr;
     made->hide(*hiddenNow());
     return made;

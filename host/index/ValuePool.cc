@@ -46,7 +46,7 @@ std::optional<std::uint32_t> ValuePool::intern(const Value& value, std::string_v
     if (Value::identical(at(same->second)->value, value)) return same->second;
     if (++alike == kMostAlike) return std::nullopt;
   }
-  if (!always && !wasSeen(hash)) return std::nullopt;
+  if (!always && !isCommon(hash)) return std::nullopt;
   if (!append(value)) return std::nullopt;
   const std::uint32_t number = size() - 1;
   byHash_.emplace(hash, number);
@@ -98,10 +98,14 @@ bool ValuePool::append(Value value) {
   return true;
 }
 
-bool ValuePool::wasSeen(std::uint64_t hash) {
+bool ValuePool::isCommon(std::uint64_t hash) {
+  constexpr std::uint32_t kCount = 3;
   std::uint32_t& slot = seen_[hash % kSeenSlots];
-  const auto mark = static_cast<std::uint32_t>(hash >> 32) | 1U;
-  return std::exchange(slot, mark) == mark;
+  const auto mark = static_cast<std::uint32_t>(hash >> 32) & ~kCount;
+  if ((slot & ~kCount) != mark) slot = mark;
+  if ((slot & kCount) == kSeenBefore) return true;
+  ++slot;
+  return false;
 }
 
 }  // namespace thmp

@@ -4,7 +4,8 @@
 // and known by a number, on disk in the table `pool` and in memory as one shared object, so that
 // records are short, and items made from them share all that can be shared.
 //
-// A value is taken in when it is seen a second time; what only one message has stays in its record.
+// A value is taken in when it is seen a fourth time; what few messages have stays in their records,
+// and costs no memory.
 // Numbers are for ever: the pool only grows.
 //
 // at() on any thread; everything else on the thread that writes.
@@ -53,7 +54,7 @@ class ValuePool {
   std::uint32_t size() const noexcept { return size_.load(std::memory_order_acquire); }
 
   /// The number of `value`, which was encoded as `bytes`; empty when it is not in the pool and not
-  /// taken in now, as it is the first time that it is seen. With `always` it is taken in at once.
+  /// taken in now, as it has been seen too seldom. With `always` it is taken in at once.
   std::optional<std::uint32_t> intern(const Value& value, std::string_view bytes, bool always);
 
   /// Writes what was taken in since the last time, in the transaction that is open.
@@ -65,6 +66,7 @@ class ValuePool {
   static constexpr std::size_t kChunk = 4096;
   static constexpr std::size_t kMostChunks = 1024;
   static constexpr std::size_t kSeenSlots = std::size_t{1} << 20;
+  static constexpr std::uint32_t kSeenBefore = 3;
 
   struct Chunk {
     std::array<Entry, kChunk> entries;
@@ -76,14 +78,14 @@ class ValuePool {
   };
 
   bool append(Value value);
-  bool wasSeen(std::uint64_t hash);
+  bool isCommon(std::uint64_t hash);
 
   std::vector<std::atomic<Chunk*>> chunks_;
   std::atomic<std::uint32_t> size_{0};
 
   // For writing only.
   std::unordered_multimap<std::uint64_t, std::uint32_t> byHash_;
-  std::vector<std::uint32_t> seen_;  // by the hash's low bits: its high bits
+  std::vector<std::uint32_t> seen_;  // by the hash's low bits: its high bits, and how often
   std::vector<Unstored> unstored_;   // since the last transaction ended
   std::size_t written_ = 0;          // of those
 };

@@ -548,9 +548,10 @@ class Walk {
   std::optional<std::uint8_t> same_;
 };
 
-// Both halves of a record, in the order of the names.
-template <typename Visit>
-void visitRecord(std::string_view record, const ValuePool& pool, const Visit& visit) {
+// Both halves of a record, in the order of the names; only what is wanted is read.
+template <typename Wanted, typename Visit>
+void visitRecord(std::string_view record, const ValuePool& pool, const Wanted& isWanted,
+                 const Visit& visit) {
   std::array<Value, kKeys> seen;
   Walk walk(record, pool);
   const Dictionary shape =
@@ -560,12 +561,14 @@ void visitRecord(std::string_view record, const ValuePool& pool, const Visit& vi
   std::size_t place = 0;
   const auto visitShapeBelow = [&](std::uint16_t rank) {
     for (; place < keys.size() && rankOf(keys[place]) < rank; ++place) {
-      if (!visit(keys[place], shape.begin()[place].value)) return false;
+      if (isWanted(keys[place]) && !visit(keys[place], shape.begin()[place].value)) return false;
     }
     return true;
   };
   while (walk.next()) {
-    const Value value = walk.value(&seen);
+    if (!isWanted(walk.key())) continue;
+    Value value = walk.value(&seen);
+    if (value.isNull()) value = recordValue(record, walk.key(), pool);  // as one not wanted
     if (!visitShapeBelow(rankOf(walk.key()))) return;
     if (!value.isNull() && !visit(walk.key(), value)) return;
   }
@@ -686,7 +689,14 @@ Value recordValue(std::string_view record, AttributeKey key, const ValuePool& po
 
 void forEachInRecord(std::string_view record, const ValuePool& pool,
                      const std::function<bool(AttributeKey key, const Value& value)>& visit) {
-  visitRecord(record, pool, visit);
+  visitRecord(
+      record, pool, [](AttributeKey) { return true; }, visit);
+}
+
+void forEachInRecord(std::string_view record, const ValuePool& pool,
+                     const std::function<bool(AttributeKey key)>& isWanted,
+                     const std::function<bool(AttributeKey key, const Value& value)>& visit) {
+  visitRecord(record, pool, isWanted, visit);
 }
 
 Dictionary recordAttributes(std::string_view record, const ValuePool& pool,
@@ -695,12 +705,13 @@ Dictionary recordAttributes(std::string_view record, const ValuePool& pool,
   entries.reserve(static_cast<std::size_t>(AttributeKey::kFetchedCount));
   bool isMoreIn = false;
   const std::uint16_t rankOfMore = rankOf(keyNamed(more.key).value_or(AttributeKey::kExternalID));
-  visitRecord(record, pool, [&](AttributeKey key, const Value& value) {
+  const auto isCarried = [](AttributeKey key) { return !isQueryOnly(key); };
+  visitRecord(record, pool, isCarried, [&](AttributeKey key, const Value& value) {
     if (!isMoreIn && rankOf(key) > rankOfMore) {
       entries.push_back(more);
       isMoreIn = true;
     }
-    if (!isQueryOnly(key)) entries.push_back({keyText(key), value});
+    entries.push_back({keyText(key), value});
     return true;
   });
   if (!isMoreIn) entries.push_back(more);

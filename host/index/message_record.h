@@ -47,6 +47,11 @@ Dictionary recordAttributes(std::string_view record, const ValuePool& pool,
 void forEachInRecord(std::string_view record, const ValuePool& pool,
                      const std::function<bool(AttributeKey key, const Value& value)>& visit);
 
+/// The same for those attributes alone that `isWanted` names; the others are not read.
+void forEachInRecord(std::string_view record, const ValuePool& pool,
+                     const std::function<bool(AttributeKey key)>& isWanted,
+                     const std::function<bool(AttributeKey key, const Value& value)>& visit);
+
 /// One value by itself, as the pool stores it. Null when the bytes are none.
 std::string encodeValue(const Value& value);
 Value decodeValue(std::string_view bytes);

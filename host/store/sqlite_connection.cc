@@ -81,7 +81,10 @@ Result<std::unique_ptr<Connection>> Connection::open(const std::string& path, Mo
   if (code != SQLITE_OK) return connection->error("cannot open " + path);
   sqlite3_extended_result_codes(db, 1);
   sqlite3_busy_timeout(db, kBusyMilliseconds);
-  if (!writes) connection->execute("PRAGMA query_only = 1; PRAGMA mmap_size = 268435456");
+  if (!writes) {
+    connection->execute("PRAGMA query_only = 1");
+    connection->execute(kMapFile);
+  }
   return connection;
 }
 
