@@ -105,7 +105,8 @@ Statement Connection::prepare(const char* sql) {
 
 Statement& Connection::statement(const char* sql) {
   std::unique_ptr<Statement>& kept = statements_[sql];
-  if (!kept) kept = std::make_unique<Statement>(prepare(sql));
+  // One that could not be made may be made now.
+  if (!kept || !kept->isMade()) kept = std::make_unique<Statement>(prepare(sql));
   kept->reset();
   return *kept;
 }

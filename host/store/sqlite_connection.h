@@ -31,6 +31,8 @@ class Statement {
   Statement& operator=(Statement&&) = delete;
   ~Statement() { sqlite3_finalize(statement_); }
 
+  bool isMade() const { return statement_ != nullptr; }
+
   /// From 1 on. A text or blob must stay as it is until the statement is reset.
   Statement& bind(int place, std::int64_t number);
   Statement& bind(int place, std::string_view text);
