@@ -22,12 +22,6 @@ constexpr std::chrono::seconds kBetweenLines{10};
 constexpr std::chrono::seconds kFirstRetry{1};
 constexpr std::chrono::seconds kLastRetry{60};
 
-void merge(MailChanges& into, const MailChanges& changes) {
-  into.everything = into.everything || changes.everything;
-  into.mailboxes.insert(changes.mailboxes.begin(), changes.mailboxes.end());
-  into.trees.insert(changes.trees.begin(), changes.trees.end());
-}
-
 }  // namespace
 
 MailKeeper::MailKeeper(Library& library, Index& index, std::vector<std::string> roots,
@@ -40,7 +34,7 @@ MailKeeper::MailKeeper(Library& library, Index& index, std::vector<std::string> 
           [this](const MailChanges& changes) {
             {
               const Lock lock(mutex_);
-              merge(changes_, changes);
+              changes_.addAll(changes);
             }
             wake_.notify_one();
           },
@@ -91,7 +85,7 @@ void MailKeeper::work() noexcept {
     {
       const Lock lock(mutex_);
       if (!waitForWork()) return;
-      merge(inHand_, std::exchange(changes_, {}));
+      inHand_.addAll(std::exchange(changes_, {}));
       remakeNow = std::exchange(remakeWanted_, false);
     }
     try {

@@ -553,6 +553,21 @@ Result<std::unordered_map<std::int64_t, IndexedFile>> Index::files(std::int64_t 
   return files;
 }
 
+Result<std::optional<IndexedFile>> Index::file(std::int64_t id) const {
+  const auto reader = state_->readers.borrow();
+  if (!reader) return unreadable(state_->path);
+  Statement& row = reader->statement("SELECT content, place, incomplete FROM files WHERE id = ?");
+  std::optional<IndexedFile> file;
+  if (row.bind(1, id).row()) {
+    file = IndexedFile{static_cast<std::uint64_t>(row.integer(0)),
+                       static_cast<std::uint64_t>(row.integer(1)), row.integer(2) != 0};
+  } else if (row.result() != SQLITE_DONE) {
+    return state_->failure(*reader);
+  }
+  row.reset();
+  return file;
+}
+
 Result<std::vector<std::int64_t>> Index::mailboxes() const {
   const auto reader = state_->readers.borrow();
   if (!reader) return unreadable(state_->path);

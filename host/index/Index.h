@@ -106,6 +106,8 @@ class Index {
   Result<std::uint64_t> count() const;
   /// What the index remembers of each file of a mailbox, by ID.
   Result<std::unordered_map<std::int64_t, IndexedFile>> files(std::int64_t mailbox) const;
+  /// Empty for a message that is not in the index.
+  Result<std::optional<IndexedFile>> file(std::int64_t id) const;
   Result<std::vector<std::int64_t>> mailboxes() const;
   /// By ascending ID.
   Result<std::vector<IncompleteMessage>> incomplete() const;

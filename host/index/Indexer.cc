@@ -161,8 +161,19 @@ class Indexer::Run {
         found.emplace(path, mailbox->folder);
       }
     }
+    for (const auto& [path, files] : changes.files) {
+      const auto mailbox =
+          std::find_if(known_.begin(), known_.end(),
+                       [&, &at = path](const auto& one) { return one.folder.path == at; });
+      if (mailbox == known_.end()) {
+        trees.insert(path);
+      } else if (!found.contains(path) && !updateFiles(*mailbox, files)) {
+        found.emplace(path, mailbox->folder);
+      }
+    }
     for (const std::string& tree : trees) updateTree(tree, found);
     updateFound(found);
+    if (good()) note(index_.settle());
     for (const std::string& path : goneMailboxes_) {
       std::map<std::string, MailFolder> none;
       updateTree(path, none);
@@ -466,6 +477,58 @@ class Indexer::Run {
     sight.gone = std::move(gone);
   }
 
+  // Mail that came or was renamed, without a look at the rest. False, and nothing is done, where
+  // more may have happened: only a listing of all tells that a message is gone.
+  bool updateFiles(const LibraryMailbox& mailbox, const std::set<std::string>& files) {
+    if (mailbox.folder.format != MessageFormat::kMaildir || hasFailed(mailbox)) return false;
+    MailboxListing listing;
+    std::set<std::string> names;
+    for (const std::string& file : files) {
+      const std::size_t slash = file.find('/');
+      auto entry = maildirEntry(std::string_view(file).substr(0, slash),
+                                std::string_view(file).substr(slash + 1));
+      if (!entry) return false;
+      names.insert(entry->name);
+      if (stampOf(messagePath(mailbox.folder.path, entry->part, entry->file))) {
+        listing.entries.push_back(std::move(*entry));
+      }
+    }
+    std::vector<LibraryMessage> messages;
+    std::unordered_map<std::int64_t, IndexedFile> indexed;
+    for (const std::string& name : names) {
+      auto message = library_.message(mailbox.id, name);
+      if (!note(message)) return false;
+      if (!*message) continue;
+      const auto file = index_.file((*message)->id);
+      if (!note(file)) return false;
+      if (*file) indexed.emplace((*message)->id, **file);
+      listing.entries.push_back((*message)->entry);
+      messages.push_back(std::move(**message));
+    }
+    std::sort(listing.entries.begin(), listing.entries.end());
+    listing.entries.erase(std::unique(listing.entries.begin(), listing.entries.end()),
+                          listing.entries.end());
+    Sight sight;
+    addSeen(mailbox.folder, messages, listing, sight);
+    const bool isPlain = sight.failed.empty() &&
+                         std::all_of(sight.files.begin(), sight.files.end(),
+                                     [](const SeenFile& file) { return file.stamp.has_value(); });
+    if (!isPlain) return false;
+    commit_ = Index::Commit::kNow;
+    bringUpToDate(mailbox, messages, indexed, sight);
+    commit_ = Index::Commit::kWithOthers;
+    return failed_.empty();
+  }
+
+  // Whether some of its files could not be opened: whether they can be now only a full look tells.
+  bool hasFailed(const LibraryMailbox& mailbox) {
+    const auto failed = index_.failed();
+    return !note(failed) ||
+           std::any_of(failed->begin(), failed->end(), [&](const UnreadablePath& one) {
+             return isAtOrBelow(one.path, mailbox.folder.path);
+           });
+  }
+
   void updateMailbox(const LibraryMailbox& mailbox) {
     auto messages = mailbox.id == 0
                         ? Result<std::vector<LibraryMessage>>(std::vector<LibraryMessage>())
@@ -475,25 +538,31 @@ class Indexer::Run {
     std::optional<Sight> sight = look(mailbox, *messages);
     if (!sight) return;
 
+    bringUpToDate(mailbox, *messages, *files, *sight);
+    coverage_.failed += failed_.size();
+    if (!dryRun_) setFailed(mailbox.folder.path, failed_);
+  }
+
+  // What was seen of the mailbox goes into library and index; `messages` and `files` are what those
+  // have of it.
+  void bringUpToDate(const LibraryMailbox& mailbox, const std::vector<LibraryMessage>& messages,
+                     const std::unordered_map<std::int64_t, IndexedFile>& files, Sight& sight) {
     LibraryChanges changes;
     std::vector<Work> renamed;
     std::vector<Work> toRead;
-    compare(*messages, *files, mailbox.folder, *sight, changes, renamed, toRead);
-    failed_ = std::move(sight->failed);
+    compare(messages, files, mailbox.folder, sight, changes, renamed, toRead);
+    failed_ = std::move(sight.failed);
     coverage_.seen += failed_.size();
     coverage_.removed += changes.removed.size();
     if (dryRun_) {
       coverage_.indexed += toRead.size();
       coverage_.seen += toRead.size();
-      coverage_.failed += failed_.size();
       return;
     }
-    applyChanges(mailbox, *messages, *files, changes);
-    renameAll(mailbox, *files, renamed);
+    applyChanges(mailbox, messages, files, changes);
+    renameAll(mailbox, files, renamed);
     readAll(mailbox, toRead);
     readVanished(mailbox);
-    coverage_.failed += failed_.size();
-    setFailed(mailbox.folder.path, failed_);
   }
 
   void compare(const std::vector<LibraryMessage>& messages,
@@ -729,8 +798,7 @@ class Indexer::Run {
         if (entry.id == 0) entry.id = *id++;
       }
     }
-    // What is told of the mailbox at its end makes it lasting.
-    if (!note(index_.put(batch.entries, Index::Commit::kWithOthers))) return;
+    if (!note(index_.put(batch.entries, commit_))) return;
     coverage_.indexed += batch.entries.size();
     for (const IndexEntry& entry : batch.entries) coverage_.incomplete += entry.file.incomplete;
     batch = {};
@@ -755,6 +823,8 @@ class Indexer::Run {
   // Of the mailbox in hand.
   std::vector<UnreadablePath> failed_;
   std::vector<Work> vanished_;
+  // What is told of a mailbox at the end of a look at it makes all before it lasting.
+  Index::Commit commit_ = Index::Commit::kWithOthers;
   std::uint64_t total_ = 0;
   Coverage coverage_;
   Error error_;

@@ -65,6 +65,14 @@ class Indexing : public ::testing::Test {
     EXPECT_TRUE(done);
     return done ? *done : Coverage();
   }
+  Coverage updateFiles(const std::string& path, const std::vector<std::string>& files) {
+    told_.clear();
+    MailChanges changes;
+    for (const std::string& file : files) changes.addFile(path, file);
+    const auto done = indexer_->update(changes);
+    EXPECT_TRUE(done);
+    return done ? *done : Coverage();
+  }
   Coverage updateTree(const std::string& path) {
     told_.clear();
     MailChanges changes;
@@ -493,6 +501,46 @@ TEST_F(Indexing, LooseAndEmlxMailIsIndexed) {
   EXPECT_EQ(idOf("parted"), id);
   fs::remove_all(mail_ + "/INBOX.mbox/x");
   EXPECT_EQ(updateTree(mail_ + "/INBOX.mbox/x").removed, 2U);
+}
+
+TEST_F(Indexing, AFileThatCameIsReadWithoutALookAtTheOthers) {
+  deliver("cur/1.a:2,S", "one");
+  deliver("cur/2.b:2,S", "two");
+  update();
+  deliver("new/3.c", "three");
+  const Coverage done = updateFiles(mail_, {"new/3.c"});
+  EXPECT_EQ(done.seen, 1U);
+  EXPECT_EQ(done.indexed, 1U);
+  ASSERT_EQ(told_.size(), 1U);
+  EXPECT_THAT(told_[0].added, ElementsAre(3));
+  EXPECT_EQ(update().unchanged, 3U);
+}
+
+TEST_F(Indexing, ARenameIsFollowedByItsNamesAlone) {
+  deliver("new/1.a", "one");
+  deliver("cur/2.b:2,", "two");
+  update();
+  fs::rename(mail_ + "/new/1.a", mail_ + "/cur/1.a:2,S");
+  EXPECT_EQ(updateFiles(mail_, {"new/1.a", "cur/1.a:2,S"}).seen, 1U);
+  EXPECT_EQ(index_->get(1)->value("com_apple_mail_read").asBoolean(), true);
+  fs::rename(mail_ + "/cur/1.a:2,S", mail_ + "/cur/1.a:2,FS");
+  updateFiles(mail_, {"cur/1.a:2,FS"});
+  EXPECT_EQ(index_->get(1)->value("com_apple_mail_flagged").asBoolean(), true);
+  EXPECT_EQ(update().unchanged, 2U);
+}
+
+TEST_F(Indexing, AMessageIsGoneOnlyWhenAListingMissesIt) {
+  deliver("cur/1.a:2,", "one");
+  deliver("cur/2.b:2,", "two");
+  update();
+  // Its new name has not been told yet.
+  fs::rename(mail_ + "/cur/1.a:2,", mail_ + "/cur/1.a:2,S");
+  EXPECT_EQ(updateFiles(mail_, {"cur/1.a:2,"}).removed, 0U);
+  EXPECT_EQ(index_->get(1)->value("com_apple_mail_read").asBoolean(), true);
+  fs::remove(mail_ + "/cur/1.a:2,S");
+  EXPECT_EQ(updateFiles(mail_, {"cur/1.a:2,S"}).removed, 1U);
+  EXPECT_FALSE(index_->get(1));
+  EXPECT_EQ(updateFiles(mail_, {"cur/gone", "cur/.hidden", "new/2.b"}).removed, 0U);
 }
 
 TEST_F(Indexing, CountingChangesNothing) {

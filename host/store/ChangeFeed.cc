@@ -124,6 +124,7 @@ class ChangeFeed::Impl {
     std::swap(changes, pending_);
     if (changes.everything) {
       changes.mailboxes.clear();
+      changes.files.clear();
       changes.trees.clear();
     }
     changed_(changes);
@@ -185,12 +186,21 @@ class ChangeFeed::Impl {
     } else if ((event.mask & IN_ISDIR) != 0) {
       folderChanged(event, watch, name);
     } else if (!watch.mailbox.empty()) {
-      note([&](MailChanges& changes) { changes.mailboxes.insert(watch.mailbox); });
+      note([&](MailChanges& changes) { addChanged(watch, name, changes); });
     } else if (isLooseMessage(name)) {
       // The first loose message makes its folder a mailbox.
       watchTree(watch.root, watch.path);
       note([&](MailChanges& changes) { changes.trees.insert(watch.path); });
     }
+  }
+
+  // Of a Maildir the file alone; elsewhere what one file means depends on others.
+  static void addChanged(const Watch& watch, std::string_view name, MailChanges& changes) {
+    for (const std::string_view part : {"cur", "new"}) {
+      if (watch.path != below(watch.mailbox, part)) continue;
+      return changes.addFile(watch.mailbox, below(std::string(part), name));
+    }
+    changes.addMailbox(watch.mailbox);
   }
 
   void folderGone(int wd, const Watch& watch) {
@@ -400,6 +410,29 @@ class ChangeFeed::Impl {
   Clock::time_point nextRootCheck_{};
   Clock::time_point nextReminder_{};
 };
+
+void MailChanges::addMailbox(const std::string& path) {
+  mailboxes.insert(path);
+  files.erase(path);
+}
+
+void MailChanges::addFile(const std::string& mailbox, const std::string& file) {
+  // Of more it is quicker to look at all.
+  constexpr std::size_t kMostFiles = 256;
+  if (mailboxes.contains(mailbox)) return;
+  std::set<std::string>& those = files[mailbox];
+  those.insert(file);
+  if (those.size() > kMostFiles) addMailbox(mailbox);
+}
+
+void MailChanges::addAll(const MailChanges& changes) {
+  everything = everything || changes.everything;
+  for (const std::string& path : changes.mailboxes) addMailbox(path);
+  for (const auto& [mailbox, those] : changes.files) {
+    for (const std::string& file : those) addFile(mailbox, file);
+  }
+  trees.insert(changes.trees.begin(), changes.trees.end());
+}
 
 ChangeFeed::ChangeFeed(std::vector<std::string> roots, Changed changed, Report report,
                        ChangeFeedOptions options)

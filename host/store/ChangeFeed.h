@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <functional>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -24,15 +25,24 @@ struct MailChanges {
   bool everything = false;
   /// Mailboxes, by path, in which message files came, went or were renamed.
   std::set<std::string> mailboxes;
+  /// Mailboxes, by path, of which these files alone came, went or were renamed; each with its part,
+  /// such as "cur/1.a:2,S". None of `mailboxes`.
+  std::map<std::string, std::set<std::string>> files;
   /// Folders, by path, that came or went, or below which anything may have changed.
   std::set<std::string> trees;
 
-  bool empty() const noexcept { return !everything && mailboxes.empty() && trees.empty(); }
+  bool empty() const noexcept {
+    return !everything && mailboxes.empty() && files.empty() && trees.empty();
+  }
+
+  void addMailbox(const std::string& path);
+  void addFile(const std::string& mailbox, const std::string& file);
+  void addAll(const MailChanges& changes);
 };
 
 struct ChangeFeedOptions {
   /// Changes are told once no more have come for this long,
-  std::chrono::milliseconds quiet{40};
+  std::chrono::milliseconds quiet{4};
   /// and at the latest after this long.
   std::chrono::milliseconds longest{250};
   /// How often a mail folder that is missing is looked for.

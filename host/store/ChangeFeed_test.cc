@@ -30,6 +30,10 @@ class Told {
     const Lock lock(mutex_);
     all_.everything |= changes.everything;
     all_.mailboxes.insert(changes.mailboxes.begin(), changes.mailboxes.end());
+    for (const auto& [mailbox, files] : changes.files) {
+      all_.mailboxes.insert(mailbox);
+      all_.files[mailbox].insert(files.begin(), files.end());
+    }
     all_.trees.insert(changes.trees.begin(), changes.trees.end());
     ++calls_;
     changed_.notify_all();

@@ -214,6 +214,24 @@ Result<std::vector<LibraryMessage>> Library::messages(std::int64_t mailbox) cons
   return all;
 }
 
+Result<std::optional<LibraryMessage>> Library::message(std::int64_t mailbox,
+                                                       const std::string& name) const {
+  const auto reader = state_->readers.borrow();
+  if (!reader) return Error::posix(EIO, "cannot read the mail library");
+  Statement& row =
+      reader->statement("SELECT rowid, part, file FROM messages WHERE mailbox = ? AND name = ?");
+  row.bind(1, mailbox).bind(2, name);
+  std::optional<LibraryMessage> message;
+  if (row.row()) {
+    message = LibraryMessage{row.integer(0),
+                             {name, std::string(row.bytes(1)), std::string(row.bytes(2))}};
+  } else if (row.result() != SQLITE_DONE) {
+    return reader->error("cannot read the mail library");
+  }
+  row.reset();
+  return message;
+}
+
 Result<std::uint64_t> Library::messageCount() const {
   const auto reader = state_->readers.borrow();
   if (!reader) return Error::posix(EIO, "cannot read the mail library");

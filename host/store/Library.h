@@ -76,6 +76,9 @@ class Library {
   Result<std::vector<LibraryMailbox>> mailboxes() const;
   /// The messages of one mailbox in the order of their names.
   Result<std::vector<LibraryMessage>> messages(std::int64_t mailbox) const;
+  /// The message of that name in a mailbox; empty when there is none.
+  Result<std::optional<LibraryMessage>> message(std::int64_t mailbox,
+                                                const std::string& name) const;
   Result<std::uint64_t> messageCount() const;
   /// How many messages each mailbox has, by its ID; mailboxes without any are left out.
   Result<std::unordered_map<std::int64_t, std::uint64_t>> messageCounts() const;

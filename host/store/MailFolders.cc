@@ -335,10 +335,12 @@ class Lister {
       listing_.failed.push_back({escapedPath(joined(folder, name)), "its path is not UTF-8"});
       return;
     }
-    std::string known(name);
     if (mailbox_.format == MessageFormat::kMaildir) {
-      known = known.substr(0, known.rfind(":2,"));
-    } else if (known.ends_with(kPartialSuffix)) {
+      listing_.entries.push_back(*maildirEntry(part, name));
+      return;
+    }
+    std::string known(name);
+    if (known.ends_with(kPartialSuffix)) {
       known = known.substr(0, known.size() - kPartialSuffix.size()) + std::string(kEmlxSuffix);
     }
     listing_.entries.push_back({std::move(known), part, std::string(name)});
@@ -357,6 +359,12 @@ MailTree walkMail(const std::string& root, const std::string& folder) {
 }
 
 Result<MailboxListing> listMailbox(const MailFolder& mailbox) { return Lister(mailbox).run(); }
+
+std::optional<MessageEntry> maildirEntry(std::string_view part, std::string_view file) {
+  if (file.empty() || file[0] == '.' || !isUtf8(file)) return std::nullopt;
+  return MessageEntry{std::string(file.substr(0, file.rfind(":2,"))), std::string(part),
+                      std::string(file)};
+}
 
 MessageFormat messageFormat(MessageFormat mailbox, std::string_view file) {
   if (mailbox == MessageFormat::kMaildir) return mailbox;

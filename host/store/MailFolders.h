@@ -9,6 +9,7 @@
 #include <compare>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -101,6 +102,10 @@ struct MailboxListing {
 
 /// The message files of one mailbox. An error when it is there and cannot be read.
 Result<MailboxListing> listMailbox(const MailFolder& mailbox);
+
+/// What a file of a Maildir's `cur` or `new` is as a message; empty when it is none, or has a name
+/// that cannot be kept.
+std::optional<MessageEntry> maildirEntry(std::string_view part, std::string_view file);
 
 /// The absolute path of a message's file.
 std::string messagePath(const std::string& mailboxPath, const std::string& part,
