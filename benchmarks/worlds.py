@@ -17,7 +17,7 @@ class Failure(Exception):
 
 
 class Run:
-    """One whole process: seconds to its end, seconds to its first output byte, peak KiB, output."""
+    """One whole process: seconds to its end, seconds to its first output byte, processor seconds, peak bytes, output."""
 
     def __init__(self, command, environment, keep=False):
         begun = time.monotonic()
@@ -38,6 +38,7 @@ class Run:
             self.seconds = time.monotonic() - begun
             process.returncode = os.waitstatus_to_exitcode(status)
         self.peak = usage.ru_maxrss * 1024
+        self.processor = usage.ru_utime + usage.ru_stime
         self.status = process.returncode
         if self.status not in (0, 1):  # 1: nothing was found
             raise Failure(f"{command[0]} ended with {self.status}: {' '.join(map(str, command))}")
