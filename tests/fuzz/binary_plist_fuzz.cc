@@ -10,6 +10,8 @@
 
 namespace thmp::fuzz {
 
+const Bounds kBounds{0.25, 64 * kMiB};
+
 void runInput(std::string_view bytes) {
   Error error;
   const auto value = readBinaryPropertyList(bytes, kMessageLimits, &error);

@@ -47,6 +47,8 @@ void checkKept(const Dictionary& before, LinuxPreferences& now) {
 
 }  // namespace
 
+const Bounds kBounds{0.25, 64 * kMiB};
+
 void runInput(std::string_view bytes) {
   static const ScratchFolder scratch;
   const client::StoredLog stored(scratch.path());

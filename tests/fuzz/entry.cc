@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Where libFuzzer and the replay enter a target, and where the bounds are held: an input of up to 1
-// MiB takes neither more processor time nor more memory than stands below. Processor time, so that
-// a busy machine breaks nothing. Memory is counted by AddressSanitizer's hooks, from all threads.
+// MiB takes neither more processor time nor more memory than its target allows. Processor time, so
+// that a busy machine breaks nothing. Memory is counted by AddressSanitizer's hooks, from all
+// threads.
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -29,12 +30,11 @@
 namespace thmp::fuzz {
 namespace {
 
-constexpr std::size_t kBoundedSize = std::size_t{1} << 20;
-constexpr std::int64_t kMaxBytes = std::int64_t{64} << 20;
+constexpr std::size_t kBoundedSize = kMiB;
 #ifdef THMP_FUZZ_SLOW
-constexpr double kMaxSeconds = 5;
+constexpr double kSlowness = 20;
 #else
-constexpr double kMaxSeconds = 0.25;
+constexpr double kSlowness = 1;
 #endif
 
 Cost worst;
@@ -94,8 +94,8 @@ void runBounded(std::string_view bytes) {
     worst.worstBytes = static_cast<std::size_t>(used);
   }
   if (bytes.size() > kBoundedSize) return;
-  const bool isQuick = seconds <= kMaxSeconds;
-  const bool isSmall = used <= kMaxBytes;
+  const bool isQuick = seconds <= kBounds.seconds * kSlowness;
+  const bool isSmall = used <= static_cast<std::int64_t>(kBounds.bytes);
   if (!isQuick) std::fprintf(stderr, "%.3f s for %zu bytes\n", seconds, bytes.size());
   if (!isSmall) std::fprintf(stderr, "%lld bytes of memory\n", static_cast<long long>(used));
   THMP_FUZZ_CHECK(isQuick);

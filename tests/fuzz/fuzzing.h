@@ -14,8 +14,16 @@
 
 namespace thmp::fuzz {
 
-/// The target: defined once in each program.
+// The target: both are defined once in each program.
 void runInput(std::string_view bytes);
+
+/// What one input of up to 1 MiB may cost, all that the target does with it together.
+struct Bounds {
+  double seconds;     // of processor time, in an optimised build; sanitizers get twenty times that
+  std::size_t bytes;  // allocated at a time; held where AddressSanitizer counts
+};
+extern const Bounds kBounds;
+inline constexpr std::size_t kMiB = std::size_t{1} << 20;
 
 /// Says what is broken and where, and ends the process, so that libFuzzer keeps the input.
 [[noreturn]] void reportBroken(const char* property, const char* file, int line);

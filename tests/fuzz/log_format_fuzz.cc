@@ -136,6 +136,8 @@ void checkOneDirective(std::string_view bytes) {
 
 }  // namespace
 
+const Bounds kBounds{0.25, 64 * kMiB};
+
 void runInput(std::string_view bytes) {
   checkAnyFormat(bytes);
   checkOneDirective(bytes);

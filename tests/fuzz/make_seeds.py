@@ -2,7 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """Writes the seeds of the fuzz targets that people thought of, the same each time.
 
-make_seeds.py [FOLDER]    into FOLDER/TARGET/NAME, by default the seeds beside this script
+make_seeds.py [FOLDER]          into FOLDER/TARGET/NAME, by default the seeds beside this script
+make_seeds.py --large FOLDER    inputs of almost 1 MiB that cost much, which are made for a test and not kept
 
 Seeds that a fuzzer has found stand beside these under the SHA-1 of their bytes; finds begin with "find-".
 """
@@ -222,11 +223,80 @@ TARGETS = [binary_plist, xml_plist, message_sequences, control_messages, log_for
            defaults_file, paths_and_bookmarks]
 
 
+LARGE = (1 << 20) - 64
+
+
+def filled(unit, end="", begin=""):
+    return (begin + unit * ((LARGE - len((begin + end).encode())) // len(unit.encode())) + end).encode()
+
+
+def large_binary_plist():
+    def container(kind, count):
+        return bytes([kind | 0xF, 0x12]) + struct.pack(">I", count)
+
+    def references(count):
+        return b"".join(struct.pack(">I", i + 1)[1:] for i in range(count))
+
+    for name, shared in {"booleans": b"\x09", "texts": b"\x5f\x10\x14" + b"x" * 20, "dictionaries": b"\xd0"}.items():
+        yield f"shared-{name}", binary_with([container(0xA0, 999_000) + b"\x01" * 999_000, shared], offset_size=4)
+    for name, own in {"arrays": b"\xa0", "dictionaries": b"\xd0"}.items():
+        yield f"own-{name}", binary_with([container(0xA0, 140_000) + references(140_000)] + [own] * 140_000, refs=3, offset_size=3)
+    yield "integers", plistlib.dumps(list(range(85_000)), fmt=plistlib.FMT_BINARY)
+    yield "texts", plistlib.dumps([f"t{i}" for i in range(70_000)], fmt=plistlib.FMT_BINARY)
+    yield "keys", plistlib.dumps({f"t{i}": i for i in range(40_000)}, fmt=plistlib.FMT_BINARY)
+
+
+def large_xml_plist():
+    for name, unit in {"booleans": "<true/>", "arrays": "<array/>", "integers": "<integer>1</integer>", "texts": "<string>é</string>"}.items():
+        yield name, filled(unit, "</array></plist>", "<plist><array>")
+    yield "keys", ("<plist><dict>" + "".join(f"<key>{i}</key><true/>" for i in range(43_000)) + "</dict></plist>").encode()
+    yield "deep", filled("<array>")
+    yield "digits", filled("7", "</integer></plist>", "<plist><integer>")
+    yield "characters", filled("&#65;", "</string></plist>", "<plist><string>")
+    yield "base64", filled("AAAA", "</data></plist>", "<plist><data>")
+
+
+def large_query_text():
+    for number, unit in enumerate(["a==1&&", "a==x||", 'a=="x*y"cd||', 'b=="x y*"cdwt||', "true||", "!a==x||", "a>$time.iso(2024-03-13)||", "a>$time.now||",
+                                   "InRange(a,1,2)||", "(" * 200 + "a==1" + ")" * 200 + "||", 'kMDItemSubject=="*x*"cd||']):
+        yield f"operands-{number:02}", filled(unit, "true")
+    yield "names", ("".join(f"a{i}==x||" for i in range(90_000)) + "true").encode()
+    yield "values", filled(",x", ")", "FieldMatch(a")
+    for name, unit in {"literal": "x", "words": "x ", "stars": "x*", "ones": "?", "mixed": "?x", "marks": "\u0301"}.items():
+        yield name, filled(unit, '"cdw', 'a=="')
+    yield "blanks", filled(" ", "true")
+
+
+def large_mail_file():
+    for name, unit in {"headers": "X-A: b\n", "addresses": "a@b, ", "references": "<a@b> ", "words": "=?utf-8?q?a?= ", "folded": "\n\tx", "comments": "("}.items():
+        yield name, filled(unit, "\n\nbody\n", "\0From: x@y\nTo: " if unit != "X-A: b\n" else "\0")
+    yield "parts", filled("--a\n\nx\n", "--a--\n", "\0Content-Type: multipart/mixed; boundary=a\n\n")
+    yield "nested", "\0".encode() + "".join(f"Content-Type: multipart/mixed; boundary=b{i}\n\n--b{i}\n" for i in range(20_000)).encode()
+    yield "messages", filled("Content-Type: message/rfc822\n\n", "", "\0")
+    yield "parameters", filled("; p*0=a", "\n\nx\n", "\0Content-Type: text/plain")
+    for name, unit in {"tags": "<p><b>", "entities": "&amp;", "comments-open": "<!--", "angles": "<"}.items():
+        yield "html-" + name, filled(unit, "", "\0Content-Type: text/html; charset=utf-8\n\n")
+    yield "base64", filled("QUJD\n", "", "\0Content-Transfer-Encoding: base64\n\n")
+    yield "line", filled("x", "", "\0\n")
+
+
+def large_log_format():
+    yield "objects", b"\1\4\0\3abc" + filled("%@")
+    yield "widths", b"\1\4\0\3abc" + filled("%1024d")
+    yield "positions", b"\1\4\0\3abc" + filled("%1$*1$@")
+    yield "unknown", b"\1\4\0\3abc" + filled("%q")
+
+
+LARGE_TARGETS = [large_binary_plist, large_xml_plist, large_query_text, large_mail_file, large_log_format]
+
+
 def main():
-    folder = pathlib.Path(sys.argv[1]) if len(sys.argv) > 1 else HERE / "seeds"
+    large = sys.argv[1:2] == ["--large"]
+    words = sys.argv[1 + large:]
+    folder = pathlib.Path(words[0]) if words else HERE / "seeds"
     count = 0
-    for target in TARGETS:
-        place = folder / target.__name__
+    for target in LARGE_TARGETS if large else TARGETS:
+        place = folder / target.__name__.removeprefix("large_")
         place.mkdir(parents=True, exist_ok=True)
         for name, content in target():
             (place / name).write_bytes(content)

@@ -231,6 +231,8 @@ class Sequence {
 
 }  // namespace
 
+const Bounds kBounds{0.5, 64 * kMiB};
+
 void runInput(std::string_view bytes) { Sequence(bytes).play(); }
 
 }  // namespace thmp::fuzz

@@ -85,6 +85,8 @@ void checkStore(Scene& scene, const Value& value, const std::string& type) {
 
 }  // namespace
 
+const Bounds kBounds{0.25, 64 * kMiB};
+
 void runInput(std::string_view bytes) {
   static Scene scene;
   Decisions decisions(bytes);

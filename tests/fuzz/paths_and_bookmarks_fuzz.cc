@@ -128,6 +128,8 @@ void checkBookmarks(const ScratchFolder& scratch, Decisions& decisions) {
 
 }  // namespace
 
+const Bounds kBounds{0.25, 64 * kMiB};
+
 void runInput(std::string_view bytes) {
   static const ScratchFolder scratch;
   Decisions decisions(bytes);

@@ -108,6 +108,8 @@ void appendXml(const Value& value, std::string& xml) {
 
 }  // namespace
 
+const Bounds kBounds{0.25, 64 * kMiB};
+
 void runInput(std::string_view bytes) {
   Error error;
   const auto value = readXmlPropertyList(bytes, kMessageLimits, &error);
