@@ -10,7 +10,7 @@
 
 namespace thmp::fuzz {
 
-const Bounds kBounds{0.25, 64 * kMiB};
+const Bounds kBounds{1, 64 * kMiB};
 
 void runInput(std::string_view bytes) {
   Error error;

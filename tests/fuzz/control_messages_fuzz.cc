@@ -370,7 +370,7 @@ class Game {
 
 }  // namespace
 
-const Bounds kBounds{0.5, 64 * kMiB};
+const Bounds kBounds{1, 64 * kMiB};
 
 void runInput(std::string_view bytes) { Game(bytes).play(); }
 

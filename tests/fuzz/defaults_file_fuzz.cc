@@ -47,7 +47,7 @@ void checkKept(const Dictionary& before, LinuxPreferences& now) {
 
 }  // namespace
 
-const Bounds kBounds{0.25, 64 * kMiB};
+const Bounds kBounds{1, 64 * kMiB};
 
 void runInput(std::string_view bytes) {
   static const ScratchFolder scratch;

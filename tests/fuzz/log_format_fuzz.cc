@@ -136,7 +136,7 @@ void checkOneDirective(std::string_view bytes) {
 
 }  // namespace
 
-const Bounds kBounds{0.25, 64 * kMiB};
+const Bounds kBounds{1, 64 * kMiB};
 
 void runInput(std::string_view bytes) {
   checkAnyFormat(bytes);

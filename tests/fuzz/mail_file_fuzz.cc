@@ -52,7 +52,7 @@ void checkRenaming(const MessageParser& parser, std::string_view bytes, ParsedMe
 }  // namespace
 
 // A header of nothing but addresses costs most: a quarter of a million of them in 1 MiB.
-const Bounds kBounds{1, 128 * kMiB};
+const Bounds kBounds{3, 128 * kMiB};
 
 void runInput(std::string_view bytes) {
   if (bytes.empty()) return;

@@ -231,7 +231,7 @@ class Sequence {
 
 }  // namespace
 
-const Bounds kBounds{0.5, 64 * kMiB};
+const Bounds kBounds{1, 64 * kMiB};
 
 void runInput(std::string_view bytes) { Sequence(bytes).play(); }
 

@@ -85,7 +85,7 @@ void checkStore(Scene& scene, const Value& value, const std::string& type) {
 
 }  // namespace
 
-const Bounds kBounds{0.25, 64 * kMiB};
+const Bounds kBounds{1, 64 * kMiB};
 
 void runInput(std::string_view bytes) {
   static Scene scene;

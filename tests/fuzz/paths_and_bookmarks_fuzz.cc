@@ -128,7 +128,7 @@ void checkBookmarks(const ScratchFolder& scratch, Decisions& decisions) {
 
 }  // namespace
 
-const Bounds kBounds{0.25, 64 * kMiB};
+const Bounds kBounds{1, 64 * kMiB};
 
 void runInput(std::string_view bytes) {
   static const ScratchFolder scratch;

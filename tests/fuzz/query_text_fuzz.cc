@@ -95,7 +95,7 @@ void checkLogic(const std::string& text, const Query& query) {
 }  // namespace
 
 // A list of half a million values costs most.
-const Bounds kBounds{1, 256 * kMiB};
+const Bounds kBounds{3, 256 * kMiB};
 
 void runInput(std::string_view bytes) {
   const std::string text(bytes);

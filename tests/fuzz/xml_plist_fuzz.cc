@@ -108,7 +108,7 @@ void appendXml(const Value& value, std::string& xml) {
 
 }  // namespace
 
-const Bounds kBounds{0.25, 64 * kMiB};
+const Bounds kBounds{1, 64 * kMiB};
 
 void runInput(std::string_view bytes) {
   Error error;
