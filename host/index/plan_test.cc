@@ -314,7 +314,7 @@ class IndexedAnswers : public ::testing::TestWithParam<int> {
     if (!plain.empty()) ++found_;
   }
 
-  static constexpr int kQueries = 1'000;
+  static constexpr int kQueries = THMP_RANDOM_QUERIES;
   static constexpr std::int64_t kMessages = 120;
 
   TemporaryFolder folder_;
