@@ -844,12 +844,17 @@ void Indexer::setRoots(std::vector<std::string> roots) {
   roots_ = std::move(roots);
 }
 
+Result<void> Indexer::makeAnewIfNeeded() {
+  if (index_.isDamaged()) return index_.makeAnew();
+  const auto stale = index_.staleCount();
+  const auto count = index_.count();
+  if (!stale || !count || *stale <= *count + options_.mostStale) return {};
+  return index_.makeAnew();
+}
+
 Result<Coverage> Indexer::update(const Progress& progress) {
   const Lock lock(running_);
-  if (index_.isDamaged()) {
-    const auto made = index_.makeAnew();
-    if (!made) return made.error();
-  }
+  if (const auto ready = makeAnewIfNeeded(); !ready) return ready.error();
   auto done = Run(*this, roots_, progress, /*dryRun=*/false).all();
   if (done || !index_.isDamaged()) return done;
   const auto made = index_.makeAnew();

@@ -52,6 +52,9 @@ struct IndexerOptions {
   std::size_t batchSize = 1'000;
   /// Bytes of text held for one transaction, whichever comes first.
   std::size_t batchBytes = std::size_t{32} << 20;
+  /// With so many more messages gone than there are, whose words still take up place, an update of
+  /// all mail makes the index anew.
+  std::uint64_t mostStale = 10'000;
 };
 
 class Indexer {
@@ -76,6 +79,7 @@ class Indexer {
 
  private:
   class Run;
+  Result<void> makeAnewIfNeeded();
   Library& library_;
   Index& index_;
   const IndexerOptions options_;

@@ -543,6 +543,22 @@ TEST_F(Indexing, AMessageIsGoneOnlyWhenAListingMissesIt) {
   EXPECT_EQ(updateFiles(mail_, {"cur/gone", "cur/.hidden", "new/2.b"}).removed, 0U);
 }
 
+TEST_F(Indexing, WhenMostOfTheWordsAreOfMailThatIsGoneTheIndexIsMadeAnew) {
+  options_.mostStale = 1;
+  open();
+  for (int i = 1; i <= 4; ++i) deliver("cur/" + std::to_string(i) + ".x:2,", "m");
+  update();
+  for (int i = 1; i <= 2; ++i) fs::remove(mail_ + "/cur/" + std::to_string(i) + ".x:2,");
+  update();
+  EXPECT_EQ(*index_->staleCount(), 2U);
+  EXPECT_EQ(update().unchanged, 2U);
+  fs::remove(mail_ + "/cur/3.x:2,");
+  update();
+  EXPECT_EQ(update().indexed, 1U);
+  EXPECT_EQ(*index_->staleCount(), 0U);
+  EXPECT_TRUE(index_->contains(4)) << "under its ID";
+}
+
 TEST_F(Indexing, CountingChangesNothing) {
   deliver("cur/1.a:2,S", "one");
   deliver("cur/2.b:2,S", "two");
