@@ -23,8 +23,12 @@
 #endif
 
 #ifdef THMP_FUZZ_COUNTS_MEMORY
-#include <sanitizer/allocator_interface.h>
 #define THMP_FUZZ_SLOW
+// As <sanitizer/allocator_interface.h> has them, which clang brings and g++ does not.
+extern "C" int __sanitizer_install_malloc_and_free_hooks(
+    void (*allocated)(const volatile void* block, std::size_t size),
+    void (*freed)(const volatile void* block));
+extern "C" std::size_t __sanitizer_get_allocated_size(const volatile void* block);
 #endif
 
 namespace thmp::fuzz {
@@ -52,7 +56,7 @@ void allocated(const volatile void* /*block*/, std::size_t size) {
 
 void freed(const volatile void* block) {
   if (block == nullptr) return;
-  const std::size_t size = __sanitizer_get_allocated_size(const_cast<const void*>(block));
+  const std::size_t size = __sanitizer_get_allocated_size(block);
   liveBytes.fetch_sub(static_cast<std::int64_t>(size), std::memory_order_relaxed);
 }
 #endif
