@@ -22,13 +22,20 @@ constexpr std::chrono::seconds kBetweenLines{10};
 constexpr std::chrono::seconds kFirstRetry{1};
 constexpr std::chrono::seconds kLastRetry{60};
 
+// A search or the mail program itself shall not feel it.
+IndexerOptions politely() {
+  IndexerOptions options;
+  options.isPolite = true;
+  return options;
+}
+
 }  // namespace
 
 MailKeeper::MailKeeper(Library& library, Index& index, std::vector<std::string> roots,
                        SystemLog& log)
     : index_(index),
       log_(log),
-      indexer_(library, index),
+      indexer_(library, index, politely()),
       feed_(
           roots,
           [this](const MailChanges& changes) {

@@ -3,7 +3,10 @@
 
 #include <dirent.h>
 #include <pthread.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -93,6 +96,16 @@ std::vector<std::string> attachmentPaths(const std::string& messageFile) {
   }
   std::sort(paths.begin(), paths.end());
   return paths;
+}
+
+// The calling thread lets others go first, from now on.
+void standBack() noexcept {
+  constexpr int kNice = 10;
+  // Best effort, the last in its class; the C library has no function and no names for it.
+  constexpr int kThisThread = 1;
+  constexpr int kLastInClass = (2 << 13) | 7;
+  ::setpriority(PRIO_PROCESS, 0, kNice);
+  ::syscall(SYS_ioprio_set, kThisThread, 0, kLastInClass);
 }
 
 struct SeenFile {
@@ -691,6 +704,7 @@ class Indexer::Run {
     }
     BoundedQueue<ReadFile> read(kReadAhead);
     std::thread reader([&]() noexcept {
+      if (options_.isPolite) standBack();
       for (const Work& work : toRead) {
         if (isStopped() || !read.put(readOne(mailbox, work))) break;
       }

@@ -55,6 +55,8 @@ struct IndexerOptions {
   /// With so many more messages gone than there are, whose words still take up place, an update of
   /// all mail makes the index anew.
   std::uint64_t mostStale = 10'000;
+  /// Reads mail only when nobody else needs the processor or the disk, where there is much to read.
+  bool isPolite = false;
 };
 
 class Indexer {

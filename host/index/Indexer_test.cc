@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -557,6 +558,22 @@ TEST_F(Indexing, WhenMostOfTheWordsAreOfMailThatIsGoneTheIndexIsMadeAnew) {
   EXPECT_EQ(update().indexed, 1U);
   EXPECT_EQ(*index_->staleCount(), 0U);
   EXPECT_TRUE(index_->contains(4)) << "under its ID";
+}
+
+TEST_F(Indexing, APoliteOneReadsMuchMailBehindEverybodyElse) {
+  options_.batchSize = 10;
+  options_.isPolite = true;
+  open();
+  for (int i = 0; i < 400; ++i) deliver("cur/" + std::to_string(i) + ".x:2,", "m");
+  std::optional<int> nice;
+  ASSERT_TRUE(indexer_->update([&](const IndexProgress&) {
+    for (const auto& task : fs::directory_iterator("/proc/self/task")) {
+      if (testing_support::readWhole(task.path() / "comm") != "mail-reader\n") continue;
+      nice = ::getpriority(PRIO_PROCESS,
+                           static_cast<id_t>(std::stoi(task.path().filename().string())));
+    }
+  }));
+  EXPECT_EQ(nice, 10);
 }
 
 TEST_F(Indexing, CountingChangesNothing) {
