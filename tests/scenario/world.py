@@ -140,12 +140,12 @@ class World:
     def pasteboard_names(self):
         return sorted(entry.name for entry in self.pasteboards.iterdir()) if self.pasteboards.is_dir() else []
 
-    def messages_in(self, folder):
-        """All readable messages of a folder, none taken."""
+    def messages_in(self, folder, but=()):
+        """All readable messages of a folder, none taken, without those of the names `but`."""
         found = []
         for path in folder.iterdir() if folder.is_dir() else ():
             with contextlib.suppress(FileNotFoundError):
-                if path.suffix == ".plist":
+                if path.suffix == ".plist" and path.name not in but:
                     found.append(plistlib.loads(path.read_bytes()))
         return found
 
@@ -155,6 +155,8 @@ class Host:
 
     def __init__(self, world, arguments, environment=None, prefix=(), umask=-1):
         self.world = world
+        # Answers of an earlier host, which this one has not taken away yet, are none of its own.
+        self.before = {path.name for path in world.outbox.iterdir()} if world.outbox.is_dir() else set()
         self.process = subprocess.Popen([*prefix, str(HOST), "serve", *arguments], env=environment or world.environment,
                                         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                         text=True, errors="replace", umask=umask)
@@ -174,7 +176,7 @@ class Host:
             if self._ended():
                 raise AssertionError(f"the host has ended: {self.lines}")
             return any(message["name"] == PREFIX + "PluginReady" and "clientName" not in message["userInfo"]
-                       for message in self.world.messages_in(self.world.outbox))
+                       for message in self.world.messages_in(self.world.outbox, but=self.before))
         wait_for(lambda: any("THMPMailPlugin create instance" in line for line in self.lines) and ready(), "PluginReady")
 
     def wait_for_line(self, text, count=1):
