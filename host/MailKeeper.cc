@@ -22,10 +22,11 @@ constexpr std::chrono::seconds kBetweenLines{10};
 constexpr std::chrono::seconds kFirstRetry{1};
 constexpr std::chrono::seconds kLastRetry{60};
 
-// A search or the mail program itself shall not feel it.
-IndexerOptions politely() {
+// It stands back: neither a search nor the mail program itself shall feel it.
+IndexerOptions optionsFor(std::function<void(const std::string& line)> tell) {
   IndexerOptions options;
   options.isPolite = true;
+  options.tell = std::move(tell);
   return options;
 }
 
@@ -35,7 +36,7 @@ MailKeeper::MailKeeper(Library& library, Index& index, std::vector<std::string> 
                        SystemLog& log)
     : index_(index),
       log_(log),
-      indexer_(library, index, politely()),
+      indexer_(library, index, optionsFor([this](const std::string& line) { say(line); })),
       feed_(
           roots,
           [this](const MailChanges& changes) {
@@ -88,15 +89,15 @@ void MailKeeper::work() noexcept {
     say("the index cannot be read: " + prepared.error().text());
   }
   while (true) {
-    bool remakeNow = false;
     {
       const Lock lock(mutex_);
       if (!waitForWork()) return;
       inHand_.addAll(std::exchange(changes_, {}));
-      remakeNow = std::exchange(remakeWanted_, false);
+      remakeWanted_ = false;
     }
     try {
-      if (remakeNow || index_.isDamaged()) remake();
+      // An update makes a damaged index anew.
+      if (index_.isDamaged()) inHand_.everything = true;
       settle(inHand_.everything ? updateAll() : update(inHand_));
     } catch (const std::exception& failure) {
       settle(std::string(failure.what()));
@@ -117,6 +118,10 @@ bool MailKeeper::waitForWork() {
 }
 
 void MailKeeper::settle(const std::string& failure) {
+  {
+    const Lock lock(mutex_);
+    lost_ = index_.isDamaged();
+  }
   if (failure.empty()) {
     if (!failure_.empty()) say("the index is brought up to date again");
     inHand_ = {};
@@ -150,21 +155,6 @@ std::string MailKeeper::update(const MailChanges& changes) {
   if (changes.empty()) return {};
   const Result<Coverage> coverage = indexer_.update(changes);
   return coverage ? std::string() : coverage.error().text();
-}
-
-void MailKeeper::remake() {
-  if (!index_.isDamaged()) return;
-  say("the index is damaged; it is set aside and made anew from the mail");
-  const Result<void> made = index_.makeAnew();
-  {
-    const Lock lock(mutex_);
-    lost_ = !made;
-  }
-  if (made) {
-    inHand_.everything = true;
-  } else {
-    say("the index could not be made anew: " + made.error().text());
-  }
 }
 
 void MailKeeper::say(const std::string& line) { log_.write("tallyhive: " + line); }

@@ -48,7 +48,6 @@ class MailKeeper {
   std::string update(const MailChanges& changes);
   /// Keeps what failed for another try.
   void settle(const std::string& failure);
-  void remake();
   void say(const std::string& line);
 
   Index& index_;

@@ -188,7 +188,9 @@ int index(const IndexOptions& options) {
   const auto messages = Index::open(folders.index, Index::Access::kReadWrite);
   if (!messages) return failWith(kExitFailure, messages.error().description);
 
-  Indexer indexer(**library, **messages);
+  IndexerOptions indexerOptions;
+  indexerOptions.tell = [](const std::string& line) { failWith(kExitSuccess, line); };
+  Indexer indexer(**library, **messages, std::move(indexerOptions));
   indexer.setRoots(roots);
   const Result<Coverage> coverage = bringUpToDate(indexer, options.dryRun);
   if (!coverage) return failWith(kExitFailure, coverage.error().description);

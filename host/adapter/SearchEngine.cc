@@ -162,8 +162,10 @@ class SearchEngine::Core : public std::enable_shared_from_this<Core> {
           return true;
         });
     deliver(std::move(portion));
-    return walked || cancelled_ || !shared_->options.indexUnreadable ||
-           shared_->options.indexUnreadable();
+    if (!shared_->options.indexUnreadable) return true;
+    // Damage is told also where the answer could be had in spite of it.
+    if (walked && !shared_->index.isDamaged()) return true;
+    return shared_->options.indexUnreadable() || walked || cancelled_;
   }
 
   bool matches(const IndexedMessage& message) const {

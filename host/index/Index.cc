@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/index/Index.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -88,6 +90,8 @@ struct Index::State {
   const Access access;
   mutable ReadPool readers;
   mutable std::atomic<bool> damaged{false};
+  std::atomic<IndexLoss> loss{IndexLoss::kNone};  // and not told yet
+  std::atomic<std::uint64_t> inode{0};            // of the file that is written to
   TextSource textSource;
   mutable RecentTexts recentTexts;
 
@@ -126,6 +130,30 @@ struct Index::State {
   std::shared_ptr<const std::unordered_set<std::int64_t>> hiddenNow() {
     const Lock lock(hiding);
     return hidden;
+  }
+
+  std::uint64_t inodeAtPath() const noexcept {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
+  }
+
+  bool isFileThere() const noexcept {
+    return access == Access::kReadOnly || inodeAtPath() == inode.load();
+  }
+
+  Result<void> openWriter() THMP_REQUIRES(writing) {
+    auto tables = openIndexTables(path);
+    if (!tables) return tables.error();
+    writer = std::move(tables->writer);
+    inode.store(inodeAtPath());
+    noteLoss(tables->loss);
+    return {};
+  }
+
+  // The first reason counts: what follows from it is no news.
+  void noteLoss(IndexLoss found) {
+    IndexLoss none = IndexLoss::kNone;
+    loss.compare_exchange_strong(none, found);
   }
 
   void noteResult(int code) const {
@@ -243,14 +271,12 @@ struct Index::State {
         damaged.store(true);
       }
     }
-    bool isGood = row.result() == SQLITE_DONE;
-    row.reset();
+    // At once, while the connection still knows what went wrong.
+    if (row.result() != SQLITE_DONE) return nullptr;
     Statement& stale = reader.statement("SELECT id FROM stale");
     while (stale.row()) made->setIrregular(stale.integer(0));
-    isGood = isGood && stale.result() == SQLITE_DONE;
-    stale.reset();
+    if (stale.result() != SQLITE_DONE) return nullptr;
     static_cast<void>(reader.execute(kMapFile));
-    if (!isGood) return nullptr;
     made->hide(*hiddenNow());
     return made;
   }
@@ -287,7 +313,9 @@ struct Index::State {
     if (!reader) return unreadable(path);
     const SharedLock lock(viewing);
     if (!columns) return std::optional<Candidates>();
-    return std::optional(findCandidates(query, {*columns, *pool, *reader}));
+    Candidates found = findCandidates(query, {*columns, *pool, *reader});
+    noteResult(found.failure);
+    return std::optional(std::move(found));
   }
 };
 
@@ -346,13 +374,12 @@ Result<std::unique_ptr<Index>> Index::open(const std::string& path, Access acces
     const Lock lock(state->writing);
     // A pool that cannot be read is damage that opening did not meet.
     for (const bool isFirst : {true, false}) {
-      auto writer = openIndexTables(path);
-      if (!writer) return writer.error();
-      state->writer = std::move(*writer);
+      if (const Result<void> opened = state->openWriter(); !opened) return opened.error();
       if (state->poolNow()->load(*state->writer)) break;
       if (!isFirst) return state->failure(*state->writer);
       state->writer.reset();
       setIndexAside(path);
+      state->noteLoss(IndexLoss::kDamaged);
       const ExclusiveLock viewLock(state->viewing);
       state->pool = state->newPool();
     }
@@ -711,7 +738,9 @@ Result<void> Index::setLastUpdate(Date date) {
   });
 }
 
-bool Index::isDamaged() const noexcept { return state_->damaged.load(); }
+bool Index::isDamaged() const noexcept { return state_->damaged.load() || !state_->isFileThere(); }
+
+IndexLoss Index::takeLoss() noexcept { return state_->loss.exchange(IndexLoss::kNone); }
 
 Result<void> Index::settle() {
   {
@@ -736,17 +765,22 @@ Result<std::uint64_t> Index::staleCount() const {
 
 Result<void> Index::makeAnew() {
   const Lock lock(state_->writing);
-  if (!state_->writer) return Error::posix(EROFS, "the search index is open for reading only");
+  if (state_->access == Access::kReadOnly) {
+    return Error::posix(EROFS, "the search index is open for reading only");
+  }
   state_->drop(*state_->poolNow());
   state_->readers.close();
   state_->writer.reset();
-  if (state_->damaged.exchange(false)) {
+  const bool isMissing = !state_->isFileThere();
+  if (isMissing) state_->noteLoss(IndexLoss::kMissing);
+  if (state_->damaged.exchange(false) && !isMissing) {
+    state_->noteLoss(IndexLoss::kDamaged);
     setIndexAside(state_->path);
   } else {
     removeIndexFiles(state_->path);
   }
-  auto writer = openIndexTables(state_->path);
-  if (writer) state_->writer = std::move(*writer);
+  auto opened = state_->openWriter();
+  if (!opened) state_->damaged.store(true);
   {
     const ExclusiveLock viewLock(state_->viewing);
     state_->pool = state_->newPool();
@@ -754,8 +788,7 @@ Result<void> Index::makeAnew() {
     if (state_->columns) state_->columns->hide(*state_->hiddenNow());
   }
   state_->readers.reopen();
-  if (!state_->writer) return writer.error();
-  return {};
+  return opened;
 }
 
 std::uint64_t Index::addListener(ChangeListener listener) {

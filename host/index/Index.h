@@ -142,12 +142,15 @@ class Index {
   /// Messages that are gone or were replaced, and whose words still take up place.
   Result<std::uint64_t> staleCount() const;
 
-  /// Whether the file turned out to be damaged since it was opened.
+  /// Whether the file turned out to be damaged since it was opened, or is no longer there.
   bool isDamaged() const noexcept;
   /// Sets the damaged file aside, or takes a sound one away, and begins an empty one. Waits for
   /// readers in the middle of a step. Listeners are told nothing: the messages come back under
-  /// their IDs.
+  /// their IDs. After an error the index stays damaged, and this can be tried again.
   Result<void> makeAnew();
+  /// What was lost when the file was opened or made anew, told once. A file that was never there
+  /// counts as missing.
+  IndexLoss takeLoss() noexcept;
 
   /// `listener` is called after each commit, in the order of commits, on a thread that writes,
   /// under no lock of the index. Returns the number to remove it by.

@@ -219,6 +219,7 @@ TEST_F(TheIndex, ADamagedFileIsSetAsideAndBegunAnew) {
   std::filesystem::remove(path_ + "-wal");
   open();
   EXPECT_THAT(found(), IsEmpty());
+  EXPECT_EQ(index_->takeLoss(), IndexLoss::kDamaged);
   EXPECT_THAT(filesBeside(), ::testing::Contains("index.sqlite.damaged-1"));
   put({entryOf(1, "again")});
   EXPECT_THAT(found(), ElementsAre(1));
@@ -233,6 +234,7 @@ TEST_F(TheIndex, AnotherSchemaVersionIsBegunAnewWithoutKeepingTheOld) {
   sqlite3_close(db);
   open();
   EXPECT_THAT(found(), IsEmpty());
+  EXPECT_EQ(index_->takeLoss(), IndexLoss::kOtherVersion);
   EXPECT_THAT(filesBeside(), ::testing::Not(::testing::Contains("index.sqlite.damaged-1")));
 }
 
@@ -244,6 +246,59 @@ TEST_F(TheIndex, AFileDeletedUnderUsIsNoticedAsAnErrorAndNotACrash) {
   open();
   put({entryOf(2, "two")});
   EXPECT_THAT(found(), ElementsAre(2));
+}
+
+TEST_F(TheIndex, AFileThatIsGoneCountsAsDamagedUntilItIsMadeAnew) {
+  EXPECT_EQ(index_->takeLoss(), IndexLoss::kMissing) << "it was never there";
+  put({entryOf(1, "one")});
+  EXPECT_FALSE(index_->isDamaged());
+  std::filesystem::remove(path_);
+  EXPECT_TRUE(index_->isDamaged());
+  ASSERT_TRUE(index_->makeAnew());
+  EXPECT_FALSE(index_->isDamaged());
+  EXPECT_EQ(index_->takeLoss(), IndexLoss::kMissing);
+  EXPECT_EQ(index_->takeLoss(), IndexLoss::kNone);
+  EXPECT_THAT(filesBeside(), ::testing::Not(::testing::Contains("index.sqlite.damaged-1")));
+  put({entryOf(2, "two")});
+  EXPECT_THAT(found(), ElementsAre(2));
+}
+
+TEST_F(TheIndex, WhatCannotBeMadeAnewCanBeTriedAgain) {
+  put({entryOf(1, "one")});
+  std::filesystem::remove_all(folder_ / "idx");
+  EXPECT_FALSE(index_->makeAnew());
+  EXPECT_TRUE(index_->isDamaged());
+  std::filesystem::create_directory(folder_ / "idx");
+  EXPECT_TRUE(index_->makeAnew());
+  put({entryOf(1, "one")});
+  EXPECT_THAT(found(), ElementsAre(1));
+}
+
+TEST_F(TheIndex, DamageThatTheColumnsAreMadeOfIsNoticed) {
+  std::vector<IndexEntry> entries;
+  for (int id = 1; id <= 500; ++id) entries.push_back(entryOf(id, std::string(400, 's')));
+  put(std::move(entries));
+  index_.reset();
+  // The second leaf of the records.
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(path_.c_str(), &db), SQLITE_OK);
+  std::int64_t page = 0;
+  sqlite3_exec(
+      db, "SELECT pageno FROM dbstat WHERE name = 'records' AND pagetype = 'leaf' LIMIT 1 OFFSET 1",
+      [](void* out, int, char** columns, char**) {
+        *static_cast<std::int64_t*>(out) = std::stoll(columns[0]);
+        return 0;
+      },
+      &page, nullptr);
+  sqlite3_close(db);
+  if (page == 0) GTEST_SKIP() << "this SQLite does not tell where its pages are";
+  std::string bytes = testing_support::readWhole(path_);
+  bytes.replace(static_cast<std::size_t>(page - 1) * 4096, 4096, std::string(4096, '\x55'));
+  testing_support::writeFile(path_, bytes);
+  open();
+  EXPECT_FALSE(index_->isDamaged());
+  EXPECT_FALSE(index_->prepareColumns());
+  EXPECT_TRUE(index_->isDamaged());
 }
 
 TEST_F(TheIndex, ForReadingOnlyNothingIsMadeOrChanged) {

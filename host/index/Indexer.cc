@@ -845,7 +845,7 @@ class Indexer::Run {
 };
 
 Indexer::Indexer(Library& library, Index& index, IndexerOptions options)
-    : library_(library), index_(index), options_(options) {}
+    : library_(library), index_(index), options_(std::move(options)) {}
 
 void Indexer::setRoots(std::vector<std::string> roots) {
   for (std::string& root : roots) {
@@ -858,22 +858,55 @@ void Indexer::setRoots(std::vector<std::string> roots) {
   roots_ = std::move(roots);
 }
 
-Result<void> Indexer::makeAnewIfNeeded() {
-  if (index_.isDamaged()) return index_.makeAnew();
-  const auto stale = index_.staleCount();
-  const auto count = index_.count();
-  if (!stale || !count || *stale <= *count + options_.mostStale) return {};
-  return index_.makeAnew();
-}
-
 Result<Coverage> Indexer::update(const Progress& progress) {
   const Lock lock(running_);
-  if (const auto ready = makeAnewIfNeeded(); !ready) return ready.error();
-  auto done = Run(*this, roots_, progress, /*dryRun=*/false).all();
-  if (done || !index_.isDamaged()) return done;
-  const auto made = index_.makeAnew();
-  if (!made) return made.error();
-  return Run(*this, roots_, progress, /*dryRun=*/false).all();
+  const auto run = [&]() -> Result<Coverage> {
+    if (const Result<void> sound = makeSound(); !sound) return sound.error();
+    return Run(*this, roots_, progress, /*dryRun=*/false).all();
+  };
+  auto done = run();
+  // Damage that the update met, whether it came to its end or not.
+  return index_.isDamaged() ? run() : done;
+}
+
+Result<void> Indexer::makeSound() {
+  if (!index_.isDamaged() && isMostlyStale()) {
+    if (options_.tell) {
+      options_.tell("most words in the index are of mail that is gone; it is made anew");
+    }
+    Result<void> made = index_.makeAnew();
+    index_.takeLoss();  // which this was not
+    return made;
+  }
+  Result<void> made;
+  if (index_.isDamaged()) made = index_.makeAnew();
+  tellOfLoss();
+  return made;
+}
+
+bool Indexer::isMostlyStale() const {
+  const auto stale = index_.staleCount();
+  const auto count = index_.count();
+  return stale && count && *stale > *count + options_.mostStale;
+}
+
+void Indexer::tellOfLoss() {
+  const auto why = [this]() -> const char* {
+    switch (index_.takeLoss()) {
+      case IndexLoss::kNone:
+        return nullptr;
+      case IndexLoss::kMissing: {
+        const auto known = library_.messageCount();
+        return known && *known > 0 ? "the index is gone; it is made anew from the mail" : nullptr;
+      }
+      case IndexLoss::kDamaged:
+        return "the index is damaged; it is set aside and made anew from the mail";
+      case IndexLoss::kOtherVersion:
+        return "the index is of another version of this program; it is made anew from the mail";
+    }
+    return nullptr;
+  }();
+  if (why != nullptr && options_.tell) options_.tell(why);
 }
 
 Result<Coverage> Indexer::update(const MailChanges& changes) {
@@ -882,7 +915,7 @@ Result<Coverage> Indexer::update(const MailChanges& changes) {
     const Lock lock(running_);
     if (!index_.isDamaged()) {
       auto done = Run(*this, roots_, {}, /*dryRun=*/false).some(changes);
-      if (done || !index_.isDamaged()) return done;
+      if (!index_.isDamaged()) return done;
     }
   }
   return update();

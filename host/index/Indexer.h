@@ -57,6 +57,8 @@ struct IndexerOptions {
   std::uint64_t mostStale = 10'000;
   /// Reads mail only when nobody else needs the processor or the disk, where there is much to read.
   bool isPolite = false;
+  /// Told in one line what has happened to the index, on the thread that updates.
+  std::function<void(const std::string& line)> tell;
 };
 
 class Indexer {
@@ -81,7 +83,10 @@ class Indexer {
 
  private:
   class Run;
-  Result<void> makeAnewIfNeeded();
+  Result<void> makeSound();
+  bool isMostlyStale() const;
+  void tellOfLoss();
+
   Library& library_;
   Index& index_;
   const IndexerOptions options_;

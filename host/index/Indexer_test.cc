@@ -34,6 +34,7 @@ class Indexing : public ::testing::Test {
  protected:
   void SetUp() override {
     makeMaildir(mail_);
+    options_.tell = [this](const std::string& line) { said_.push_back(line); };
     open();
   }
 
@@ -131,6 +132,7 @@ class Indexing : public ::testing::Test {
   std::unique_ptr<Index> index_;
   std::unique_ptr<Indexer> indexer_;
   std::vector<IndexChange> told_;
+  std::vector<std::string> said_;
 };
 
 TEST_F(Indexing, AFirstIndexNumbersEachMailboxByTheDateInTheName) {
@@ -205,8 +207,10 @@ TEST_F(Indexing, ALostIndexIsRebuiltUnderTheSameIds) {
   index_.reset();
   fs::remove_all(folder_ / "cache");
   open();
+  EXPECT_THAT(said_, IsEmpty()) << "the first index is no news";
   EXPECT_EQ(update().indexed, 19U);
   EXPECT_EQ(bySubject(), before);
+  EXPECT_THAT(said_, ElementsAre("the index is gone; it is made anew from the mail"));
 }
 
 TEST_F(Indexing, ADamagedIndexIsRebuiltByItself) {
@@ -221,6 +225,21 @@ TEST_F(Indexing, ADamagedIndexIsRebuiltByItself) {
   update();
   EXPECT_EQ(idOf("one"), id);
   EXPECT_TRUE(fs::exists(folder_ / "cache/index.sqlite.damaged-1"));
+  EXPECT_THAT(said_,
+              ElementsAre("the index is damaged; it is set aside and made anew from the mail"));
+}
+
+TEST_F(Indexing, AnIndexThatGoesMeanwhileIsMadeAnewByTheNextChange) {
+  deliver("cur/1.a:2,S", "one");
+  update();
+  const std::int64_t id = idOf("one");
+  fs::remove_all(folder_ / "cache");
+  fs::create_directory(folder_ / "cache");
+  deliver("cur/2.b:2,S", "two");
+  EXPECT_EQ(updateMailbox(mail_).indexed, 2U);
+  EXPECT_EQ(idOf("one"), id);
+  EXPECT_NE(idOf("two"), 0);
+  EXPECT_THAT(said_, ElementsAre("the index is gone; it is made anew from the mail"));
 }
 
 TEST_F(Indexing, AnInterruptionBetweenLibraryAndIndexHeals) {

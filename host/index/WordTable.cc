@@ -86,24 +86,22 @@ bool putWords(Connection& writer, std::int64_t row, const MessageWords& words) {
       .run();
 }
 
-bool findWords(Connection& reader, const WordLookup& lookup,
-               const std::function<void(std::int64_t row)>& visit) {
+int findWords(Connection& reader, const WordLookup& lookup,
+              const std::function<void(std::int64_t row)>& visit) {
   const std::string expression = expressionOf(lookup);
   Statement& found = reader.statement("SELECT rowid FROM words WHERE words MATCH ?");
   found.bind(1, expression);
   while (found.row()) visit(found.integer(0));
-  const bool readAll = found.result() == SQLITE_DONE;
-  found.reset();
-  return readAll;
+  return found.result() == SQLITE_DONE ? SQLITE_OK : found.result();
 }
 
-bool forEachWord(Connection& reader, const std::function<bool(std::string_view word)>& visit) {
+int forEachWord(Connection& reader, const std::function<bool(std::string_view word)>& visit) {
   Statement& word = reader.statement("SELECT term FROM vocabulary");
   bool goesOn = true;
   while (goesOn && word.row()) goesOn = visit(word.bytes(0));
-  const bool readAll = !goesOn || word.result() == SQLITE_DONE;
+  const int result = word.result();
   word.reset();
-  return readAll;
+  return !goesOn || result == SQLITE_DONE ? SQLITE_OK : result;
 }
 
 }  // namespace thmp

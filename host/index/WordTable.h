@@ -41,11 +41,13 @@ struct WordLookup {
   bool isPrefix = false;
 };
 
-/// Calls `visit` with each row that fits. False when the table cannot be read.
-bool findWords(Connection& reader, const WordLookup& lookup,
-               const std::function<void(std::int64_t row)>& visit);
+// Both give SQLITE_OK, or the code of what went wrong when the table cannot be read to its end.
+
+/// Calls `visit` with each row that fits.
+int findWords(Connection& reader, const WordLookup& lookup,
+              const std::function<void(std::int64_t row)>& visit);
 
 /// Calls `visit` with each word that stands anywhere, until it returns false.
-bool forEachWord(Connection& reader, const std::function<bool(std::string_view word)>& visit);
+int forEachWord(Connection& reader, const std::function<bool(std::string_view word)>& visit);
 
 }  // namespace thmp

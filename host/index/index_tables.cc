@@ -60,7 +60,7 @@ std::string freeDamagedName(const std::string& path) {
 
 enum class Opened : std::uint8_t { kReady, kDamaged, kOtherVersion, kFailed };
 
-Opened openWriter(const std::string& path, std::unique_ptr<Connection>& writer, Error& error) {
+Opened openWriter(const std::string& path, OpenedTables& tables, Error& error) {
   auto opened = Connection::open(path, Connection::Mode::kReadWrite);
   if (!opened) {
     error = opened.error();
@@ -82,9 +82,10 @@ Opened openWriter(const std::string& path, std::unique_ptr<Connection>& writer, 
         !transaction.commit()) {
       return failed();
     }
+    if (tables.loss == IndexLoss::kNone) tables.loss = IndexLoss::kMissing;
   }
   if (!connection.execute(kLookThrough)) return failed();
-  writer = std::move(*opened);
+  tables.writer = std::move(*opened);
   return Opened::kReady;
 }
 
@@ -150,22 +151,24 @@ void removeIndexFiles(const std::string& path) {
   for (const char* suffix : {"", "-wal", "-shm"}) ::unlink((path + suffix).c_str());
 }
 
-Result<std::unique_ptr<Connection>> openIndexTables(const std::string& path) {
-  std::unique_ptr<Connection> writer;
+Result<OpenedTables> openIndexTables(const std::string& path) {
+  OpenedTables tables;
   Error error;
-  switch (openWriter(path, writer, error)) {
+  switch (openWriter(path, tables, error)) {
     case Opened::kReady:
-      return writer;
+      return tables;
     case Opened::kFailed:
       return error;
     case Opened::kDamaged:
       setIndexAside(path);
+      tables.loss = IndexLoss::kDamaged;
       break;
     case Opened::kOtherVersion:
       removeIndexFiles(path);
+      tables.loss = IndexLoss::kOtherVersion;
       break;
   }
-  if (openWriter(path, writer, error) == Opened::kReady) return writer;
+  if (openWriter(path, tables, error) == Opened::kReady) return tables;
   return error.isSet() ? error : Error::posix(EIO, "cannot use the search index " + path);
 }
 

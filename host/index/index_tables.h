@@ -29,7 +29,11 @@ namespace thmp {
 
 /// Opens the index in the file at `path` for writing; makes it when it is missing, and anew when it
 /// is damaged or of another version.
-Result<std::unique_ptr<Connection>> openIndexTables(const std::string& path);
+struct OpenedTables {
+  std::unique_ptr<Connection> writer;
+  IndexLoss loss = IndexLoss::kNone;
+};
+Result<OpenedTables> openIndexTables(const std::string& path);
 
 /// Whether a reader finds tables of this version.
 bool areIndexTables(Connection& reader);

@@ -46,6 +46,9 @@ struct IndexChange {
   std::vector<std::int64_t> removed;
 };
 
+/// Why the index does not hold what it held before.
+enum class IndexLoss : std::uint8_t { kNone, kMissing, kDamaged, kOtherVersion };
+
 struct IncompleteMessage {
   std::int64_t id = 0;
   std::string reason;

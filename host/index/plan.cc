@@ -208,6 +208,7 @@ class Planner {
         present_(columns_.present()) {}
 
   const RowSet& present() const { return present_; }
+  int failure() const { return failure_; }
 
   Found find(const Node& node) {
     if (const auto predicate = predicateOf(node)) return find(*predicate);
@@ -444,10 +445,10 @@ class Planner {
     }
     if (part.empty()) return unknown();
     std::vector<std::string> words;
-    const bool readAll = forEachWord(reader_, [&](std::string_view word) {
+    const bool readAll = noted(forEachWord(reader_, [&](std::string_view word) {
       if (word.find(part) != std::string_view::npos) words.emplace_back(word);
       return words.size() <= kMostWords;
-    });
+    }));
     if (!readAll || words.size() > kMostWords) return unknown();
     words.emplace_back(kUncovered);
     RowSet rows;
@@ -457,10 +458,15 @@ class Planner {
     return Found::inDoubt(rows);
   }
 
+  bool noted(int code) {
+    if (code != SQLITE_OK) failure_ = code;
+    return code == SQLITE_OK;
+  }
+
   bool addRows(const WordLookup& lookup, RowSet& rows) {
-    return findWords(reader_, lookup, [&rows](std::int64_t row) {
+    return noted(findWords(reader_, lookup, [&rows](std::int64_t row) {
       if (row > 0 && row <= INT32_MAX) rows.insert(static_cast<Row>(row));
-    });
+    }));
   }
 
   Found byAny(const Predicate& predicate) {
@@ -486,6 +492,7 @@ class Planner {
   const Columns& columns_;
   const ValuePool& pool_;
   Connection& reader_;
+  int failure_ = SQLITE_OK;
   const RowSet present_;
   query::FoldedText scratch_;
 };
@@ -551,7 +558,7 @@ Candidates findCandidates(const query::Query& query, const PlanInput& input) {
   Planner planner(input);
   Found found = planner.find(query.root());
   const RowSet irregular = input.columns.irregular();
-  Candidates candidates{std::move(found.rows), std::move(found.doubtful)};
+  Candidates candidates{std::move(found.rows), std::move(found.doubtful), planner.failure()};
   candidates.rows |= irregular;
   candidates.rows &= planner.present();
   candidates.doubtful |= irregular;

@@ -21,6 +21,8 @@ struct Candidates {
   RowSet rows;
   /// Those of `rows` that have to be looked at.
   RowSet doubtful;
+  /// Of the table of words, when a part could not be read from it; an SQLite code.
+  int failure = 0;
 };
 
 /// What the answer is worked out from. `reader` knows the table of words.

@@ -117,6 +117,11 @@ Error Connection::error(std::string_view what) const {
   error.code = db_ == nullptr ? SQLITE_NOMEM : sqlite3_extended_errcode(db_);
   error.description =
       std::string(what) + ": " + (db_ == nullptr ? "out of memory" : sqlite3_errmsg(db_));
+  if ((error.code & 0xFF) == SQLITE_FULL) {
+    error.description =
+        std::string(what) +
+        ": no space is left on its disk; make room there, and the next update goes on from here";
+  }
   return error;
 }
 
