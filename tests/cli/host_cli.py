@@ -157,7 +157,9 @@ class Indexing(Scenario):
         self.world.deliver_many(2000)
         for columns in (20, 40):
             shutil.rmtree(self.world.folders["cache"])
-            drawn = [line for line in self.index_on_a_terminal(columns).split("\r\x1b[K") if line]
+            # What happened to the index stands on a line of its own.
+            shown = self.index_on_a_terminal(columns).rpartition("\n")[2]
+            drawn = [line for line in shown.split("\r\x1b[K") if line]
             self.assertTrue(drawn and all(len(line) < columns for line in drawn), drawn)
             self.assertIn("1000 of 2000", drawn[0])
 
