@@ -58,10 +58,10 @@ struct SearchEngine::Shared {
 class SearchEngine::Core : public std::enable_shared_from_this<Core> {
  public:
   Core(std::shared_ptr<Shared> shared, std::string text,
-       std::shared_ptr<const std::vector<std::string>> attributes)
+       const std::shared_ptr<const std::vector<std::string>>& attributes)
       : shared_(std::move(shared)),
         text_(std::move(text)),
-        attributes_(std::move(attributes)),
+        wanted_(selectAttributes(attributes ? *attributes : defaultAttributes())),
         strand_(std::make_shared<Strand>(shared_->pool)) {}
 
   template <typename Handler>
@@ -175,7 +175,7 @@ class SearchEngine::Core : public std::enable_shared_from_this<Core> {
   SpotlightItem itemOf(const IndexedMessage& message) const {
     SpotlightItem item;
     item.identifier = std::to_string(message.id());
-    item.attributes = message.attributes(attributes_ ? *attributes_ : defaultAttributes());
+    item.attributes = message.attributes(wanted_);
     return item;
   }
 
@@ -227,7 +227,7 @@ class SearchEngine::Core : public std::enable_shared_from_this<Core> {
 
   const std::shared_ptr<Shared> shared_;
   const std::string text_;
-  const std::shared_ptr<const std::vector<std::string>> attributes_;
+  const AttributeSelection wanted_;
   const std::shared_ptr<Strand> strand_;
   std::atomic<bool> cancelled_{false};
   std::atomic<std::uint64_t> found_{0};
@@ -302,8 +302,7 @@ SearchEngine::~SearchEngine() { shared_->index.removeListener(listener_); }
 
 std::shared_ptr<SpotlightQuery> SearchEngine::makeQuery(
     const std::string& queryString, std::shared_ptr<const std::vector<std::string>> attributes) {
-  return std::make_shared<Query>(
-      std::make_shared<Core>(shared_, queryString, std::move(attributes)));
+  return std::make_shared<Query>(std::make_shared<Core>(shared_, queryString, attributes));
 }
 
 std::size_t SearchEngine::liveQueryCount() const {

@@ -319,6 +319,15 @@ struct Index::State {
   }
 };
 
+AttributeSelection selectAttributes(std::span<const std::string> names) {
+  AttributeSelection wanted;
+  for (const std::string& name : names) {
+    const auto key = keyNamed(name);
+    if (key && !isQueryOnly(*key)) wanted.set(static_cast<std::size_t>(*key));
+  }
+  return wanted;
+}
+
 Value IndexedMessage::value(std::string_view attribute) const {
   const auto key = keyNamed(attribute);
   return key ? value(*key) : Value();
@@ -332,27 +341,19 @@ Value IndexedMessage::value(AttributeKey key) const {
 }
 
 Dictionary IndexedMessage::attributes() const {
-  return recordAttributes(record_, *pool_,
-                          {keyText(AttributeKey::kExternalID), Value(std::to_string(id_))});
+  static const AttributeSelection kAll = [] {
+    AttributeSelection all;
+    for (std::size_t key = 0; key <= static_cast<std::size_t>(AttributeKey::kBeforeQueryOnly);
+         ++key) {
+      all.set(key);
+    }
+    return all;
+  }();
+  return attributes(kAll);
 }
 
-Dictionary IndexedMessage::attributes(std::span<const std::string> names) const {
-  std::array<bool, 256> wanted{};
-  for (const std::string& name : names) {
-    const auto key = keyNamed(name);
-    if (key) wanted[static_cast<std::size_t>(*key)] = true;
-  }
-  std::vector<Dictionary::Entry> entries;
-  if (wanted[static_cast<std::size_t>(AttributeKey::kExternalID)]) {
-    entries.push_back({keyText(AttributeKey::kExternalID), Value(std::to_string(id_))});
-  }
-  forEachInRecord(record_, *pool_, [&](AttributeKey key, const Value& found) {
-    if (wanted[static_cast<std::size_t>(key)] && !isQueryOnly(key)) {
-      entries.push_back({keyText(key), found});
-    }
-    return true;
-  });
-  return Dictionary(std::move(entries));
+Dictionary IndexedMessage::attributes(const AttributeSelection& wanted) const {
+  return recordAttributes(record_, *pool_, wanted, Value(std::to_string(id_)));
 }
 
 void IndexedMessage::forEachAttribute(

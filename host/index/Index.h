@@ -23,6 +23,7 @@
 #include "base/result.h"
 #include "base/value.h"
 #include "host/index/index_types.h"
+#include "host/index/message_record.h"
 #include "host/query/query.h"
 #include "host/store/MailFolders.h"
 #include "host/store/attribute_keys.h"
@@ -31,6 +32,9 @@ namespace thmp {
 
 class Index;
 class ValuePool;
+
+/// The attributes of these names that a found item can carry.
+AttributeSelection selectAttributes(std::span<const std::string> names);
 
 /// One message as it was when it was read from the index. A copy is independent of later changes,
 /// but for the text, which is read from the mail when asked for. The index outlives it.
@@ -46,8 +50,8 @@ class IndexedMessage {
 
   /// All attributes that a found item can carry.
   Dictionary attributes() const;
-  /// Those of `names` that the message has and an item can carry.
-  Dictionary attributes(std::span<const std::string> names) const;
+  /// Those of `wanted` that the message has.
+  Dictionary attributes(const AttributeSelection& wanted) const;
 
   /// Calls `visit` with each attribute it has, query-only ones included but not the text, until it
   /// returns false.

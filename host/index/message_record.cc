@@ -700,21 +700,25 @@ void forEachInRecord(std::string_view record, const ValuePool& pool,
 }
 
 Dictionary recordAttributes(std::string_view record, const ValuePool& pool,
-                            const Dictionary::Entry& more) {
+                            const AttributeSelection& wanted, const Value& identifier) {
+  const auto isWanted = [&wanted](AttributeKey key) {
+    return wanted[static_cast<std::size_t>(key)];
+  };
   std::vector<Dictionary::Entry> entries;
   entries.reserve(static_cast<std::size_t>(AttributeKey::kFetchedCount));
-  bool isMoreIn = false;
-  const std::uint16_t rankOfMore = rankOf(keyNamed(more.key).value_or(AttributeKey::kExternalID));
-  const auto isCarried = [](AttributeKey key) { return !isQueryOnly(key); };
-  visitRecord(record, pool, isCarried, [&](AttributeKey key, const Value& value) {
-    if (!isMoreIn && rankOf(key) > rankOfMore) {
-      entries.push_back(more);
-      isMoreIn = true;
-    }
+  // In the order of the names, so that the dictionary need not sort.
+  bool isIdentifierDue = isWanted(AttributeKey::kExternalID);
+  const auto putIdentifierBefore = [&](std::uint16_t rank) {
+    if (!isIdentifierDue || rank < rankOf(AttributeKey::kExternalID)) return;
+    entries.push_back({keyText(AttributeKey::kExternalID), identifier});
+    isIdentifierDue = false;
+  };
+  visitRecord(record, pool, isWanted, [&](AttributeKey key, const Value& value) {
+    putIdentifierBefore(rankOf(key));
     entries.push_back({keyText(key), value});
     return true;
   });
-  if (!isMoreIn) entries.push_back(more);
+  putIdentifierBefore(UINT16_MAX);
   return Dictionary(std::move(entries));
 }
 

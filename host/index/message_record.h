@@ -8,6 +8,7 @@
 // them is safe. Any thread, but for what the pool asks.
 #pragma once
 
+#include <bitset>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -38,9 +39,13 @@ std::optional<std::uint32_t> recordShape(std::string_view record) noexcept;
 /// Null when the attribute is absent.
 Value recordValue(std::string_view record, AttributeKey key, const ValuePool& pool);
 
-/// All that an item can carry, with `more` among them in the place of its name.
+/// Some of all attributes, by their numbers.
+using AttributeSelection = std::bitset<256>;
+
+/// Those of `wanted` that the record has, and `identifier`, which no record has by itself, as
+/// kExternalID when that is wanted.
 Dictionary recordAttributes(std::string_view record, const ValuePool& pool,
-                            const Dictionary::Entry& more);
+                            const AttributeSelection& wanted, const Value& identifier);
 
 /// Calls `visit` with each attribute in the order of the names, until it returns false. Shared
 /// values stay shared.
