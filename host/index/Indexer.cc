@@ -860,13 +860,14 @@ void Indexer::setRoots(std::vector<std::string> roots) {
 
 Result<Coverage> Indexer::update(const Progress& progress) {
   const Lock lock(running_);
-  const auto run = [&]() -> Result<Coverage> {
-    if (const Result<void> sound = makeSound(); !sound) return sound.error();
-    return Run(*this, roots_, progress, /*dryRun=*/false).all();
-  };
-  auto done = run();
+  auto done = updateAll(progress);
   // Damage that the update met, whether it came to its end or not.
-  return index_.isDamaged() ? run() : done;
+  return index_.isDamaged() ? updateAll(progress) : done;
+}
+
+Result<Coverage> Indexer::updateAll(const Progress& progress) {
+  if (const Result<void> sound = makeSound(); !sound) return sound.error();
+  return Run(*this, roots_, progress, /*dryRun=*/false).all();
 }
 
 Result<void> Indexer::makeSound() {

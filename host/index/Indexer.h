@@ -83,6 +83,7 @@ class Indexer {
 
  private:
   class Run;
+  Result<Coverage> updateAll(const Progress& progress) THMP_REQUIRES(running_);
   Result<void> makeSound();
   bool isMostlyStale() const;
   void tellOfLoss();
