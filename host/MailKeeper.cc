@@ -18,8 +18,7 @@ namespace {
 // How long a first update goes on without a word.
 constexpr std::chrono::seconds kBetweenLines{10};
 
-// After an update that failed, twice as long each time.
-constexpr std::chrono::seconds kFirstRetry{1};
+// After an update that failed, twice as long after each retry.
 constexpr std::chrono::seconds kLastRetry{60};
 
 // It stands back: neither a search nor the mail program itself shall feel it.
@@ -92,6 +91,9 @@ void MailKeeper::work() noexcept {
     {
       const Lock lock(mutex_);
       if (!waitForWork()) return;
+      // News of more mail is no reason to wait longer for the next try.
+      const bool isRetry = changes_.empty() && !inHand_.empty();
+      nextRetry_ = isRetry ? std::min(nextRetry_ * 2, kLastRetry) : nextRetry_;
       inHand_.addAll(std::exchange(changes_, {}));
       remakeWanted_ = false;
     }
@@ -106,7 +108,7 @@ void MailKeeper::work() noexcept {
 }
 
 bool MailKeeper::waitForWork() {
-  const auto retry = std::chrono::steady_clock::now() + untilRetry_;
+  const auto retry = std::chrono::steady_clock::now() + nextRetry_;
   while (!stopped_ && !remakeWanted_ && changes_.empty()) {
     if (inHand_.empty()) {
       wake_.wait(mutex_);
@@ -125,11 +127,10 @@ void MailKeeper::settle(const std::string& failure) {
   if (failure.empty()) {
     if (!failure_.empty()) say("the index is brought up to date again");
     inHand_ = {};
-    untilRetry_ = {};
+    nextRetry_ = kFirstRetry;
   } else {
     // The same reason again is no news.
     if (failure != failure_) say("the index could not be brought up to date: " + failure);
-    untilRetry_ = std::clamp(untilRetry_ * 2, kFirstRetry, kLastRetry);
   }
   failure_ = failure;
 }

@@ -59,7 +59,8 @@ class MailKeeper {
   // The keeper's thread alone.
   MailChanges inHand_;  // taken up and not yet done
   std::string failure_;
-  std::chrono::seconds untilRetry_{0};
+  static constexpr std::chrono::seconds kFirstRetry{1};
+  std::chrono::seconds nextRetry_ = kFirstRetry;
 
   Mutex mutex_;
   ConditionVariable wake_;
