@@ -19,14 +19,6 @@ class RowSet {
  public:
   RowSet() = default;
 
-  /// All rows below `end`.
-  static RowSet below(Row end) {
-    RowSet all;
-    all.words_.assign((std::size_t{end} + 63) / 64, ~std::uint64_t{0});
-    if (end % 64 != 0) all.words_.back() = (std::uint64_t{1} << (end % 64)) - 1;
-    return all;
-  }
-
   bool contains(Row row) const {
     const std::size_t word = row / 64;
     return word < words_.size() && ((words_[word] >> (row % 64)) & 1) != 0;
@@ -82,8 +74,6 @@ class RowSet {
       }
     }
   }
-
-  std::size_t bytes() const { return words_.capacity() * sizeof(std::uint64_t); }
 
  private:
   std::vector<std::uint64_t> words_;

@@ -30,11 +30,7 @@ class TermColumn {
   /// The rows that have any text.
   const RowSet& present() const { return present_; }
 
-  std::size_t termCount() const { return terms_.size(); }
-
  private:
-  friend class ColumnsFile;
-
   // Rows as differences from the row before, seven bits a byte.
   struct Term {
     Text text;
