@@ -20,7 +20,7 @@ target_include_directories(thmp_flags INTERFACE ${CMAKE_SOURCE_DIR})
 # std::string, and the empty std::optional as used uninitialized.
 target_compile_options(
   thmp_flags
-  INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror -Wformat=2 -Werror=format-security
+  INTERFACE -pthread -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror -Wformat=2 -Werror=format-security
             $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety> $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>
             $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
 if(THMP_SANITIZE)
@@ -31,30 +31,75 @@ if(THMP_SANITIZE)
 endif()
 
 if(THMP_FUZZERS)
-  # Everything tells libFuzzer which way it went; libFuzzer itself is linked by the targets alone.
-  target_compile_options(thmp_flags INTERFACE -fsanitize=fuzzer-no-link)
+  # Everything tells libFuzzer which way it went, but for targets with the property THMP_UNTRACED; libFuzzer itself is
+  # linked by the fuzz targets alone.
+  target_compile_options(
+    thmp_flags INTERFACE $<$<NOT:$<BOOL:$<TARGET_PROPERTY:THMP_UNTRACED>>>:-fsanitize=fuzzer-no-link>)
 endif()
 
-# thmp_library(name SOURCES a.cc ... LINK target ...)
+# Tests are compiled as often as they run: to optimise them would be most of what a build costs.
+add_library(thmp_test_flags INTERFACE)
+target_link_libraries(thmp_test_flags INTERFACE thmp_flags)
+target_compile_options(thmp_test_flags INTERFACE -O0)
+
+# thmp_precompile(target header ...): what its sources begin with is read once, in the builds with sanitizers. The release
+# build goes without, so that each source is seen to include what it uses.
+function(thmp_precompile target)
+  if(THMP_SANITIZE)
+    target_precompile_headers(${target} PRIVATE ${ARGN})
+  endif()
+endfunction()
+
+# Two sets that many targets share.
+function(thmp_share_precompiled set target)
+  if(NOT THMP_SANITIZE)
+    return()
+  endif()
+  set(standard <algorithm> <chrono> <filesystem> <functional> <map> <memory> <optional> <set> <sstream> <string> <thread>
+      <unordered_map> <vector>)
+  if(NOT TARGET thmp_precompiled_library)
+    file(WRITE ${CMAKE_BINARY_DIR}/precompiled.cc "int main() {}\n")
+    add_library(thmp_precompiled_library OBJECT ${CMAKE_BINARY_DIR}/precompiled.cc)
+    target_link_libraries(thmp_precompiled_library PRIVATE thmp_flags)
+    thmp_precompile(thmp_precompiled_library ${standard})
+    if(THMP_TESTS)
+      add_executable(thmp_precompiled_test ${CMAKE_BINARY_DIR}/precompiled.cc)
+      target_link_libraries(thmp_precompiled_test PRIVATE thmp_test_flags GTest::gmock)
+      set_target_properties(thmp_precompiled_test PROPERTIES THMP_UNTRACED ON)
+      thmp_precompile(thmp_precompiled_test <gmock/gmock.h> <gtest/gtest.h> ${standard})
+    endif()
+  endif()
+  target_precompile_headers(${target} REUSE_FROM thmp_precompiled_${set})
+endfunction()
+
+# thmp_library(name SOURCES a.cc ... LINK target ... [PRECOMPILE header ...])
 function(thmp_library name)
-  cmake_parse_arguments(arg "" "" "SOURCES;LINK" ${ARGN})
+  cmake_parse_arguments(arg "" "" "SOURCES;LINK;PRECOMPILE" ${ARGN})
   if(arg_SOURCES)
     add_library(${name} STATIC ${arg_SOURCES})
     target_link_libraries(${name} PUBLIC thmp_flags ${arg_LINK})
+    if(arg_PRECOMPILE)
+      thmp_precompile(${name} ${arg_PRECOMPILE})
+    else()
+      thmp_share_precompiled(library ${name})
+    endif()
   else()
     add_library(${name} INTERFACE)
     target_link_libraries(${name} INTERFACE thmp_flags ${arg_LINK})
   endif()
 endfunction()
 
-# thmp_test(name SOURCES a_test.cc ... LINK target ...): one test program, each of its cases a test of ctest's.
+# thmp_test(name [ONE_THREAD] SOURCES a_test.cc ... LINK target ...): one test program, each of its cases a test of
+# ctest's. ThreadSanitizer has nothing to see in one with ONE_THREAD.
 function(thmp_test name)
-  if(NOT THMP_TESTS)
+  cmake_parse_arguments(arg "ONE_THREAD" "" "SOURCES;LINK" ${ARGN})
+  if(NOT THMP_TESTS OR (arg_ONE_THREAD AND THMP_SANITIZE STREQUAL "thread"))
     return()
   endif()
-  cmake_parse_arguments(arg "" "" "SOURCES;LINK" ${ARGN})
   add_executable(${name} ${arg_SOURCES})
-  target_link_libraries(${name} PRIVATE thmp_flags ${arg_LINK} GTest::gtest GTest::gmock GTest::gtest_main)
+  set_target_properties(${name} PROPERTIES THMP_UNTRACED ON)
+  thmp_share_precompiled(test ${name})
+  target_link_libraries(${name} PRIVATE thmp_test_flags ${arg_LINK} GTest::gtest GTest::gmock GTest::gtest_main)
   target_compile_definitions(${name} PRIVATE THMP_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 endfunction()

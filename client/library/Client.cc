@@ -44,6 +44,8 @@ std::string Client::search(const Query& query, Handlers handlers, std::string* p
 
 void Client::cancel(const std::string& search) { state_->cancel(search); }
 
+bool Client::cancelAll(std::chrono::milliseconds patience) { return state_->cancelAll(patience); }
+
 void Client::clear(const std::string& search, const std::string& batch) {
   state_->clear(search, batch);
 }

@@ -137,7 +137,7 @@ void Client::State::cancel(const std::string& search) {
   settle();
 }
 
-void Client::State::cancelAll(std::chrono::milliseconds patience) {
+bool Client::State::cancelAll(std::chrono::milliseconds patience) {
   while (!searches_.empty()) cancel(std::string(searches_.begin()->first));
   const auto deadline = Clock::now() + patience;
   while (settle(), !leaving_.empty()) {
@@ -148,6 +148,7 @@ void Client::State::cancelAll(std::chrono::milliseconds patience) {
   for (const auto& [name, leaving] : leaving_) {
     if (!leaving.cancelSent) static_cast<void>(folders_->post(thmp::kCancelName, ownKeys(name)));
   }
+  return std::exchange(leaving_, {}).empty();
 }
 
 void Client::State::clear(const std::string& search, const std::string& batch) {

@@ -30,7 +30,7 @@ class __attribute__((visibility("hidden"))) Client::State {
   thmp::Result<bool> connect(std::chrono::milliseconds timeout);
   thmp::Result<std::string> search(const Query& query, Handlers handlers);
   void cancel(const std::string& search);
-  void cancelAll(std::chrono::milliseconds patience);
+  bool cancelAll(std::chrono::milliseconds patience);
   void clear(const std::string& search, const std::string& batch);
   void dispatch();
   bool wait(std::optional<std::chrono::milliseconds> timeout);

@@ -249,6 +249,7 @@ TEST_F(FollowingMail, AMailFolderInAnotherThatGoesWithAFolderBetweenThemIsFollow
   feed.start();
   fs::rename(root_ + "/disk", folder_ / "away");
   ASSERT_TRUE(told_.untilTree(inner));
+  told_.take();
   fs::rename(folder_ / "away", root_ + "/disk");
   ASSERT_TRUE(told_.untilTree(root_ + "/disk"));
   told_.take();

@@ -12,8 +12,8 @@ PLUM = 'kMDItemSubject == "Plum*"'
 
 
 class Probe:
-    def __init__(self, world):
-        self.process = subprocess.Popen([str(BUILD / "bin" / "client_probe")], env=world.environment, text=True, bufsize=1,
+    def __init__(self, world, *arguments):
+        self.process = subprocess.Popen([str(BUILD / "bin" / "client_probe"), *arguments], env=world.environment, text=True, bufsize=1,
                                         stdin=subprocess.PIPE, stdout=subprocess.PIPE)
 
     def say(self, line):
@@ -38,8 +38,8 @@ class Probe:
 
 
 class TheClientLibrary(Scenario):
-    def probe(self):
-        probe = Probe(self.world)
+    def probe(self, *arguments):
+        probe = Probe(self.world, *arguments)
 
         def end():
             if probe.process.poll() is None:
@@ -65,7 +65,7 @@ class TheClientLibrary(Scenario):
         self.assertEqual(host.count("ERROR"), 0)
 
     def test_says_in_time_that_no_plug_in_answers(self):
-        probe = self.probe()
+        probe = self.probe("200")
         self.assertEqual(probe.hear(), 'no plug-in answers; start a host with "tallyhive-mailhost serve"')
         self.assertEqual(probe.process.wait(60), 3)
 

@@ -128,7 +128,7 @@ class World:
         return Client(self, name)
 
     def search(self, *arguments, **options):
-        return self.run(CLIENT, "search", *arguments, **options)
+        return self.run(CLIENT, "search", "--timeout", PATIENCE, *arguments, **options)
 
     # What is there
 

@@ -3,13 +3,21 @@
 // A client of the library for others, led by lines on standard input; it tells each call of a
 // handler in a line.
 //
-//   search LABEL LINEAGE PREDICATE    "-" for no lineage; a LABEL that ends in "+" clears its
-//   batches by itself cancel LABEL clear LABEL                       all batches of a search that
-//   have been found cancel-in-handler LABEL           from the next batch's handler on
+//   search LABEL LINEAGE PREDICATE
+//     "-" for no lineage; a LABEL that ends in "+" clears its batches by itself
+//   cancel LABEL
+//   clear LABEL
+//     all batches of a search that have been found
+//   cancel-in-handler LABEL
+//     from the next batch's handler on
+//
+// client_probe [MILLISECONDS]: how long it waits for the plug-in.
 #include <poll.h>
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
+#include <cstdlib>
 #include <iostream>
 #include <map>
 #include <set>
@@ -91,10 +99,11 @@ bool readLines(std::string& rest, Probe& probe) {
 
 }  // namespace
 
-int main() {
+int main(int count, char** arguments) {
+  const std::chrono::milliseconds patience(count > 1 ? std::atoi(arguments[1]) : 60'000);
   Probe probe;
   std::string problem;
-  probe.client = tallyhive::Client::connect("probe", std::chrono::milliseconds(1500), &problem);
+  probe.client = tallyhive::Client::connect("probe", patience, &problem);
   if (!probe.client) {
     std::cout << problem << std::endl;
     return 3;
@@ -106,6 +115,8 @@ int main() {
                                   pollfd{probe.client->descriptor(), POLLIN, 0}};
     if (::poll(waiting.data(), waiting.size(), -1) < 0) return 1;
     if (waiting[1].revents != 0) probe.client->dispatch();
-    if (waiting[0].revents != 0 && !readLines(rest, probe)) return 0;
+    if (waiting[0].revents != 0 && !readLines(rest, probe)) {
+      return probe.client->cancelAll(patience) ? 0 : 4;
+    }
   }
 }

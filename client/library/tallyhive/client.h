@@ -107,7 +107,7 @@ class TALLYHIVE_EXPORT Client {
       std::string name, std::chrono::milliseconds timeout = std::chrono::seconds(5),
       std::string* problem = nullptr);
 
-  /// Cancels what is live; waits for the plug-in to take note, a second at most.
+  /// cancelAll() with a second of patience.
   ~Client();
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
@@ -118,6 +118,10 @@ class TALLYHIVE_EXPORT Client {
 
   /// Ends a search: none of its handlers is called any more. An unknown name is left alone.
   void cancel(const std::string& search);
+
+  /// Ends all searches and waits until the plug-in has taken note. False when it has not in time:
+  /// what it says of them later stays where it is.
+  bool cancelAll(std::chrono::milliseconds patience);
 
   /// Gives a batch back, for a search that does not do so by itself.
   void clear(const std::string& search, const std::string& batch);
