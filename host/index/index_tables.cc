@@ -133,6 +133,32 @@ bool putIncomplete(Connection& writer, const IndexEntry& entry) {
   return written;
 }
 
+// Two statements in place of INSERT OR REPLACE: that one opens a savepoint of its own, at which the
+// full-text table writes out all that it has gathered, for each message anew.
+bool putRow(Connection& writer, const IndexEntry& entry, std::string_view record, std::int64_t mark,
+            bool isKnown) {
+  return writer
+             .statement(isKnown
+                            ? "UPDATE files SET mailbox = ?2, content = ?3, place = ?4, "
+                              "incomplete = ?5, words = ?6 WHERE id = ?1"
+                            : "INSERT INTO files(id, mailbox, content, place, incomplete, words) "
+                              "VALUES(?1, ?2, ?3, ?4, ?5, ?6)")
+             .bind(1, entry.id)
+             .bind(2, entry.mailbox)
+             .bind(3, static_cast<std::int64_t>(entry.file.content))
+             .bind(4, static_cast<std::int64_t>(entry.file.place))
+             .bind(5, std::int64_t{entry.file.incomplete})
+             .bind(6, mark)
+             .run() &&
+         writer
+             .statement(isKnown ? "UPDATE records SET mailbox = ?2, record = ?3 WHERE id = ?1"
+                                : "INSERT INTO records(id, mailbox, record) VALUES(?1, ?2, ?3)")
+             .bind(1, entry.id)
+             .bind(2, entry.mailbox)
+             .bindBlob(3, record)
+             .run();
+}
+
 }  // namespace
 
 bool isDamage(int sqliteCode) {
@@ -206,23 +232,7 @@ bool putEntry(Connection& writer, const IndexEntry& entry, ValuePool& pool, Inde
       written = setStale(writer, entry.id);
     }
   }
-  written = written &&
-            writer
-                .statement(
-                    "INSERT OR REPLACE INTO files(id, mailbox, content, place, incomplete, words) "
-                    "VALUES(?, ?, ?, ?, ?, ?)")
-                .bind(1, entry.id)
-                .bind(2, entry.mailbox)
-                .bind(3, static_cast<std::int64_t>(entry.file.content))
-                .bind(4, static_cast<std::int64_t>(entry.file.place))
-                .bind(5, std::int64_t{entry.file.incomplete})
-                .bind(6, mark)
-                .run() &&
-            writer.statement("INSERT OR REPLACE INTO records(id, mailbox, record) VALUES(?, ?, ?)")
-                .bind(1, entry.id)
-                .bind(2, entry.mailbox)
-                .bindBlob(3, row.record)
-                .run();
+  written = written && putRow(writer, entry, row.record, mark, known.has_value());
   if (entry.textContent && (known || !entry.incomplete.empty())) {
     written = written && putIncomplete(writer, entry);
   }
