@@ -5,6 +5,8 @@
 
 #include <array>
 #include <charconv>
+#include <numeric>
+#include <unordered_map>
 #include <utility>
 
 namespace thmp {
@@ -52,6 +54,22 @@ std::string mailboxesStatement(const std::vector<std::int64_t>& libraryIDs) {
   return sql += ')';
 }
 
+/// In the order of `messages`.
+std::vector<std::string> dataPathsOfType(const MailLibrary& mailLibrary,
+                                         const std::vector<MailMessagePlace>& messages, int type) {
+  std::vector<std::string> paths;
+  if (!messages.empty() && mailLibrary.dataPathsForMessages) {
+    paths = mailLibrary.dataPathsForMessages(messages, type);
+    paths.resize(messages.size());
+    return paths;
+  }
+  paths.reserve(messages.size());
+  for (const MailMessagePlace& message : messages) {
+    paths.push_back(mailLibrary.dataPathForMessage(message.libraryID, message.mailboxID, type));
+  }
+  return paths;
+}
+
 }  // namespace
 
 std::shared_ptr<MailLibrary> MailLibraryLookup::library() {
@@ -84,14 +102,26 @@ bool MailLibraryLookup::scPerformSynchronousSqliteBlock(
   return true;
 }
 
-std::optional<std::string> MailLibraryLookup::existingDataPath(const MailLibrary& mailLibrary,
-                                                               std::int64_t libraryID,
-                                                               std::int64_t mailboxID) {
+std::vector<std::string> MailLibraryLookup::existingDataPaths(
+    const MailLibrary& mailLibrary, const std::vector<MailMessagePlace>& messages) {
+  std::vector<std::string> paths(messages.size());
+  std::vector<MailMessagePlace> asked = messages;
+  std::vector<std::size_t> places(messages.size());
+  std::iota(places.begin(), places.end(), std::size_t{0});
   for (const int type : kStorageTypes) {
-    std::string path = mailLibrary.dataPathForMessage(libraryID, mailboxID, type);
-    if (!path.empty() && files_.exists(path)) return path;
+    std::vector<std::string> found = dataPathsOfType(mailLibrary, asked, type);
+    std::size_t left = 0;
+    for (std::size_t i = 0; i < asked.size(); ++i) {
+      if (!found[i].empty() && files_.exists(found[i])) {
+        paths[places[i]] = std::move(found[i]);
+      } else {
+        asked[left] = asked[i];
+        places[left++] = places[i];
+      }
+    }
+    asked.resize(left);
   }
-  return std::nullopt;
+  return paths;
 }
 
 std::optional<std::string> MailLibraryLookup::messagePath(std::int64_t libraryID) {
@@ -101,9 +131,8 @@ std::optional<std::string> MailLibraryLookup::messagePath(std::int64_t libraryID
   return message ? message->path() : std::nullopt;
 }
 
-MailLibraryLookup::PathsByID MailLibraryLookup::dataPaths(
-    const std::vector<std::int64_t>& libraryIDs) {
-  PathsByID paths;
+std::vector<std::string> MailLibraryLookup::dataPaths(const std::vector<std::int64_t>& libraryIDs) {
+  std::vector<std::string> paths(libraryIDs.size());
   if (libraryIDs.empty()) return paths;
   std::unordered_map<std::int64_t, std::int64_t> mailboxes;
   mailboxes.reserve(libraryIDs.size());
@@ -114,15 +143,19 @@ MailLibraryLookup::PathsByID MailLibraryLookup::dataPaths(
   });
   const std::shared_ptr<MailLibrary> mailLibrary = library();
   if (!handedOver || !mailLibrary || !mailLibrary->dataPathForMessage) return paths;
-  paths.reserve(mailboxes.size());
-  for (const std::int64_t libraryID : libraryIDs) {
-    const auto mailbox = mailboxes.find(libraryID);
+  std::vector<MailMessagePlace> messages;
+  std::vector<std::size_t> places;
+  messages.reserve(mailboxes.size());
+  places.reserve(mailboxes.size());
+  for (std::size_t i = 0; i < libraryIDs.size(); ++i) {
+    const auto mailbox = mailboxes.find(libraryIDs[i]);
     if (mailbox == mailboxes.end()) continue;
     // A mailbox of 0 is used like any other here; the lookup of a single message takes it for none.
-    if (auto path = existingDataPath(*mailLibrary, libraryID, mailbox->second)) {
-      paths.insert_or_assign(libraryID, std::move(*path));
-    }
+    messages.push_back({libraryIDs[i], mailbox->second});
+    places.push_back(i);
   }
+  std::vector<std::string> found = existingDataPaths(*mailLibrary, messages);
+  for (std::size_t i = 0; i < places.size(); ++i) paths[places[i]] = std::move(found[i]);
   return paths;
 }
 
@@ -133,15 +166,16 @@ std::vector<FoundItem> MailLibraryLookup::loadFilePaths(std::vector<FoundItem> i
   for (const FoundItem& item : items) {
     if (!item.path && item.libraryID) libraryIDs.push_back(*item.libraryID);
   }
-  const PathsByID paths = dataPaths(libraryIDs);
+  std::vector<std::string> paths = dataPaths(libraryIDs);
+  std::size_t next = 0;  // of `paths`
 
   std::vector<FoundItem> kept;
   kept.reserve(items.size());
   for (FoundItem& item : items) {
     if (!item.path) {
       if (!item.libraryID) continue;
-      const auto found = paths.find(*item.libraryID);
-      item.path = found != paths.end() ? found->second : messagePath(*item.libraryID);
+      std::string& path = paths[next++];
+      item.path = path.empty() ? messagePath(*item.libraryID) : std::move(path);
       if (!item.path) continue;
       if (!item.attributes.contains("kMDItemDisplayName")) {
         item.attributes.set("kMDItemDisplayName", files_.displayName(*item.path));
@@ -167,7 +201,8 @@ std::optional<std::string> MailLibraryLookup::emlxPathForMessageWithLibraryID(
     });
   }
   if (handedOver && mailboxID != 0 && mailLibrary && mailLibrary->dataPathForMessage) {
-    if (auto path = existingDataPath(*mailLibrary, libraryID, mailboxID)) return path;
+    std::vector<std::string> paths = existingDataPaths(*mailLibrary, {{libraryID, mailboxID}});
+    if (!paths.front().empty()) return std::move(paths.front());
   }
   return messagePath(libraryID);
 }

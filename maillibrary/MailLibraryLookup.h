@@ -13,7 +13,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "base/mutex.h"
@@ -48,11 +47,10 @@ class MailLibraryLookup {
   std::optional<std::string> emlxPathForMessageWithLibraryID(std::int64_t libraryID);
 
  private:
-  using PathsByID = std::unordered_map<std::int64_t, std::string>;
-
-  PathsByID dataPaths(const std::vector<std::int64_t>& libraryIDs);
-  std::optional<std::string> existingDataPath(const MailLibrary& library, std::int64_t libraryID,
-                                              std::int64_t mailboxID);
+  /// Of each message where its data is, in order; empty when it is nowhere.
+  std::vector<std::string> dataPaths(const std::vector<std::int64_t>& libraryIDs);
+  std::vector<std::string> existingDataPaths(const MailLibrary& library,
+                                             const std::vector<MailMessagePlace>& messages);
   std::optional<std::string> messagePath(std::int64_t libraryID);
 
   Mail& mail_;

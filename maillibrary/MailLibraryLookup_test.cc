@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <limits>
 #include <new>
 #include <thread>
@@ -218,6 +219,64 @@ TEST_F(LibraryLookup, DataPathsWithoutFilesFallBackToTheMessageObject) {
   library().setMessage(1, "/moved/1.eml");
   EXPECT_THAT(pathsOf({itemWithID(1)}), ElementsAre("/moved/1.eml"));
   EXPECT_EQ(lookup_.emlxPathForMessageWithLibraryID(1), "/moved/1.eml");
+}
+
+class LibraryThatAnswersForMany : public LibraryLookup {
+ protected:
+  void SetUp() override {
+    library().dataPathsForMessages = [this](std::span<const MailMessagePlace> messages, int type) {
+      std::string line = "type " + std::to_string(type);
+      std::vector<std::string> paths;
+      for (const MailMessagePlace& message : messages) {
+        line += " " + std::to_string(message.libraryID);
+        paths.push_back(library().dataPathForMessage(message.libraryID, message.mailboxID, type));
+      }
+      calls_.push_back(line);
+      paths.resize(std::min(paths.size(), mostPaths_));
+      return paths;
+    };
+  }
+
+  std::vector<std::string> calls_;
+  std::size_t mostPaths_ = SIZE_MAX;
+};
+
+TEST_F(LibraryThatAnswersForMany, IsAskedOnceATypeForWhatIsNotFoundYet) {
+  addMessage(1, 1, "/mail/1.eml");
+  addMessage(2, 1, "/mail/2.eml");
+  database().addRow(3, 1);
+  library().setDataPath(3, 1, 0, "/gone/3.eml");
+  library().setDataPath(3, 1, 1, "/mail/3.partial.emlx");
+  fake_.files.writeFile("/mail/3.partial.emlx", "mail");
+  database().addRow(4, 1);
+  library().setMessage(4, "/elsewhere/4.eml");
+  EXPECT_THAT(
+      pathsOf({itemWithID(4), itemWithID(3), itemWithID(9), itemWithID(2), itemWithID(1)}),
+      ElementsAre("/elsewhere/4.eml", "/mail/3.partial.emlx", "/mail/2.eml", "/mail/1.eml"));
+  EXPECT_THAT(calls_, ElementsAre("type 0 4 3 2 1", "type 1 4 3"));
+}
+
+TEST_F(LibraryThatAnswersForMany, IsNotAskedForNothing) {
+  addMessage(1, 1, "/mail/1.eml");
+  EXPECT_THAT(pathsOf({itemWithID(1)}), ElementsAre("/mail/1.eml"));
+  EXPECT_THAT(pathsOf({itemWithID(9)}), IsEmpty());
+  EXPECT_THAT(calls_, ElementsAre("type 0 1"));
+}
+
+TEST_F(LibraryThatAnswersForMany, AnswerThatIsTooShortLeavesTheMessageObject) {
+  addMessage(1, 1, "/mail/1.eml");
+  addMessage(2, 1, "/mail/2.eml");
+  library().setMessage(2, "/elsewhere/2.eml");
+  mostPaths_ = 1;
+  EXPECT_THAT(pathsOf({itemWithID(1), itemWithID(2)}),
+              ElementsAre("/mail/1.eml", "/elsewhere/2.eml"));
+}
+
+TEST_F(LibraryThatAnswersForMany, IsNotAskedWithoutTheOperationForOne) {
+  addMessage(1, 1, "/mail/1.eml");
+  library().dataPathForMessage = nullptr;
+  EXPECT_THAT(pathsOf({itemWithID(1)}), IsEmpty());
+  EXPECT_THAT(calls_, IsEmpty());
 }
 
 TEST_F(LibraryLookup, MailboxZeroIsUsedInABatchAndIgnoredForASingleMessage) {

@@ -9,7 +9,9 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
+#include <vector>
 
 struct sqlite3;
 
@@ -44,6 +46,12 @@ class MailMessage {
   virtual std::optional<std::string> path() = 0;
 };
 
+/// A message and the mailbox it is in.
+struct MailMessagePlace {
+  std::int64_t libraryID = 0;
+  std::int64_t mailboxID = 0;
+};
+
 class MailLibrary {
  public:
   virtual ~MailLibrary() = default;
@@ -53,6 +61,10 @@ class MailLibrary {
   /// no place.
   std::function<std::string(std::int64_t libraryID, std::int64_t mailboxID, int type)>
       dataPathForMessage;
+  /// Optional beside dataPathForMessage. What that gives for each of `messages`, in their order, in
+  /// one reading.
+  std::function<std::vector<std::string>(std::span<const MailMessagePlace> messages, int type)>
+      dataPathsForMessages;
   /// Null when the library has no such message.
   virtual std::shared_ptr<MailMessage> messageWithLibraryID(std::int64_t libraryID) = 0;
 };

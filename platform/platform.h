@@ -19,7 +19,7 @@
 namespace thmp {
 
 /// Raised whenever a header of platform/ or base/ changes what host and bundle share in memory.
-inline constexpr std::uint32_t kPlatformInterfaceVersion = 2;
+inline constexpr std::uint32_t kPlatformInterfaceVersion = 3;
 
 /// REQUIRES: all of it outlives the process's use of the plug-in.
 struct Platform {

@@ -48,6 +48,9 @@ class DefaultLibrary : public MailLibrary {
     dataPathForMessage = [&library](std::int64_t id, std::int64_t mailbox, int type) {
       return library.dataPath(id, mailbox, type);
     };
+    dataPathsForMessages = [&library](std::span<const MailMessagePlace> messages, int type) {
+      return library.dataPaths(messages, type);
+    };
   }
 
   std::shared_ptr<MailMessage> messageWithLibraryID(std::int64_t libraryID) override {

@@ -59,5 +59,17 @@ TEST_F(TheHostsMail, UnknownMessageHasNoPath) {
   EXPECT_EQ(library->messageWithLibraryID(1)->path(), std::nullopt);
 }
 
+TEST_F(TheHostsMail, GivesThePathsOfManyMessagesAtOnce) {
+  const std::int64_t mailbox =
+      *library_->addMailbox({"/m/A", "/m", MessageFormat::kMaildir, "mailbox.a"});
+  LibraryChanges changes;
+  changes.added = {{"a", "cur", "a:2,S"}, {"b", "new", "b"}};
+  ASSERT_TRUE(library_->apply(mailbox, changes));
+  const auto library = mail_->libraryClass("MFLibrary")->defaultLibrary();
+  const std::vector<MailMessagePlace> asked = {{2, mailbox}, {7, mailbox}, {1, mailbox}};
+  EXPECT_EQ(library->dataPathsForMessages(asked, 0),
+            (std::vector<std::string>{"/m/A/new/b", "", "/m/A/cur/a:2,S"}));
+}
+
 }  // namespace
 }  // namespace thmp

@@ -3,6 +3,8 @@
 
 #include <sys/stat.h>
 
+#include <array>
+#include <charconv>
 #include <unordered_map>
 #include <utility>
 
@@ -91,6 +93,19 @@ std::optional<FolderIdentity> identityOf(Connection& connection, const std::stri
   return identity;
 }
 
+// As JSON, which a statement that is made once can take.
+std::string listOfIDs(std::span<const MailMessagePlace> messages) {
+  std::string list = "[";
+  list.reserve(messages.size() * 8 + 2);
+  std::array<char, 24> digits;
+  for (const MailMessagePlace& message : messages) {
+    if (list.size() > 1) list += ',';
+    const auto written = std::to_chars(digits.begin(), digits.end(), message.libraryID);
+    list.append(digits.begin(), written.ptr);
+  }
+  return list += ']';
+}
+
 }  // namespace
 
 struct Library::State {
@@ -146,18 +161,32 @@ bool Library::performRead(const std::function<bool(sqlite3*)>& block) const {
 }
 
 std::string Library::dataPath(std::int64_t id, std::int64_t mailbox, int type) const {
+  const MailMessagePlace place{id, mailbox};
+  return std::move(dataPaths({&place, 1}, type).front());
+}
+
+std::vector<std::string> Library::dataPaths(std::span<const MailMessagePlace> messages,
+                                            int type) const {
+  std::vector<std::string> paths(messages.size());
   const auto reader = state_->readers.borrow();
-  if (!reader) return {};
-  Statement& row = reader->statement("SELECT mailbox, part, file FROM messages WHERE rowid = ?");
-  if (!row.bind(1, id).row()) return {};
-  const std::string part(row.bytes(1));
-  const std::string file(row.bytes(2));
-  const bool ours = row.integer(0) == mailbox;
-  row.reset();
-  const int stored = file.ends_with(".partial.emlx") ? 1 : 0;
-  if (!ours || stored != type) return {};
-  const auto folder = state_->folder(*reader, mailbox);
-  return folder ? messagePath(folder->path, part, file) : std::string();
+  if (!reader) return paths;
+  const std::string ids = listOfIDs(messages);
+  Statement& row = reader->statement(
+      "SELECT ids.key, mailbox, part, file FROM json_each(?) AS ids "
+      "CROSS JOIN messages ON messages.rowid = ids.value");
+  row.bind(1, ids);
+  std::unordered_map<std::int64_t, std::optional<MailFolder>> folders;
+  while (row.row()) {
+    const auto place = static_cast<std::size_t>(row.integer(0));
+    const std::int64_t mailbox = messages[place].mailboxID;
+    const std::string_view file = row.bytes(3);
+    const int stored = file.ends_with(".partial.emlx") ? 1 : 0;
+    if (row.integer(1) != mailbox || stored != type) continue;
+    const auto [folder, isNew] = folders.try_emplace(mailbox);
+    if (isNew) folder->second = state_->folder(*reader, mailbox);
+    if (folder->second) paths[place] = messagePath(folder->second->path, row.bytes(2), file);
+  }
+  return paths;
 }
 
 std::optional<std::string> Library::pathOfMessage(std::int64_t id) const {

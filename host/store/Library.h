@@ -23,6 +23,7 @@
 
 #include "base/result.h"
 #include "host/store/MailFolders.h"
+#include "platform/mail.h"
 
 struct sqlite3;
 
@@ -67,6 +68,8 @@ class Library {
   /// the message's, or data that is stored under the other type. Type 0 is the complete message, 1
   /// a partial one. Does not look whether the file is there.
   std::string dataPath(std::int64_t id, std::int64_t mailbox, int type) const;
+  /// The same for each of `messages`, in their order, as the library is at one moment.
+  std::vector<std::string> dataPaths(std::span<const MailMessagePlace> messages, int type) const;
 
   /// The file of a message, looked for in its mailbox when it is not where the library last saw it.
   /// Empty when there is no such message or file.

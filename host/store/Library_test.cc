@@ -75,6 +75,29 @@ TEST_F(TheLibrary, AMailboxKeepsItsIdWhileItsRootMayChange) {
   EXPECT_THAT(*library_->roots(), ElementsAre("/m/A"));
 }
 
+TEST_F(TheLibrary, DataPathsOfManyAreThoseOfEach) {
+  add({{"a", "cur", "a:2,S"}, {"5.emlx", "Messages", "5.partial.emlx"}, {"b", "new", "b"}});
+  const std::int64_t other =
+      *library_->addMailbox({"/m/B", "/m", MessageFormat::kMaildir, "mailbox.b"});
+  LibraryChanges changes;
+  changes.added = {{"c", "cur", "c"}};
+  ASSERT_TRUE(library_->apply(other, changes));
+  const std::vector<MailMessagePlace> asked = {{4, other},    {3, mailbox_}, {99, mailbox_},
+                                               {1, mailbox_}, {2, mailbox_}, {1, other},
+                                               {3, mailbox_}, {0, 0}};
+  for (const int type : {0, 1, 2}) {
+    std::vector<std::string> each;
+    for (const MailMessagePlace& message : asked) {
+      each.push_back(library_->dataPath(message.libraryID, message.mailboxID, type));
+    }
+    EXPECT_EQ(library_->dataPaths(asked, type), each) << type;
+  }
+  EXPECT_THAT(
+      library_->dataPaths(asked, 0),
+      ElementsAre("/m/B/cur/c", "/m/A/new/b", "", "/m/A/cur/a:2,S", "", "", "/m/A/new/b", ""));
+  EXPECT_THAT(library_->dataPaths({}, 0), IsEmpty());
+}
+
 TEST_F(TheLibrary, DataPathsAreOfTheMessagesOwnMailboxAndType) {
   add({{"a", "cur", "a:2,S"}, {"5.emlx", "Messages", "5.partial.emlx"}});
   EXPECT_EQ(library_->dataPath(1, mailbox_, 0), "/m/A/cur/a:2,S");

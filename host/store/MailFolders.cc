@@ -371,9 +371,18 @@ MessageFormat messageFormat(MessageFormat mailbox, std::string_view file) {
   return file.ends_with(kEmlxSuffix) ? MessageFormat::kEmlx : MessageFormat::kEml;
 }
 
-std::string messagePath(const std::string& mailboxPath, const std::string& part,
-                        const std::string& file) {
-  return joined(part.empty() ? mailboxPath : joined(mailboxPath, part), file);
+std::string messagePath(std::string_view mailboxPath, std::string_view part,
+                        std::string_view file) {
+  std::string path;
+  path.reserve(mailboxPath.size() + part.size() + file.size() + 2);
+  path = mailboxPath;
+  const auto append = [&path](std::string_view name) {
+    if (path.empty() || path.back() != '/') path.push_back('/');
+    path += name;
+  };
+  if (!part.empty()) append(part);
+  append(file);
+  return path;
 }
 
 std::int64_t deliverySecond(std::string_view fileName) {

@@ -108,8 +108,7 @@ Result<MailboxListing> listMailbox(const MailFolder& mailbox);
 std::optional<MessageEntry> maildirEntry(std::string_view part, std::string_view file);
 
 /// The absolute path of a message's file.
-std::string messagePath(const std::string& mailboxPath, const std::string& part,
-                        const std::string& file);
+std::string messagePath(std::string_view mailboxPath, std::string_view part, std::string_view file);
 
 /// The leading decimal number of a Maildir file's name, the second of its delivery; -1 without one
 /// or outside the years 1 to 9999.

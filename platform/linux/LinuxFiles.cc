@@ -53,10 +53,7 @@ class LinuxPreparedFile final : public PreparedFile {
 
 LinuxFiles::LinuxFiles(std::string dataHome) : dataHome_(std::move(dataHome)) {}
 
-bool LinuxFiles::exists(const std::string& path) {
-  struct stat status = {};
-  return !hasNul(path) && ::stat(path.c_str(), &status) == 0;
-}
+bool LinuxFiles::exists(const std::string& path) { return allows(path, F_OK); }
 
 bool LinuxFiles::isDirectory(const std::string& path) {
   struct stat status = {};
