@@ -27,7 +27,7 @@ class JsonOutput : public SearchOutput {
            {"schema", "tallyhive.search/1"},
            {"uniqueName", std::string(uniqueName)}});
   }
-  void found(const Dictionary& item) override { print(console::foundEvent(item)); }
+  void found(const Dictionary& item) override { console::printFoundEvent(item, output_); }
   void removed(std::string_view libraryID) override {
     print({{"event", "removed"}, {"id", std::string(libraryID)}});
   }

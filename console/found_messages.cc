@@ -5,8 +5,10 @@
 
 #include <algorithm>
 #include <string_view>
+#include <utility>
 
 #include "console/calendar.h"
+#include "console/json_text.h"
 
 namespace thmp::console {
 namespace {
@@ -14,27 +16,16 @@ namespace {
 constexpr std::size_t kDateWidth = 16;
 constexpr std::size_t kDayWidth = 10;
 
-std::string base64(std::string_view bytes) {
-  constexpr std::string_view kAlphabet =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string text;
-  text.reserve((bytes.size() + 2) / 3 * 4);
-  for (std::size_t i = 0; i < bytes.size(); i += 3) {
-    const auto byte = [&](std::size_t at) -> unsigned {
-      return at < bytes.size() ? static_cast<unsigned char>(bytes[at]) : 0U;
-    };
-    const unsigned group = byte(i) << 16 | byte(i + 1) << 8 | byte(i + 2);
-    for (std::size_t sextet = 0; sextet < 4; ++sextet) {
-      const bool there = i + sextet < bytes.size() + 1;
-      text += there ? kAlphabet[group >> (18 - 6 * sextet) & 63] : '=';
-    }
-  }
-  return text;
-}
-
 std::string firstText(const Value& value) {
   if (const auto array = value.asArray(); array && !array->empty()) return firstText((*array)[0]);
   return shown(value.asText().value_or(""));
+}
+
+// At once, so that what is written is whole lines.
+void writeLine(std::string json, StandardOutput& output) {
+  if (output.isTerminal()) json = shownJson(json);
+  json += '\n';
+  output.write(json);
 }
 
 std::string dimmed(const std::string& text, const StandardOutput& output) {
@@ -43,52 +34,23 @@ std::string dimmed(const std::string& text, const StandardOutput& output) {
 
 }  // namespace
 
-Json jsonOf(const Value& value) {
-  switch (value.kind()) {
-    case Value::Kind::kNull:
-      return nullptr;
-    case Value::Kind::kBoolean:
-      return *value.asBoolean();
-    case Value::Kind::kInteger:
-      return *value.asInteger();
-    case Value::Kind::kUnsigned:
-      return *value.asUnsigned();
-    case Value::Kind::kReal:
-      return *value.asReal();
-    case Value::Kind::kDate:
-      return value.asDate()->iso8601();
-    case Value::Kind::kData:
-      return base64(*value.asData());
-    case Value::Kind::kText:
-      return std::string(*value.asText());
-    case Value::Kind::kArray: {
-      Json json = Json::array();
-      const Array array = value.asArray().value_or(Array());
-      for (const Value& element : array) json.push_back(jsonOf(element));
-      return json;
-    }
-    case Value::Kind::kDictionary: {
-      Json json = Json::object();
-      const Dictionary dictionary = value.asDictionary().value_or(Dictionary());
-      for (const auto& [key, member] : dictionary) json[key.str()] = jsonOf(member);
-      return json;
-    }
-  }
-  return nullptr;
-}
-
-Json foundEvent(const Dictionary& item) {
-  return {{"event", "found"},
-          {"index", jsonOf(item["index"])},
-          {"libraryID", jsonOf(item["libraryID"])},
-          {"path", jsonOf(item["kMDItemPath"])},
-          {"attributes", jsonOf(item["attributes"])}};
+void printFoundEvent(const Dictionary& item, StandardOutput& output) {
+  std::string json;
+  json.reserve(std::size_t{8} << 10);  // more than most messages take
+  json += R"({"event":"found","index":)";
+  appendJson(item["index"], json);
+  json += R"(,"libraryID":)";
+  appendJson(item["libraryID"], json);
+  json += R"(,"path":)";
+  appendJson(item["kMDItemPath"], json);
+  json += R"(,"attributes":)";
+  appendJson(item["attributes"], json);
+  json += '}';
+  writeLine(std::move(json), output);
 }
 
 void printLine(const Json& json, StandardOutput& output) {
-  const std::string text = json.dump(-1, ' ', false, Json::error_handler_t::replace);
-  output.write(output.isTerminal() ? shownJson(text) : text);
-  output.write("\n");
+  writeLine(json.dump(-1, ' ', false, Json::error_handler_t::replace), output);
 }
 
 std::optional<Date> messageDate(const Value& attributes) {

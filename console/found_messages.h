@@ -15,12 +15,8 @@ namespace thmp::console {
 
 using Json = nlohmann::ordered_json;
 
-/// Dates in ISO 8601 and UTC, data in base64. REQUIRES: a value of bounded depth, as the
-/// property-list reader gives it.
-Json jsonOf(const Value& value);
-
-/// The `found` event: "event", "index", "libraryID", "path", "attributes".
-Json foundEvent(const Dictionary& item);
+/// Prints the `found` event on one line: "event", "index", "libraryID", "path", "attributes".
+void printFoundEvent(const Dictionary& item, StandardOutput& output);
 
 /// One line. What is no UTF-8 is shown as U+FFFD.
 void printLine(const Json& json, StandardOutput& output);

@@ -52,7 +52,7 @@ Dictionary itemOf(const IndexedMessage& message, std::uint64_t number, const std
 void printFound(const FindOptions& options, const Dictionary& item,
                 console::StandardOutput& output) {
   if (options.json) {
-    console::printLine(console::foundEvent(item), output);
+    console::printFoundEvent(item, output);
   } else if (options.paths) {
     const std::string_view path = item[kPathKey].asText().value_or("");
     if (output.isTerminal() && !options.nulEnds) {

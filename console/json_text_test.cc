@@ -1,0 +1,190 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "console/json_text.h"
+
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cstdint>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <random>
+
+namespace thmp::console {
+namespace {
+
+std::string jsonOf(const Value& value) {
+  std::string json;
+  appendJson(value, json);
+  return json;
+}
+
+TEST(JsonText, HasAFormForEachKindOfValue) {
+  EXPECT_EQ(jsonOf(Dictionary{{"a", Array{"x", 1.5, true}},
+                              {"b", Date{0}},
+                              {"c", Data{"hello"}},
+                              {"d", std::uint64_t{18446744073709551615U}},
+                              {"e", Array()},
+                              {"f", Dictionary()}}),
+            R"({"a":["x",1.5,true],"b":"2001-01-01T00:00:00Z","c":"aGVsbG8=",)"
+            R"("d":18446744073709551615,"e":[],"f":{}})");
+  EXPECT_EQ(jsonOf(Value()), "null");
+  EXPECT_EQ(jsonOf(std::numeric_limits<std::int64_t>::min()), "-9223372036854775808");
+}
+
+TEST(JsonText, PadsDataOfEachLength) {
+  EXPECT_EQ(jsonOf(Data{""}), R"("")");
+  EXPECT_EQ(jsonOf(Data{"f"}), R"("Zg==")");
+  EXPECT_EQ(jsonOf(Data{"fo"}), R"("Zm8=")");
+  EXPECT_EQ(jsonOf(Data{"foo"}), R"("Zm9v")");
+  EXPECT_EQ(jsonOf(Data{"\xFB\xEF\xFF"}), R"("++//")");
+}
+
+TEST(JsonText, EscapesQuotesBackslashesAndControlCharacters) {
+  EXPECT_EQ(jsonOf("a \"b\" \\c\n\t\b\f\r\x01\x1F\x7F/"),
+            "\"a \\\"b\\\" \\\\c\\n\\t\\b\\f\\r\\u0001\\u001f\x7F/\"");
+}
+
+TEST(JsonText, ReplacesWhatIsNoUtf8) {
+  EXPECT_EQ(jsonOf("a\xFFz"), "\"a\uFFFDz\"");
+  EXPECT_EQ(jsonOf("\xE2\x82"), "\"\uFFFD\"") << "one for as many bytes as could begin a character";
+  EXPECT_EQ(jsonOf("\xED\xA0\x80"), "\"\uFFFD\uFFFD\uFFFD\"") << "a surrogate";
+}
+
+// ---- Beside a general library ----
+
+using Json = nlohmann::ordered_json;
+
+Json treeOf(const Value& value) {
+  switch (value.kind()) {
+    case Value::Kind::kNull:
+      return nullptr;
+    case Value::Kind::kBoolean:
+      return *value.asBoolean();
+    case Value::Kind::kInteger:
+      return *value.asInteger();
+    case Value::Kind::kUnsigned:
+      return *value.asUnsigned();
+    case Value::Kind::kReal:
+      return *value.asReal();
+    case Value::Kind::kDate:
+      return value.asDate()->iso8601();
+    case Value::Kind::kData:
+      return Json::parse(jsonOf(value));
+    case Value::Kind::kText:
+      return std::string(*value.asText());
+    case Value::Kind::kArray: {
+      Json json = Json::array();
+      const Array array = *value.asArray();
+      for (const Value& element : array) json.push_back(treeOf(element));
+      return json;
+    }
+    case Value::Kind::kDictionary: {
+      Json json = Json::object();
+      const Dictionary dictionary = *value.asDictionary();
+      for (const auto& [key, member] : dictionary) json[key.str()] = treeOf(member);
+      return json;
+    }
+  }
+  return nullptr;
+}
+
+std::string librarysJsonOf(const Value& value) {
+  return treeOf(value).dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+/// Random values by seed, their texts full of what needs care in JSON.
+class RandomValues {
+ public:
+  explicit RandomValues(std::uint32_t seed) : random_(seed) {}
+
+  Value value(int depth) {
+    switch (below(depth > 0 ? 11 : 9)) {
+      case 0:
+        return below(2) == 0;
+      case 1:
+        return static_cast<std::int64_t>(bits() >> below(64));
+      case 2:
+        return bits() >> below(64);
+      case 3:
+        return std::bit_cast<double>(bits());
+      case 4:
+        return static_cast<double>(below(100'000)) / 100;
+      case 5:
+        return Date{static_cast<double>(static_cast<std::int64_t>(bits()) >> 20) / 8};
+      case 6:
+        return Data{text()};
+      case 7:
+      case 8:
+        return text();
+      case 9:
+        return arrayOf(depth - 1);
+      default:
+        return dictionaryOf(depth - 1);
+    }
+  }
+
+  std::string text() {
+    static constexpr std::string_view kPieces[] = {
+        "a",        "some words",   "\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\xED\x9F\xBF",
+        "\xEE\x80", "\xF4\x8F\xBF", "\"",       "\\",           "\n\r\t\b\f",       "\x7F"};
+    std::string text;
+    for (std::uint64_t i = below(below(4) == 0 ? 40 : 5); i > 0; --i) {
+      if (below(3) == 0) {
+        text += static_cast<char>(bits());
+      } else {
+        text += kPieces[below(std::size(kPieces))];
+      }
+    }
+    return text;
+  }
+
+ private:
+  std::uint64_t bits() { return random_(); }
+  std::uint64_t below(std::uint64_t bound) { return random_() % bound; }
+
+  Value arrayOf(int depth) {
+    Array array;
+    for (std::uint64_t i = below(8); i > 0; --i) array.push_back(value(depth));
+    return array;
+  }
+
+  Value dictionaryOf(int depth) {
+    Dictionary dictionary;
+    for (std::uint64_t i = below(8); i > 0; --i) dictionary.set(text(), value(depth));
+    return dictionary;
+  }
+
+  std::mt19937_64 random_;
+};
+
+TEST(JsonText, IsThatOfAGeneralLibraryForRandomValues) {
+  for (std::uint32_t seed = 0; seed < 2000; ++seed) {
+    const Value value = RandomValues(seed).value(4);
+    ASSERT_EQ(jsonOf(value), librarysJsonOf(value)) << "seed " << seed;
+  }
+}
+
+TEST(JsonText, IsThatOfAGeneralLibraryForEachByteAtEachPlaceOfALongText) {
+  for (unsigned byte = 0; byte < 256; ++byte) {
+    for (std::size_t place = 0; place < 20; ++place) {
+      std::string text(20, '!');
+      text[place] = static_cast<char>(byte);
+      ASSERT_EQ(jsonOf(text), librarysJsonOf(text)) << "byte " << byte << " at " << place;
+    }
+  }
+}
+
+TEST(JsonText, IsThatOfAGeneralLibraryForEachBeginOfACharacter) {
+  for (unsigned lead = 0x80; lead < 256; ++lead) {
+    for (unsigned second = 0; second < 256; ++second) {
+      for (const char* rest : {"", "\x80", "\x80\x80", "\x80\xBF\x80", "z"}) {
+        std::string text = {static_cast<char>(lead), static_cast<char>(second)};
+        text += rest;
+        ASSERT_EQ(jsonOf(text), librarysJsonOf(text)) << "bytes " << lead << ' ' << second;
+      }
+    }
+  }
+}
+
+}  // namespace
+}  // namespace thmp::console
