@@ -437,6 +437,90 @@ RowSet Columns::rowsWithIdentifier(std::optional<std::string_view> identifier) c
   return rows;
 }
 
+void Columns::shrink() {
+  present_.shrink();
+  shapes_.shrink_to_fit();
+  mailboxes_.shrink_to_fit();
+  identifiers_.shrink_to_fit();
+  for (std::vector<std::int32_t>& column : numbers_) column.shrink_to_fit();
+  for (TermColumn& column : terms_) column.shrink();
+  subjects_.shrink_to_fit();
+  subjectBegins_.shrink_to_fit();
+}
+
+void Columns::write(ByteWriter& out) const {
+  present_.write(out);
+  irregular_.write(out);
+  out.put(end_);
+  out.put(shapes_);
+  out.put(shapeNumbers_);
+  out.put(mailboxes_);
+  out.put(mailboxNumbers_);
+  for (const std::vector<std::int32_t>& column : numbers_) out.put(column);
+  TextTable texts;
+  ByteWriter terms;
+  for (const TermColumn& column : terms_) column.write(terms, texts);
+  texts.write(out);
+  out.put(terms.bytes());
+  out.put(identifiers_);
+  out.put(subjects_);
+  out.put(subjectBegins_);
+}
+
+std::unique_ptr<Columns> Columns::read(ByteReader& in) {
+  auto made = std::make_unique<Columns>();
+  made->present_.read(in);
+  made->irregular_.read(in);
+  made->count_ = made->present_.size();
+  made->end_ = in.number<Row>();
+  in.get(made->shapes_);
+  in.get(made->shapeNumbers_);
+  in.get(made->mailboxes_);
+  in.get(made->mailboxNumbers_);
+  for (std::vector<std::int32_t>& column : made->numbers_) in.get(column);
+  TextTable texts;
+  texts.read(in);
+  ByteReader terms(in.text());
+  for (TermColumn& column : made->terms_) {
+    if (!column.read(terms, texts, made->end_)) return nullptr;
+  }
+  in.get(made->identifiers_);
+  made->subjects_ = in.text();
+  in.get(made->subjectBegins_);
+  if (!in.ok() || !made->isSound()) return nullptr;
+  for (std::size_t i = 0; i < made->shapeNumbers_.size(); ++i) {
+    made->shapeOrdinals_.emplace(made->shapeNumbers_[i], static_cast<std::uint32_t>(i + 1));
+  }
+  for (std::size_t i = 0; i < made->mailboxNumbers_.size(); ++i) {
+    made->mailboxOrdinals_.emplace(made->mailboxNumbers_[i], static_cast<std::uint32_t>(i + 1));
+  }
+  return made;
+}
+
+// Whether nothing refers to what is not there.
+bool Columns::isSound() const {
+  const auto atMost = [](const std::vector<std::uint32_t>& ordinals, std::size_t most) {
+    return std::all_of(ordinals.begin(), ordinals.end(), [most](auto one) { return one <= most; });
+  };
+  const auto isBelowEnd = [this](const RowSet& rows) {
+    bool below = true;
+    rows.forEachDescending([&](Row highest) {
+      below = highest < end_;
+      return false;
+    });
+    return below;
+  };
+  return end_ <= kMostRow + 1 && isBelowEnd(present_) && isBelowEnd(irregular_) &&
+         shapes_.size() == end_ && mailboxes_.size() == end_ && identifiers_.size() == end_ &&
+         std::all_of(numbers_.begin(), numbers_.end(),
+                     [this](const auto& column) { return column.size() == end_; }) &&
+         atMost(shapes_, shapeNumbers_.size()) && atMost(mailboxes_, mailboxNumbers_.size()) &&
+         subjectBegins_.size() == (end_ == 0 ? 0 : std::size_t{end_} + 1) &&
+         std::is_sorted(subjectBegins_.begin(), subjectBegins_.end()) &&
+         (end_ == 0 || subjectBegins_.back() == subjects_.size()) &&
+         (subjects_.empty() || subjects_.back() == kSubjectEnd);
+}
+
 RowSet Columns::present() const {
   RowSet rows = present_;
   rows -= hidden_;

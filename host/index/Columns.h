@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -74,6 +75,14 @@ class Columns {
   /// Those whose Message-ID may equal `identifier`, case and diacritics aside; empty for any.
   RowSet rowsWithIdentifier(std::optional<std::string_view> identifier) const;
 
+  /// Gives back memory that was taken for more rows to come.
+  void shrink();
+
+  /// All but what is hidden.
+  void write(ByteWriter& out) const;
+  /// Null when the bytes are no columns.
+  static std::unique_ptr<Columns> read(ByteReader& in);
+
   /// All that are there and not hidden.
   RowSet present() const;
   /// Of present(), those that have to be looked at.
@@ -96,7 +105,7 @@ class Columns {
   void grow(Row row);
   bool setShape(Row row, std::string_view record);
   void setMailbox(Row row, std::int64_t mailbox);
-  void read(Row row, std::string_view record, const ValuePool& pool);
+  bool isSound() const;
 
   RowSet present_;
   RowSet irregular_;

@@ -10,12 +10,14 @@
 #include <deque>
 #include <iterator>
 #include <map>
+#include <random>
 #include <unordered_set>
 #include <utility>
 
 #include "base/mutex.h"
 #include "host/index/Columns.h"
 #include "host/index/ValuePool.h"
+#include "host/index/columns_file.h"
 #include "host/index/index_tables.h"
 #include "host/index/message_record.h"
 #include "host/index/message_view.h"
@@ -38,6 +40,27 @@ constexpr std::size_t kFewIrregular = 1'000;
 Error unreadable(const std::string& path) {
   return Error::posix(EIO, "cannot read the search index " + path);
 }
+
+// A number that no other file of columns has.
+std::int64_t newToken() {
+  std::random_device device;
+  std::uniform_int_distribution<std::int64_t> any(1, INT64_MAX);
+  return any(device);
+}
+
+// All that is read until it ends is of one state of the database.
+class ReadTransaction {
+ public:
+  explicit ReadTransaction(Connection& connection) : connection_(connection) {
+    static_cast<void>(connection_.execute("BEGIN"));
+  }
+  ~ReadTransaction() { static_cast<void>(connection_.execute("COMMIT")); }
+  ReadTransaction(const ReadTransaction&) = delete;
+  ReadTransaction& operator=(const ReadTransaction&) = delete;
+
+ private:
+  Connection& connection_;
+};
 
 // Texts of messages that came a moment ago: every live query that looks at texts asks for them.
 class RecentTexts {
@@ -100,6 +123,9 @@ struct Index::State {
   // What waits for the next commit.
   std::unique_ptr<Transaction> pending THMP_GUARDED_BY(writing);
   IndexChanges changes THMP_GUARDED_BY(writing);
+  std::int64_t keptToken THMP_GUARDED_BY(writing) = 0;  // of the columns file; 0 for none
+  bool isKept THMP_GUARDED_BY(writing) = false;         // that file has been seen to be good
+  bool cannotKeep THMP_GUARDED_BY(writing) = false;
 
   mutable SharedMutex viewing;
   std::shared_ptr<ValuePool> pool THMP_GUARDED_BY(viewing);
@@ -146,6 +172,8 @@ struct Index::State {
     if (!tables) return tables.error();
     writer = std::move(tables->writer);
     inode.store(inodeAtPath());
+    keptToken = readMark(*writer, marks::kColumns);
+    isKept = false;
     noteLoss(tables->loss);
     return {};
   }
@@ -217,7 +245,9 @@ struct Index::State {
       if (!pending) pending = std::make_unique<Transaction>(*writer);
       const bool changed = pending->begun() && change(*writer, *values, changes);
       if (changed && commit == Commit::kWithOthers && changes.rows.size() < kMostPending) return {};
-      if (!changed || !values->store(*writer) || !pending->commit()) {
+      const bool stored =
+          changed && values->store(*writer) && (keptToken == 0 || putLater(*writer, changes));
+      if (!stored || !pending->commit()) {
         Error error = failure(*writer);
         drop(*values);
         return error;
@@ -257,54 +287,137 @@ struct Index::State {
     }
   }
 
-  // Columns of what stands in the tables. Nobody writes meanwhile.
-  std::unique_ptr<Columns> readColumns(Connection& reader, const ValuePool& values) {
+  // Of the table of records. Null when it cannot be read to its end.
+  std::unique_ptr<Columns> columnsOfRecords(Connection& reader, const ValuePool& values) {
     auto made = std::make_unique<Columns>();
-    // Mapped pages would stay in memory, and most records are not asked for again.
-    static_cast<void>(reader.execute(kMapNothing));
     Statement& row = reader.statement("SELECT id, mailbox, record FROM records ORDER BY id");
-    while (row.row()) {
-      const std::string_view record = row.bytes(2);
-      if (isIntactRecord(record)) {
-        made->put(row.integer(0), row.integer(1), record, values);
-      } else {
-        damaged.store(true);
-      }
-    }
+    while (row.row()) putRecord(row, values, *made);
     // At once, while the connection still knows what went wrong.
     if (row.result() != SQLITE_DONE) return nullptr;
+    return setStale(reader, *made) ? std::move(made) : nullptr;
+  }
+
+  // Of the file, brought up to date with what has changed since. Null when there is no good one.
+  std::optional<KeptColumns> columnsOfFile(Connection& reader, const ValuePool& values) {
+    const std::int64_t token = readMark(reader, marks::kColumns);
+    if (token == 0) return std::nullopt;
+    std::optional<KeptColumns> kept = readColumnsFile(columnsPath(path), token);
+    if (!kept) return std::nullopt;
+    Statement& row = reader.statement(
+        "SELECT later.id, records.mailbox, records.record FROM later "
+        "LEFT JOIN records ON records.id = later.id ORDER BY later.id");
+    while (row.row()) {
+      if (row.isNull(2)) {
+        kept->columns->remove(row.integer(0));
+      } else {
+        putRecord(row, values, *kept->columns);
+      }
+    }
+    if (row.result() != SQLITE_DONE || !setStale(reader, *kept->columns)) return std::nullopt;
+    return kept;
+  }
+
+  void putRecord(const Statement& row, const ValuePool& values, Columns& made) const {
+    const std::string_view record = row.bytes(2);
+    if (isIntactRecord(record)) {
+      made.put(row.integer(0), row.integer(1), record, values);
+    } else {
+      damaged.store(true);
+    }
+  }
+
+  static bool setStale(Connection& reader, Columns& made) {
     Statement& stale = reader.statement("SELECT id FROM stale");
-    while (stale.row()) made->setIrregular(stale.integer(0));
-    if (stale.result() != SQLITE_DONE) return nullptr;
-    static_cast<void>(reader.execute(kMapFile));
-    made->hide(*hiddenNow());
+    while (stale.row()) made.setIrregular(stale.integer(0));
+    return stale.result() == SQLITE_DONE;
+  }
+
+  enum class Source : bool { kFileOrRecords, kRecords };
+
+  // Columns of what is committed. Nobody in this process commits meanwhile.
+  Result<void> makeColumns(Source source) THMP_REQUIRES(writing) {
+    const auto reader = readers.borrow();
+    if (!reader) return unreadable(path);
+    // Mapped pages would stay in memory, and most records are not asked for again.
+    static_cast<void>(reader->execute(kMapNothing));
+    Result<void> made = makeColumns(source, *reader);
+    static_cast<void>(reader->execute(kMapFile));
     return made;
   }
 
-  Result<void> makeColumns() THMP_REQUIRES(writing) {
-    const auto reader = readers.borrow();
-    if (!reader) return unreadable(path);
+  Result<void> makeColumns(Source source, Connection& reader) THMP_REQUIRES(writing) {
+    const ReadTransaction reading(reader);
     const std::shared_ptr<ValuePool> values = poolNow();
-    if (!followPool(*reader, *values)) return failure(*reader);
-    std::unique_ptr<Columns> made = readColumns(*reader, *values);
-    if (!made) return failure(*reader);
+    if (!followPool(reader, *values)) return failure(reader);
+    std::optional<KeptColumns> made;
+    if (source == Source::kFileOrRecords) {
+      made = columnsOfFile(reader, *values);
+      isKept = made.has_value();
+    }
+    if (!made) {
+      made = KeptColumns{columnsOfRecords(reader, *values), 0};
+      if (!made->columns) return failure(reader);
+      made->settledIrregular = made->columns->irregularCount();
+    }
+    made->columns->shrink();
+    made->columns->hide(*hiddenNow());
     const ExclusiveLock lock(viewing);
-    settledIrregular = made->irregularCount();
-    columns = std::move(made);
+    settledIrregular = made->settledIrregular;
+    columns = std::move(made->columns);
     return {};
   }
 
-  Result<void> prepareColumns() {
+  // Changed messages that are no burden, neither to queries nor to the next start.
+  static std::size_t few(const Columns* columns) {
+    return (columns == nullptr ? 0 : columns->size() / 50) + kFewIrregular;
+  }
+
+  bool areColumnsSlow() const {
+    const SharedLock lock(viewing);
+    return columns && columns->irregularCount() > settledIrregular + few(columns.get());
+  }
+
+  Result<bool> areColumnsKept() THMP_REQUIRES(writing) {
+    if (!isKept) isKept = keptToken != 0 && isColumnsFile(columnsPath(path), keptToken);
+    if (!isKept) return false;
+    Statement& row = writer->statement("SELECT count(*) FROM later");
+    if (!row.row()) return failure(*writer);
+    const auto later = static_cast<std::size_t>(row.integer(0));
+    row.reset();
+    const SharedLock lock(viewing);
+    return later <= few(columns.get());
+  }
+
+  // The file first, then the token that makes it good.
+  Result<void> keepColumns() THMP_REQUIRES(writing) {
+    const std::int64_t token = newToken();
     {
       const SharedLock lock(viewing);
-      if (columns) return {};
+      isKept = writeColumnsFile(columnsPath(path), token, *columns, settledIrregular);
     }
+    cannotKeep = !isKept;
+    if (cannotKeep) return {};
+    // Whether or not it is committed: from now on changes are written down.
+    keptToken = token;
+    Transaction transaction(*writer);
+    if (!transaction.begun() || !setMark(*writer, marks::kColumns, token) ||
+        !writer->execute("DELETE FROM later") || !transaction.commit()) {
+      isKept = false;
+      return failure(*writer);
+    }
+    return {};
+  }
+
+  bool hasColumns() const {
+    const SharedLock lock(viewing);
+    return columns != nullptr;
+  }
+
+  Result<void> prepareColumns() {
+    if (hasColumns()) return {};
     const Lock lock(writing);
-    {
-      const SharedLock viewLock(viewing);
-      if (columns) return {};
-    }
-    return makeColumns();
+    if (hasColumns()) return {};
+    return makeColumns(Source::kFileOrRecords);
   }
 
   // Empty when the columns went away a moment ago.
@@ -628,12 +741,9 @@ Result<std::vector<UnreadablePath>> Index::failed() const {
 
 std::optional<Date> Index::lastUpdate() const {
   const auto reader = state_->readers.borrow();
-  if (!reader) return std::nullopt;
-  Statement& row = reader->statement("SELECT value FROM marks WHERE name = 'lastUpdate'");
-  if (!row.row()) return std::nullopt;
-  const Date date = Date::fromUnixSeconds(static_cast<double>(row.integer(0)));
-  row.reset();
-  return date;
+  const std::int64_t seconds = reader ? readMark(*reader, marks::kLastUpdate) : 0;
+  if (seconds == 0) return std::nullopt;
+  return Date::fromUnixSeconds(static_cast<double>(seconds));
 }
 
 void Index::hideMailboxes(const std::vector<std::int64_t>& mailboxes) {
@@ -733,9 +843,7 @@ Result<void> Index::keepFailed(const std::vector<std::string>& sources) {
 
 Result<void> Index::setLastUpdate(Date date) {
   return state_->write(Commit::kNow, [&](Connection& writer, ValuePool&, IndexChanges&) {
-    return writer.statement("INSERT OR REPLACE INTO marks(name, value) VALUES('lastUpdate', ?)")
-        .bind(1, static_cast<std::int64_t>(date.unixSeconds()))
-        .run();
+    return setMark(writer, marks::kLastUpdate, static_cast<std::int64_t>(date.unixSeconds()));
   });
 }
 
@@ -744,14 +852,18 @@ bool Index::isDamaged() const noexcept { return state_->damaged.load() || !state
 IndexLoss Index::takeLoss() noexcept { return state_->loss.exchange(IndexLoss::kNone); }
 
 Result<void> Index::settle() {
-  {
-    const SharedLock lock(state_->viewing);
-    if (!state_->columns) return {};
-    const std::size_t few = state_->settledIrregular + state_->columns->size() / 50 + kFewIrregular;
-    if (state_->columns->irregularCount() <= few) return {};
-  }
   const Lock lock(state_->writing);
-  return state_->makeColumns();
+  if (!state_->writer || state_->pending) return {};
+  if (state_->areColumnsSlow()) {
+    if (auto made = state_->makeColumns(State::Source::kRecords); !made) return made;
+  }
+  const auto kept = state_->areColumnsKept();
+  if (!kept) return kept.error();
+  if (*kept || state_->cannotKeep) return {};
+  if (!state_->hasColumns()) {
+    if (auto made = state_->makeColumns(State::Source::kFileOrRecords); !made) return made;
+  }
+  return state_->keepColumns();
 }
 
 Result<std::uint64_t> Index::staleCount() const {

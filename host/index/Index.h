@@ -141,7 +141,8 @@ class Index {
   Result<void> keepFailed(const std::vector<std::string>& sources);
   Result<void> setLastUpdate(Date date);
 
-  /// After many changes: makes columns that have become slow anew.
+  /// After many changes: makes columns that have become slow anew, and keeps them in a file for the
+  /// next start.
   Result<void> settle();
   /// Messages that are gone or were replaced, and whose words still take up place.
   Result<std::uint64_t> staleCount() const;

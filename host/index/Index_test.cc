@@ -13,6 +13,7 @@
 
 #include "host/index/ValuePool.h"
 #include "host/index/message_record.h"
+#include "host/query/query_testing.h"
 #include "host/store/test_support.h"
 
 namespace thmp {
@@ -348,6 +349,163 @@ TEST_F(TheIndex, DamageAnywhereNeverCrashesAndIsNoticedOrHarmless) {
       EXPECT_THAT(found(), IsEmpty());
     }
   }
+}
+
+// The columns of an index, in a file beside it.
+class KeptColumnsOfTheIndex : public TheIndex {
+ protected:
+  void SetUp() override {
+    open();
+    put({entry(1, "one"), entry(2, "two"), entry(3, "three"), entry(4, "four")});
+    ASSERT_TRUE(index_->settle());
+  }
+
+  // One that the columns say all of.
+  static IndexEntry entry(std::int64_t id, const std::string& subject) {
+    IndexEntry entry = entryOf(id, subject);
+    entry.attributes.set(keyText(AttributeKey::kDisplayName), Value(subject));
+    return entry;
+  }
+  std::vector<std::int64_t> withSubject(const std::string& subject) const {
+    const auto query = query::parse("kMDItemSubject == \"" + subject + "\"", query::testOptions());
+    EXPECT_TRUE(query);
+    std::vector<std::int64_t> ids;
+    EXPECT_TRUE(index_->forEachMatch(*query, [&](const IndexedMessage& message) {
+      ids.push_back(message.id());
+      return true;
+    }));
+    return ids;
+  }
+  std::vector<std::int64_t> withAnySubject() const { return withSubject("*"); }
+
+  // From now on the records in the tables say something else than the columns.
+  void changeRecordsBehindIt() const {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(path_.c_str(), &db), SQLITE_OK);
+    sqlite3_exec(db, "UPDATE records SET record = (SELECT record FROM records WHERE id = 1)",
+                 nullptr, nullptr, nullptr);
+    sqlite3_close(db);
+  }
+
+  const std::string file_ = path_ + "-columns";
+};
+
+TEST_F(KeptColumnsOfTheIndex, AreWhatTheNextStartAnswersFrom) {
+  index_.reset();
+  changeRecordsBehindIt();
+  open();
+  EXPECT_THAT(withSubject("one"), ElementsAre(1)) << "though now each record says so";
+  index_.reset();
+  ASSERT_TRUE(std::filesystem::remove(file_));
+  open();
+  EXPECT_THAT(withSubject("one"), ElementsAre(4, 3, 2, 1));
+}
+
+TEST_F(KeptColumnsOfTheIndex, AreBroughtUpToDateWithWhatChangedAfterThem) {
+  put({entry(2, "other"), entry(5, "five")});
+  ASSERT_TRUE(index_->remove(std::vector<std::int64_t>{3}));
+  put({entry(6, "six")});
+  ASSERT_TRUE(index_->remove(std::vector<std::int64_t>{6}));
+  const auto before = std::filesystem::last_write_time(file_);
+  ASSERT_TRUE(index_->settle());
+  EXPECT_EQ(std::filesystem::last_write_time(file_), before) << "so few are not worth a new file";
+  open();
+  EXPECT_THAT(withAnySubject(), ElementsAre(5, 4, 2, 1));
+  EXPECT_THAT(withSubject("two"), IsEmpty());
+  EXPECT_THAT(withSubject("other"), ElementsAre(2));
+  EXPECT_THAT(withSubject("five"), ElementsAre(5));
+}
+
+TEST_F(KeptColumnsOfTheIndex, AreKeptAnewAfterManyChanges) {
+  std::vector<IndexEntry> entries;
+  for (int id = 5; id <= 1500; ++id) entries.push_back(entry(id, "s" + std::to_string(id)));
+  put(std::move(entries));
+  const auto before = std::filesystem::file_size(file_);
+  ASSERT_TRUE(index_->settle());
+  EXPECT_GT(std::filesystem::file_size(file_), 10 * before);
+  open();
+  EXPECT_THAT(withSubject("s1234"), ElementsAre(1234));
+  EXPECT_THAT(withSubject("three"), ElementsAre(3));
+}
+
+TEST_F(KeptColumnsOfTheIndex, AreThoseOfOneIndexAlone) {
+  const std::string columns = testing_support::readWhole(file_);
+  index_.reset();
+  std::filesystem::remove_all(folder_ / "idx");
+  open();
+  put({entry(1, "another")});
+  ASSERT_TRUE(index_->settle());
+  index_.reset();
+  testing_support::writeFile(file_, columns);
+  open();
+  EXPECT_THAT(withSubject("one"), IsEmpty());
+  EXPECT_THAT(withSubject("another"), ElementsAre(1));
+}
+
+// A kill between the file and its token, or between what it was made of and the next commit.
+TEST_F(KeptColumnsOfTheIndex, OfAnotherMomentAreNoColumns) {
+  const std::string older = testing_support::readWhole(file_);
+  std::vector<IndexEntry> entries;
+  for (int id = 1; id <= 1500; ++id) entries.push_back(entry(id, "new"));
+  put(std::move(entries));
+  ASSERT_TRUE(index_->settle());
+  index_.reset();
+  testing_support::writeFile(file_, older);
+  open();
+  EXPECT_THAT(withSubject("one"), IsEmpty());
+  EXPECT_EQ(withSubject("new").size(), 1500U);
+  ASSERT_TRUE(index_->settle());
+  EXPECT_NE(testing_support::readWhole(file_), older) << "and are replaced";
+}
+
+TEST_F(KeptColumnsOfTheIndex, ThatAreDamagedAnywhereAreNoColumns) {
+  index_.reset();
+  const std::string good = testing_support::readWhole(file_);
+  changeRecordsBehindIt();
+  // Whoever takes the file for good finds one message, and four otherwise.
+  const auto isTaken = [&](const std::string& bytes) {
+    index_.reset();
+    testing_support::writeFile(file_, bytes);
+    open();
+    const auto found = withSubject("one");
+    EXPECT_THAT(found, ::testing::AnyOf(ElementsAre(1), ElementsAre(4, 3, 2, 1)));
+    return found.size() == 1;
+  };
+  ASSERT_TRUE(isTaken(good));
+  for (std::size_t size = 0; size < good.size(); size += 1 + size / 16) {
+    EXPECT_FALSE(isTaken(good.substr(0, size))) << size;
+  }
+  EXPECT_FALSE(isTaken(good + '\0'));
+  for (std::size_t at = 0; at < good.size(); at += 1 + good.size() / 300) {
+    std::string bad = good;
+    bad[at] = static_cast<char>(bad[at] ^ (1 << (at % 8)));
+    EXPECT_FALSE(isTaken(bad)) << at;
+  }
+}
+
+TEST_F(KeptColumnsOfTheIndex, ServeAReaderBesideTheWriter) {
+  auto reader = Index::open(path_, Index::Access::kReadOnly);
+  ASSERT_TRUE(reader);
+  put({entry(5, "two")});
+  std::swap(index_, *reader);
+  EXPECT_THAT(withSubject("two"), ElementsAre(5, 2));
+}
+
+TEST_F(KeptColumnsOfTheIndex, GoWithTheIndex) {
+  ASSERT_TRUE(index_->makeAnew());
+  EXPECT_FALSE(std::filesystem::exists(file_));
+  put({entry(1, "again")});
+  open();
+  EXPECT_THAT(withAnySubject(), ElementsAre(1));
+}
+
+TEST_F(KeptColumnsOfTheIndex, ThatCannotBeWrittenAreDoneWithout) {
+  ASSERT_TRUE(std::filesystem::remove(file_));
+  std::filesystem::create_directory(file_);
+  open();
+  EXPECT_THAT(withSubject("two"), ElementsAre(2));
+  ASSERT_TRUE(index_->settle());
+  EXPECT_THAT(withSubject("two"), ElementsAre(2));
 }
 
 TEST_F(TheIndex, ReadersGoOnWhileAWriterWrites) {

@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "host/index/byte_stream.h"
+
 namespace thmp {
 
 /// A message's place in the columns of the index: its library ID, as far as those go.
@@ -33,6 +35,10 @@ class RowSet {
     if (word < words_.size()) words_[word] &= ~(std::uint64_t{1} << (row % 64));
   }
   void clear() { words_.clear(); }
+  void shrink() { words_.shrink_to_fit(); }
+
+  void write(ByteWriter& out) const { out.put(words_); }
+  void read(ByteReader& in) { in.get(words_); }
 
   std::size_t size() const {
     std::size_t count = 0;

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "host/index/Columns.h"
+#include "host/index/columns_file.h"
 #include "host/index/message_record.h"
 #include "host/index/words.h"
 #include "host/query/fold.h"
@@ -18,7 +19,7 @@ namespace thmp {
 
 namespace {
 
-constexpr std::int64_t kSchemaVersion = 2;
+constexpr std::int64_t kSchemaVersion = 3;
 
 constexpr const char* kSchema = R"(
   CREATE TABLE files(
@@ -34,8 +35,9 @@ constexpr const char* kSchema = R"(
   CREATE TABLE incomplete(id INTEGER, reason TEXT, PRIMARY KEY(id, reason)) WITHOUT ROWID;
   CREATE TABLE failed(source TEXT, path TEXT, reason TEXT NOT NULL, PRIMARY KEY(source, path))
     WITHOUT ROWID;
-  CREATE TABLE marks(name TEXT PRIMARY KEY, value REAL) WITHOUT ROWID;
-  PRAGMA user_version = 2;
+  CREATE TABLE later(id INTEGER PRIMARY KEY);
+  CREATE TABLE marks(name TEXT PRIMARY KEY, value INTEGER NOT NULL) WITHOUT ROWID;
+  PRAGMA user_version = 3;
 )";
 
 constexpr const char* kSettings =
@@ -44,7 +46,7 @@ constexpr const char* kSettings =
 
 constexpr const char* kLookThrough =
     "SELECT max(id) FROM files; SELECT max(id) FROM records; SELECT max(number) FROM pool; "
-    "SELECT max(id) FROM stale; SELECT count(*) FROM marks";
+    "SELECT max(id) FROM stale; SELECT max(id) FROM later; SELECT count(*) FROM marks";
 
 std::int64_t userVersion(Connection& connection) {
   Statement version = connection.prepare("PRAGMA user_version");
@@ -171,10 +173,12 @@ void setIndexAside(const std::string& path) {
   std::rename(path.c_str(), name.c_str());
   std::rename((path + "-wal").c_str(), (name + "-wal").c_str());
   ::unlink((path + "-shm").c_str());
+  ::unlink(columnsPath(path).c_str());
 }
 
 void removeIndexFiles(const std::string& path) {
   for (const char* suffix : {"", "-wal", "-shm"}) ::unlink((path + suffix).c_str());
+  ::unlink(columnsPath(path).c_str());
 }
 
 Result<OpenedTables> openIndexTables(const std::string& path) {
@@ -250,6 +254,26 @@ bool removeEntry(Connection& writer, std::int64_t id, IndexChanges& changes) {
     removed = removed && writer.statement(sql).bind(1, id).run();
   }
   return removed;
+}
+
+std::int64_t readMark(Connection& connection, std::string_view name) {
+  Statement& row = connection.statement("SELECT value FROM marks WHERE name = ?");
+  const std::int64_t value = row.bind(1, name).row() ? row.integer(0) : 0;
+  row.reset();
+  return value;
+}
+
+bool setMark(Connection& writer, std::string_view name, std::int64_t value) {
+  return writer.statement("INSERT OR REPLACE INTO marks(name, value) VALUES(?, ?)")
+      .bind(1, name)
+      .bind(2, value)
+      .run();
+}
+
+bool putLater(Connection& writer, const IndexChanges& changes) {
+  return std::all_of(changes.rows.begin(), changes.rows.end(), [&writer](const RowChange& row) {
+    return writer.statement("INSERT OR IGNORE INTO later(id) VALUES(?)").bind(1, row.id).run();
+  });
 }
 
 }  // namespace thmp

@@ -9,13 +9,15 @@
 //   stale       IDs under which `words` has what the message no longer says, or one that is gone
 //   incomplete  why a message was not read whole
 //   failed      files that could not be opened, by the place they were found from
-//   marks       when an update last came to its end
+//   later       which messages have changed since the columns were kept: columns_file.h
+//   marks       numbers by name: when an update last came to its end, the token of the kept columns
 #pragma once
 
 #include <cstdint>
 #include <memory>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/error.h"
@@ -44,6 +46,14 @@ void removeIndexFiles(const std::string& path);
 
 bool isDamage(int sqliteCode);
 
+/// The numbers in `marks`. 0 for one that is not there.
+namespace marks {
+inline constexpr std::string_view kLastUpdate = "lastUpdate";
+inline constexpr std::string_view kColumns = "columns";
+}  // namespace marks
+std::int64_t readMark(Connection& connection, std::string_view name);
+bool setMark(Connection& writer, std::string_view name, std::int64_t value);
+
 /// What one commit means for those who keep the index in memory.
 struct RowChange {
   enum class Kind : std::uint8_t { kPut, kPutShape, kRemove };
@@ -65,5 +75,7 @@ MessageWords wordsOf(const IndexEntry& entry);
 // Each within a transaction. False when it could not be written.
 bool putEntry(Connection& writer, const IndexEntry& entry, ValuePool& pool, IndexChanges& changes);
 bool removeEntry(Connection& writer, std::int64_t id, IndexChanges& changes);
+/// Writes down which messages changed.
+bool putLater(Connection& writer, const IndexChanges& changes);
 
 }  // namespace thmp

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <random>
@@ -250,7 +251,10 @@ class RandomMail {
 
 class IndexedAnswers : public ::testing::TestWithParam<int> {
  protected:
-  void SetUp() override {
+  void SetUp() override { open(); }
+
+  void open() {
+    index_.reset();
     auto opened = Index::open(folder_ / "index.sqlite", Index::Access::kReadWrite);
     ASSERT_TRUE(opened) << opened.error().text();
     index_ = std::move(*opened);
@@ -272,10 +276,11 @@ class IndexedAnswers : public ::testing::TestWithParam<int> {
     ASSERT_TRUE(index_->put(entries));
   }
 
-  // Arrives, changes, goes, is hidden, or is made anew in memory.
+  // Arrives, changes, goes, is hidden, or the index is opened again: with the columns in their
+  // file, or without.
   void disturb() {
     const auto any = [this] { return static_cast<std::int64_t>(1 + mail_.below(last_)); };
-    switch (mail_.below(6)) {
+    switch (mail_.below(7)) {
       case 0:
       case 1:
         put(static_cast<std::int64_t>(++last_));
@@ -289,6 +294,10 @@ class IndexedAnswers : public ::testing::TestWithParam<int> {
       case 4:
         index_->hideMailboxes(mail_.below(2) == 0 ? std::vector<std::int64_t>{2}
                                                   : std::vector<std::int64_t>{});
+        break;
+      case 5:
+        if (mail_.below(4) == 0) std::filesystem::remove(folder_ / "index.sqlite-columns");
+        open();
         break;
       default:
         ASSERT_TRUE(index_->settle());

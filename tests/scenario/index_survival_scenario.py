@@ -27,7 +27,7 @@ SENDERS = 7
 WORDS = ("plover", "heron", "egret", "stork", "crane")
 
 LASTING = {"library.sqlite", "library.sqlite-wal", "library.sqlite-shm", "host.lock",
-           "index.sqlite", "index.sqlite-wal", "index.sqlite-shm"}
+           "index.sqlite", "index.sqlite-wal", "index.sqlite-shm", "index.sqlite-columns"}
 
 
 class Mail:
@@ -276,6 +276,25 @@ class NotWhatItWas(Surviving):
         self.mail.deliver(MESSAGES // 4)
         self.world.index()
         self.check_all()
+
+    def test_columns_of_another_moment_are_left_aside(self):
+        """As a kill leaves them between the file and its commit: an older file, a half of one, one of another index."""
+        columns = self.index_file.with_name(self.index_file.name + "-columns")
+        older = columns.read_bytes()
+        self.delete()
+        self.world.index()
+        newer = columns.read_bytes()
+        for bytes_ in (older, newer[:len(newer) // 2], b"", newer[:-1] + b"?"):
+            columns.write_bytes(bytes_)
+            self.mail.change_one()
+            self.check_all_but_the_last_change()
+            self.world.index()
+            self.check_all()
+
+    def check_all_but_the_last_change(self):
+        found = self.find('kMDItemSubject == "*"')
+        self.assertIsNotNone(found)
+        self.assertLessEqual(abs(len(found) - len(self.mail.paths())), 1)
 
     def delete(self):
         for file in self.index_file.parent.iterdir():
