@@ -88,14 +88,15 @@ void SearchSession::deliver(std::span<const SpotlightItem> items) {
   for (const SpotlightItem* item : sorted) {
     if (!isAlive()) return;
     FoundItem found;
-    found.attributes = item->attributes;
-    found.libraryID = libraryIDOf(item->attributes);
+    found.attributes = attributesOf(*item);
+    found.libraryID = libraryIDOf(found.attributes);
     if (found.libraryID) {
       const QueryRegistry::Delivery outcome = deliver(*found.libraryID);
       if (outcome == QueryRegistry::Delivery::kDead) return;
       if (outcome == QueryRegistry::Delivery::kRepeated) continue;
     }
-    completePath(*item, found);
+    found.path = item->filePath;
+    completePath(found);
     delivery.waiting.push_back(std::move(found));
     if (delivery.waiting.size() == delivery.limit) {
       postBatch(delivery, /*full=*/true);
@@ -111,17 +112,16 @@ QueryRegistry::Delivery SearchSession::deliver(std::int64_t libraryID) {
   return record ? registry_.deliver(*record, libraryID) : QueryRegistry::Delivery::kDead;
 }
 
-void SearchSession::completePath(const SpotlightItem& item, FoundItem& found) {
-  const Dictionary& attributes = item.attributes;
-  found.path = item.filePath;
+void SearchSession::completePath(FoundItem& found) {
+  Dictionary& attributes = found.attributes;
   if (!found.path) {
     if (const auto path = attributes["kMDItemPath"].asText()) found.path = *path;
   }
   if (attributes.contains("kMDItemDisplayName")) return;
   if (const Value* subject = attributes.find("kMDItemSubject")) {
-    found.attributes.set("kMDItemDisplayName", *subject);
+    attributes.set("kMDItemDisplayName", *subject);
   } else if (found.path) {
-    found.attributes.set("kMDItemDisplayName", platform_.files.displayName(*found.path));
+    attributes.set("kMDItemDisplayName", platform_.files.displayName(*found.path));
   }
 }
 

@@ -50,7 +50,7 @@ class SearchSession {
 
   void deliver(std::span<const SpotlightItem> items);
   QueryRegistry::Delivery deliver(std::int64_t libraryID);
-  void completePath(const SpotlightItem& item, FoundItem& found);
+  void completePath(FoundItem& found);
   void postBatch(Delivery& delivery, bool full);
   void remove(const Value& identifiers);
   void postRemovals(const Array& identifiers);

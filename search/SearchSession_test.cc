@@ -7,6 +7,7 @@
 #include <limits>
 #include <new>
 
+#include "search/delivery_order.h"
 #include "search/search_fixture.h"
 
 namespace thmp {
@@ -248,6 +249,88 @@ TEST_F(FoundItems, AttributesReachTheClientShared) {
   SpotlightItem item{"x", {{kName, "n"}, {"kMDItemRecipients", Array{"a", "b"}}}, "/f.eml"};
   const void* identity = item.attributes.identity();
   EXPECT_EQ(deliverOne(item)["attributes"].identity(), identity);
+}
+
+/// Attributes that are made when they are asked for, and say what was asked.
+class ObservedAttributes : public SpotlightAttributeSet {
+ public:
+  struct Asked {
+    std::size_t all = 0;
+    std::size_t single = 0;
+  };
+  ObservedAttributes(Dictionary attributes, Asked& asked)
+      : attributes_(std::move(attributes)), asked_(asked) {}
+
+  Value attribute(std::string_view name) const override {
+    ++asked_.single;
+    return attributes_[name];
+  }
+  Dictionary attributes() const override {
+    ++asked_.all;
+    return attributes_;
+  }
+
+ private:
+  const Dictionary attributes_;
+  Asked& asked_;
+};
+
+TEST_F(FoundItems, AttributesAreAskedForBatchByBatch) {
+  ObservedAttributes::Asked asked;
+  std::vector<SpotlightItem> delivery;
+  for (const SpotlightItem& item : items(1, 2000)) {
+    delivery.push_back({item.identifier,
+                        {},
+                        std::nullopt,
+                        std::make_shared<ObservedAttributes>(item.attributes, asked)});
+  }
+  std::vector<std::size_t> askedAtBatch;
+  mediator_->setHook([&](const std::string& step) {
+    if (step == "lend") askedAtBatch.push_back(asked.all);
+  });
+  query_->deliver(delivery);
+  mediator_->setHook({});
+  EXPECT_THAT(batchSizes(), ElementsAre(750u, 1250u));
+  EXPECT_THAT(askedAtBatch, ElementsAre(750u, 2000u));
+  EXPECT_EQ(asked.single, 0u) << "nothing is sorted";
+}
+
+TEST_F(FoundItems, SortingAsksForTheSortingAttributesAlone) {
+  ObservedAttributes::Asked asked;
+  const auto item = [&](std::int64_t id, const char* key) {
+    return SpotlightItem{"item",
+                         {},
+                         "/mail/" + std::to_string(id),
+                         std::make_shared<ObservedAttributes>(
+                             Dictionary{{"_kMDItemExternalID", id}, {"key", key}}, asked)};
+  };
+  const std::vector<SpotlightItem> delivery = {item(1, "b"), item(2, "c"), item(3, "a")};
+  std::vector<std::string> order;
+  for (const SpotlightItem* sorted : sortedItems(delivery, {"key"}, /*ascending=*/true)) {
+    order.push_back(*sorted->filePath);
+  }
+  EXPECT_THAT(order, ElementsAre("/mail/3", "/mail/1", "/mail/2"));
+  EXPECT_EQ(asked.single, 3u);
+  EXPECT_EQ(asked.all, 0u);
+}
+
+TEST_F(FoundItems, AttributesThatAreMadeWhenAskedForReachTheClientAsOthersDo) {
+  ObservedAttributes::Asked asked;
+  const SpotlightItem item = {
+      "x",
+      {},
+      std::nullopt,
+      std::make_shared<ObservedAttributes>(
+          Dictionary{
+              {"_kMDItemExternalID", "7"}, {"kMDItemPath", "/mail/7.eml"}, {"kMDItemSubject", "s"}},
+          asked)};
+  const Value found = deliverOne(item);
+  EXPECT_EQ(found["libraryID"], Value(7));
+  EXPECT_EQ(found["kMDItemPath"], Value("/mail/7.eml"));
+  EXPECT_EQ(found["attributes"], Value(Dictionary{{"_kMDItemExternalID", "7"},
+                                                  {"kMDItemDisplayName", "s"},
+                                                  {"kMDItemPath", "/mail/7.eml"},
+                                                  {"kMDItemSubject", "s"}}));
 }
 
 TEST_F(FoundItems, SystemWithoutAttributesGetsNoResults) {

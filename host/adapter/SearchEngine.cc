@@ -6,9 +6,9 @@
 #include <optional>
 #include <span>
 #include <string_view>
-#include <unordered_set>
 #include <utility>
 
+#include "host/index/RowSet.h"
 #include "host/index/message_view.h"
 #include "host/query/evaluator.h"
 
@@ -21,6 +21,24 @@ const std::vector<std::string>& defaultAttributes() {
                                                   "kMDItemContentType"};
   return kNames;
 }
+
+// A message's attributes as they were when it was found: they are made from its record, which the
+// message has with it.
+class MessageAttributes : public SpotlightAttributeSet {
+ public:
+  MessageAttributes(const IndexedMessage& message, const AttributeSelection& wanted)
+      : message_(message), wanted_(wanted) {}
+
+  Value attribute(std::string_view name) const override {
+    const auto key = keyNamed(name);
+    return key && wanted_[static_cast<std::size_t>(*key)] ? message_.value(*key) : Value();
+  }
+  Dictionary attributes() const override { return message_.attributes(wanted_); }
+
+ private:
+  const IndexedMessage message_;
+  const AttributeSelection wanted_;
+};
 
 }  // namespace
 
@@ -156,7 +174,7 @@ class SearchEngine::Core : public std::enable_shared_from_this<Core> {
     const Result<void> walked =
         shared_->index.forEachMatch(*query_, [&](const IndexedMessage& message) {
           if (cancelled_) return false;
-          matching_.insert(message.id());
+          if (followed_) matching_.insert(static_cast<Row>(message.id()));
           portion.push_back(itemOf(message));
           if (portion.size() == shared_->options.deliveryLimit) deliver(std::exchange(portion, {}));
           return true;
@@ -175,7 +193,7 @@ class SearchEngine::Core : public std::enable_shared_from_this<Core> {
   SpotlightItem itemOf(const IndexedMessage& message) const {
     SpotlightItem item;
     item.identifier = std::to_string(message.id());
-    item.attributes = message.attributes(wanted_);
+    item.attributeSet = std::make_shared<const MessageAttributes>(message, wanted_);
     return item;
   }
 
@@ -192,11 +210,16 @@ class SearchEngine::Core : public std::enable_shared_from_this<Core> {
     std::vector<SpotlightItem> found;
     Array removed;
     const auto look = [&](std::int64_t id) {
+      if (!isRow(id)) return;
+      const auto row = static_cast<Row>(id);
       const std::optional<IndexedMessage> message = shared_->index.get(id);
       const bool matchesNow = message && matches(*message);
-      if (matchesNow && matching_.insert(id).second) {
+      if (matchesNow == matching_.contains(row)) return;
+      if (matchesNow) {
+        matching_.insert(row);
         found.push_back(itemOf(*message));
-      } else if (!matchesNow && matching_.erase(id) > 0) {
+      } else {
+        matching_.erase(row);
         removed.push_back(Value(std::to_string(id)));
       }
     };
@@ -239,8 +262,8 @@ class SearchEngine::Core : public std::enable_shared_from_this<Core> {
 
   // On the strand only.
   std::optional<query::Query> query_;
-  bool followed_ = false;                      // live
-  std::unordered_set<std::int64_t> matching_;  // kept up to date while followed
+  bool followed_ = false;  // live
+  RowSet matching_;        // while followed
   bool completed_ = false;
 };
 

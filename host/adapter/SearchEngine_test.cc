@@ -262,9 +262,13 @@ TEST_F(TheEngine, ItemsCarryTheListedAttributesTheyHave) {
   std::vector<std::string> keys;
   query->setFoundItemsHandler(std::make_shared<const SpotlightQuery::FoundItemsHandler>(
       [&](std::span<const SpotlightItem> items) {
-        EXPECT_EQ(items[0].attributes["_kMDItemExternalID"].asText(), items[0].identifier);
+        const SpotlightAttributeSet& attributes = *items[0].attributeSet;
+        EXPECT_EQ(attributes.attribute("_kMDItemExternalID"), Value(items[0].identifier));
+        EXPECT_EQ(attributes.attribute("kMDItemSubject"), Value("a"));
+        EXPECT_TRUE(attributes.attribute("kMDItemDisplayName").isNull()) << "it is not listed";
+        EXPECT_TRUE(attributes.attribute("kMDItemTitle").isNull()) << "it has none";
         EXPECT_FALSE(items[0].filePath);
-        for (const auto& entry : items[0].attributes) keys.push_back(entry.key.str());
+        for (const auto& entry : attributes.attributes()) keys.push_back(entry.key.str());
         account_->add("found");
       }));
   query->start();
@@ -278,12 +282,73 @@ TEST_F(TheEngine, WithoutAListItemsCarryTheDefaultAttributes) {
   std::vector<std::string> keys;
   query->setFoundItemsHandler(std::make_shared<const SpotlightQuery::FoundItemsHandler>(
       [&](std::span<const SpotlightItem> items) {
-        for (const auto& entry : items[0].attributes) keys.push_back(entry.key.str());
+        for (const auto& entry : items[0].attributeSet->attributes()) {
+          keys.push_back(entry.key.str());
+        }
         account_->add("found");
       }));
   query->start();
   account_->waitFor(1);
   EXPECT_THAT(keys, ElementsAre("_kMDItemExternalID", "kMDItemContentType", "kMDItemDisplayName"));
+}
+
+TEST_F(TheEngine, AttributesAreThoseOfTheDeliveryWhateverHappensAfterIt) {
+  std::vector<IndexEntry> entries;
+  for (std::int64_t id = 1; id <= 40; ++id) {
+    entries.push_back(entryOf(id, "before " + std::to_string(id)));
+  }
+  put(entries);
+  SpotlightItem kept;
+  auto query = engine_->makeQuery("true", nullptr);
+  query->setFoundItemsHandler(std::make_shared<const SpotlightQuery::FoundItemsHandler>(
+      [&](std::span<const SpotlightItem> items) {
+        entries[4] = entryOf(5, "after");
+        put(entries);
+        remove({6});
+        index_->hideMailboxes({1});
+        for (const SpotlightItem& item : items) {
+          const Dictionary attributes = item.attributeSet->attributes();
+          account_->add(item.identifier + " " +
+                        std::string(*attributes["kMDItemDisplayName"].asText()));
+        }
+        kept = items[0];
+      }));
+  query->setCompletionHandler(std::make_shared<const SpotlightQuery::CompletionHandler>(
+      [&](const Error&) { account_->add("completed"); }));
+  query->start();
+  std::vector<std::string> expected;
+  for (std::int64_t id = 40; id > 0; --id) {
+    expected.push_back(std::to_string(id) + " before " + std::to_string(id));
+  }
+  expected.emplace_back("completed");
+  EXPECT_EQ(account_->waitFor(41), expected);
+  query.reset();
+  ASSERT_TRUE(index_->makeAnew());
+  EXPECT_EQ(kept.attributeSet->attribute("kMDItemDisplayName"), Value("before 40"));
+}
+
+TEST_F(TheEngine, GathersNoFurtherThanWhatHasBeenTaken) {
+  SearchEngineOptions options;
+  options.deliveryLimit = 100;
+  start(options);
+  std::vector<IndexEntry> entries;
+  for (std::int64_t id = 1; id <= 1050; ++id) entries.push_back(entryOf(id, "a"));
+  put(entries);
+  auto query = engine_->makeQuery("true", nullptr);
+  std::vector<std::weak_ptr<const SpotlightAttributeSet>> delivered;
+  std::size_t leftOver = 0;
+  query->setFoundItemsHandler(std::make_shared<const SpotlightQuery::FoundItemsHandler>(
+      [&, raw = query.get()](std::span<const SpotlightItem> items) {
+        for (const auto& earlier : delivered) leftOver += earlier.expired() ? 0 : 1;
+        for (const SpotlightItem& item : items) delivered.emplace_back(item.attributeSet);
+        account_->add(std::to_string(items.size()) + " of " +
+                      std::to_string(raw->foundItemCount()));
+      }));
+  query->start();
+  const std::vector<std::string> lines = account_->waitFor(11);
+  EXPECT_EQ(lines.front(), "100 of 100");
+  EXPECT_EQ(lines.back(), "50 of 1050");
+  EXPECT_EQ(leftOver, 0U) << "a delivery is gone when the next one comes";
 }
 
 TEST_F(TheEngine, CallbacksOfOneQueryNeverOverlap) {

@@ -91,7 +91,6 @@ class Columns {
   std::size_t irregularCount() const { return irregular_.size(); }
 
  private:
-  static constexpr std::int64_t kMostRow = (std::int64_t{1} << 31) - 2;
   static constexpr std::size_t kNumberColumns = 6;
   static constexpr std::size_t kTermColumns = 14;
   static constexpr std::int32_t kNoNumber = INT32_MIN;

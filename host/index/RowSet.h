@@ -16,6 +16,9 @@ namespace thmp {
 
 /// A message's place in the columns of the index: its library ID, as far as those go.
 using Row = std::uint32_t;
+inline constexpr std::int64_t kMostRow = (std::int64_t{1} << 31) - 2;
+/// Whether the message of that ID can have a row. Queries find no other.
+constexpr bool isRow(std::int64_t id) { return id > 0 && id <= kMostRow; }
 
 class RowSet {
  public:
