@@ -25,10 +25,10 @@ void silence(const QueryRegistry::Ended& ended) {
 }  // namespace
 
 void QueryRegistry::NameList::append(std::string_view name) {
+  const std::uint64_t arrival = next_++;
   const auto [entry, isNew] = arrivals_.try_emplace(std::string(name));
-  entry->second.push_back(next_);
-  byArrival_.emplace(next_, &entry->first);
-  ++next_;
+  entry->second.push_back(arrival);
+  byArrival_.emplace(arrival, &entry->first);
 }
 
 void QueryRegistry::NameList::removeAll(std::string_view name) {
@@ -78,14 +78,16 @@ void QueryRegistry::setQueryNamesByClient(NamesByClient names) {
 std::shared_ptr<THMPMailPluginQuery> QueryRegistry::add(
     const std::shared_ptr<THMPMailPluginQuery>& record, const Value& clientName) {
   const Lock lock(state_);
+  // The name first: should memory end between the two, no query lives on that its client's end
+  // would not reach.
+  if (const auto client = clientName.asText()) {
+    names_[std::string(*client)].append(record->queryName());
+  }
   std::shared_ptr<THMPMailPluginQuery> replaced =
       std::exchange(records_[record->queryName().str()], record);
   // A replaced record keeps its pending entries: their pasteboards stay out of the pool.
   if (replaced) pendingCount_ -= replaced->pendingBatches().size();
   pendingCount_ += record->pendingBatches().size();
-  if (const auto client = clientName.asText()) {
-    names_[std::string(*client)].append(record->queryName());
-  }
   return replaced;
 }
 

@@ -40,7 +40,11 @@ ScriptedDatabase::ScriptedDatabase() {
       [](unsigned, void* self, void*, void* text) {
         auto& database = *static_cast<ScriptedDatabase*>(self);
         const Lock lock(database.mutex_);
-        database.statements_.emplace_back(static_cast<const char*>(text));
+        try {
+          database.statements_.emplace_back(static_cast<const char*>(text));
+        } catch (...) {
+          // Nothing may be thrown through SQLite.
+        }
         return 0;
       },
       this);

@@ -187,9 +187,13 @@ ScriptedSpotlightQuery::gatherEndedHandler() const {
   return handlers().gatherEnded;
 }
 
-void ScriptedSpotlightQuery::note(const std::string& call) {
+void ScriptedSpotlightQuery::note(const std::string& call) noexcept {
   const Lock lock(mutex_);
-  calls_.push_back(call);
+  try {
+    calls_.push_back(call);
+  } catch (...) {
+    // Also called by a destructor; without memory the record misses a call.
+  }
 }
 
 void ScriptedSpotlightQuery::cancel() {

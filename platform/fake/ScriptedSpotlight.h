@@ -71,7 +71,7 @@ class ScriptedSpotlightQuery {
     std::shared_ptr<const SpotlightQuery::GatherEndedHandler> gatherEnded;
   };
 
-  void note(const std::string& call);
+  void note(const std::string& call) noexcept;
   void cancel();
   Handlers handlers() const;
   bool running() const;

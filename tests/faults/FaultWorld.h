@@ -51,6 +51,9 @@ class FaultWorld : public FaultyPlatform {
   /// fault of the start itself may need the host's next activation or start before.
   void checkWorksAgain();
 
+  /// Whether memory has run out: what was under way then may be dropped, with one line, and its
+  /// pasteboard may stay out until the host quits.
+  bool memoryRanOut = false;
   /// Pasteboards of a record that another may take the place of: they stay out of the pool then.
   std::vector<std::string> mayStayOut;
   std::unique_ptr<Platform> bundle;
@@ -68,6 +71,7 @@ class FaultWorld : public FaultyPlatform {
 
   void endProcess();
   std::size_t postFailures() const;
+  std::size_t droppedSteps() const;
   std::size_t received(const std::string& line) const;
   bool answers(const std::string& client);
   bool mayBeDeaf();

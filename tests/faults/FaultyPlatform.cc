@@ -242,7 +242,7 @@ Platform FaultyPlatform::platform() {
                   .pasteboards = pasteboards,
                   .spotlight = spotlight,
                   .mail = mail,
-                  .log = fake.log};
+                  .log = log};
 }
 
 }  // namespace thmp::faults

@@ -14,6 +14,7 @@
 #include "platform/fake/FakePlatform.h"
 #include "platform/fake/ForwardingFiles.h"
 #include "platform/fake/ForwardingPasteboards.h"
+#include "tests/faults/AllocationPlan.h"
 #include "tests/faults/FaultPlan.h"
 
 namespace thmp::faults {
@@ -126,6 +127,19 @@ class FaultyMail : public Mail {
   FaultPlan& plan_;
 };
 
+/// Keeps its lines even where no memory is left: writing one never throws.
+class FaultyLog : public SystemLog {
+ public:
+  explicit FaultyLog(RecordingLog& target) : target_(target) {}
+  void write(std::string_view line) noexcept override {
+    const AllocationPlan::Pause pause(allocationPlan);
+    target_.write(line);
+  }
+
+ private:
+  RecordingLog& target_;
+};
+
 /// The fakes that are scripted and looked at are `fake`, but for identity, preferences, application
 /// and spotlight, which stand here.
 struct FaultyPlatform {
@@ -141,6 +155,7 @@ struct FaultyPlatform {
   FaultyPasteboards pasteboards{fake.pasteboards, plan};
   FaultySpotlight spotlight{plan};
   FaultyMail mail{fake.mail, plan};
+  FaultyLog log{fake.log};
 };
 
 }  // namespace thmp::faults
