@@ -13,8 +13,13 @@ Result<std::unique_ptr<Exchange>> Exchange::open(const XdgFolders& xdg) {
   if (!folders) return folders.error();
   Result<std::unique_ptr<Wakeups>> wakeups = Wakeups::open();
   if (!wakeups) return wakeups.error();
-  for (const std::string& folder : {(*folders)->in(), (*folders)->out()}) {
-    if (const Result<void> watched = (*wakeups)->watch(folder); !watched) return watched.error();
+  if (const Result<void> answers = (*wakeups)->watchEntries((*folders)->out(), Entries::kCome);
+      !answers) {
+    return answers.error();
+  }
+  // A request that is taken goes.
+  if (const Result<void> taken = (*wakeups)->watchEntries((*folders)->in(), Entries::kGo); !taken) {
+    return taken.error();
   }
   // Answers to come are told from what is there.
   (*folders)->passOverWhatIsThere();
