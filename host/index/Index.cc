@@ -719,6 +719,24 @@ Result<std::vector<std::int64_t>> Index::mailboxes() const {
   return all;
 }
 
+Result<std::unordered_map<std::int64_t, IndexedMailbox>> Index::mailboxStates() const {
+  const auto reader = state_->readers.borrow();
+  if (!reader) return unreadable(state_->path);
+  std::unordered_map<std::int64_t, IndexedMailbox> states;
+  Statement& row = reader->statement(
+      "SELECT mailbox, count(*), sum(id), sum(incomplete) FROM files GROUP BY mailbox");
+  while (row.row()) {
+    IndexedMailbox& mailbox = states[row.integer(0)];
+    mailbox.tally = {static_cast<std::uint64_t>(row.integer(1)), row.integer(2)};
+    mailbox.incomplete = static_cast<std::uint64_t>(row.integer(3));
+  }
+  if (row.result() != SQLITE_DONE) return state_->failure(*reader);
+  Statement& stamp = reader->statement("SELECT mailbox, stamp FROM stamps");
+  while (stamp.row()) states[stamp.integer(0)].stamp = stamp.bytes(1);
+  if (stamp.result() != SQLITE_DONE) return state_->failure(*reader);
+  return states;
+}
+
 Result<std::vector<IncompleteMessage>> Index::incomplete() const {
   const auto reader = state_->readers.borrow();
   if (!reader) return unreadable(state_->path);
@@ -800,9 +818,23 @@ Result<void> Index::removeMailbox(std::int64_t mailbox) {
     Statement& row = writer.statement("SELECT id FROM files WHERE mailbox = ?");
     row.bind(1, mailbox);
     while (row.row()) ids.push_back(row.integer(0));
-    return row.result() == SQLITE_DONE && std::all_of(ids.begin(), ids.end(), [&](std::int64_t id) {
-             return removeEntry(writer, id, changes);
-           });
+    const bool isForgotten =
+        writer.statement("DELETE FROM stamps WHERE mailbox = ?").bind(1, mailbox).run();
+    return isForgotten && row.result() == SQLITE_DONE &&
+           std::all_of(ids.begin(), ids.end(),
+                       [&](std::int64_t id) { return removeEntry(writer, id, changes); });
+  });
+}
+
+Result<void> Index::setStamp(std::int64_t mailbox, const std::string& stamp) {
+  return state_->write(Commit::kWithOthers, [&](Connection& writer, ValuePool&, IndexChanges&) {
+    if (stamp.empty()) {
+      return writer.statement("DELETE FROM stamps WHERE mailbox = ?").bind(1, mailbox).run();
+    }
+    return writer.statement("INSERT OR REPLACE INTO stamps(mailbox, stamp) VALUES(?, ?)")
+        .bind(1, mailbox)
+        .bindBlob(2, stamp)
+        .run();
   });
 }
 

@@ -113,6 +113,8 @@ class Index {
   /// Empty for a message that is not in the index.
   Result<std::optional<IndexedFile>> file(std::int64_t id) const;
   Result<std::vector<std::int64_t>> mailboxes() const;
+  /// By their IDs.
+  Result<std::unordered_map<std::int64_t, IndexedMailbox>> mailboxStates() const;
   /// By ascending ID.
   Result<std::vector<IncompleteMessage>> incomplete() const;
   /// Files that could not be opened at all, by path.
@@ -133,6 +135,10 @@ class Index {
   Result<void> remove(std::span<const std::int64_t> ids);
   /// Takes out every message of a mailbox.
   Result<void> removeMailbox(std::int64_t mailbox);
+
+  /// Remembers how a mailbox's folders looked, or with an empty stamp forgets it. Lasting with a
+  /// later change.
+  Result<void> setStamp(std::int64_t mailbox, const std::string& stamp);
 
   /// The files that could not be opened when `source`, a mailbox or the like, was looked through,
   /// in place of those known from it before.

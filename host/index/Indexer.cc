@@ -149,6 +149,7 @@ class Indexer::Run {
     if (!learnMailboxes()) return error_;
     std::map<std::string, MailFolder> found;
     for (const std::string& root : roots_) walk(root, root, found);
+    recognise(found);
     countTotal(found);
     for (const LibraryMailbox& mailbox : known_) {
       if (found.contains(mailbox.folder.path)) continue;
@@ -298,10 +299,43 @@ class Indexer::Run {
     found.merge(here);
   }
 
+  // Of mailboxes whose folders are as they were, each file is as it was.
+  void recognise(const std::map<std::string, MailFolder>& found) {
+    const auto tallies = library_.tallies();
+    const auto states = index_.mailboxStates();
+    if (!note(tallies) || !note(states)) return;
+    for (const LibraryMailbox& mailbox : known_) {
+      const auto folder = found.find(mailbox.folder.path);
+      const auto state = states->find(mailbox.id);
+      if (folder == found.end() || folder->second != mailbox.folder || state == states->end() ||
+          state->second.stamp.empty()) {
+        continue;
+      }
+      // Where the two do not agree, one of them is not the one that was seen then.
+      const auto tally = tallies->find(mailbox.id);
+      const bool agree =
+          state->second.tally == (tally == tallies->end() ? MailboxTally() : tally->second);
+      if (agree && mailboxStamp(mailbox.folder) == state->second.stamp) {
+        unchanged_.emplace(mailbox.folder.path, state->second);
+      }
+    }
+  }
+
+  void passUnchanged(const std::string& path, const IndexedMailbox& mailbox) {
+    coverage_.seen += mailbox.tally.messages;
+    coverage_.unchanged += mailbox.tally.messages;
+    coverage_.incomplete += mailbox.incomplete;
+    sources_.push_back(path);
+  }
+
   void countTotal(const std::map<std::string, MailFolder>& found) {
     if (!progress_) return;
     for (const auto& [path, folder] : found) {
       if (isStopped()) return;
+      if (const auto same = unchanged_.find(path); same != unchanged_.end()) {
+        total_ += same->second.tally.messages;
+        continue;
+      }
       const auto listing = listMailbox(folder);
       if (listing) total_ += listing->entries.size() + listing->failed.size();
     }
@@ -345,6 +379,10 @@ class Indexer::Run {
   void updateFound(const std::map<std::string, MailFolder>& found) {
     for (const auto& [path, folder] : found) {
       if (!good() || isStopped()) return;
+      if (const auto same = unchanged_.find(path); same != unchanged_.end()) {
+        passUnchanged(path, same->second);
+        continue;
+      }
       const auto known =
           std::find_if(known_.begin(), known_.end(),
                        [&, &at = path](const auto& one) { return one.folder.path == at; });
@@ -364,6 +402,7 @@ class Indexer::Run {
     std::vector<SeenFile> files;  // by name, each once
     std::vector<std::int64_t> gone;
     std::vector<UnreadablePath> failed;
+    std::string stamp;  // of the listing that shows just these
   };
 
   // A listing may miss a file that is renamed meanwhile. So a name is believed gone only when
@@ -385,7 +424,10 @@ class Indexer::Run {
       }
       addSeen(mailbox.folder, messages, *listing, sight);
       findGone(messages, sight);
-      if (sight.gone.empty()) return sight;
+      if (sight.gone.empty()) {
+        if (listings == 1) sight.stamp = std::move(listing->stamp);
+        return sight;
+      }
       if ((listings > 1 && listing->quiet) || listings == kMostListings) break;
     }
     keepThoseThere(mailbox.folder, messages, sight);
@@ -550,10 +592,16 @@ class Indexer::Run {
     if (!note(messages) || !note(files)) return;
     std::optional<Sight> sight = look(mailbox, *messages);
     if (!sight) return;
+    if (!dryRun_) note(index_.setStamp(mailbox.id, {}));
 
+    isWhole_ = true;
     bringUpToDate(mailbox, *messages, *files, *sight);
     coverage_.failed += failed_.size();
-    if (!dryRun_) setFailed(mailbox.folder.path, failed_);
+    if (dryRun_) return;
+    if (good() && !isStopped() && isWhole_ && failed_.empty() && !sight->stamp.empty()) {
+      note(index_.setStamp(mailbox.id, sight->stamp));
+    }
+    setFailed(mailbox.folder.path, failed_);
   }
 
   // What was seen of the mailbox goes into library and index; `messages` and `files` are what those
@@ -590,6 +638,7 @@ class Indexer::Run {
         if (file.stamp) {
           toRead.push_back({file.entry, *file.stamp, 0});
         } else {
+          isWhole_ = false;
           vanished_.push_back({file.entry, {}, 0});
         }
         continue;
@@ -597,6 +646,7 @@ class Indexer::Run {
       const auto indexed = files.find(message->id);
       if (!file.stamp) {
         // Renamed again meanwhile: it is there, and where exactly the next update will see.
+        isWhole_ = false;
         ++coverage_.seen;
         ++coverage_.unchanged;
         if (indexed == files.end()) vanished_.push_back({file.entry, {}, message->id});
@@ -733,6 +783,7 @@ class Indexer::Run {
     if (!file.entry) {
       // Without a reason it went or was renamed since it was listed.
       if (file.failure.empty()) {
+        isWhole_ = false;
         vanished_.push_back(work);
         return;
       }
@@ -742,6 +793,7 @@ class Indexer::Run {
       return;
     }
     ++coverage_.seen;
+    isWhole_ = isWhole_ && file.entry->file.content != kUnsettledMark;
     batch.bytes += file.entry->textContent->size();
     batch.read.push_back(work);
     batch.entries.push_back(std::move(*file.entry));
@@ -830,6 +882,7 @@ class Indexer::Run {
   const Clock::time_point began_ = Clock::now();
 
   std::vector<LibraryMailbox> known_;
+  std::map<std::string, IndexedMailbox> unchanged_;  // by path
   std::set<std::string> missingRoots_;
   std::set<std::string> unreadable_;
   std::set<std::string> goneMailboxes_;
@@ -837,6 +890,7 @@ class Indexer::Run {
   // Of the mailbox in hand.
   std::vector<UnreadablePath> failed_;
   std::vector<Work> vanished_;
+  bool isWhole_ = true;  // each file was caught and need not be read again
   // What is told of a mailbox at the end of a look at it makes all before it lasting.
   Index::Commit commit_ = Index::Commit::kWithOthers;
   std::uint64_t total_ = 0;

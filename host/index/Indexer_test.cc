@@ -158,6 +158,130 @@ TEST_F(Indexing, WhatIsUnchangedIsNotReadAgain) {
   EXPECT_THAT(told_, IsEmpty());
 }
 
+// Mailboxes whose folders were changed long ago.
+class IndexingSettledFolders : public Indexing {
+ protected:
+  void settle() const {
+    for (const char* part : {"/cur", "/new"}) age(mail_ + part);
+  }
+  // Neither the folder nor the file's name tells of it, and mail programs do no such thing.
+  void rewriteInPlace(const std::string& place, const std::string& subject) {
+    std::ofstream(mail_ + "/" + place) << mailText(subject);
+    age(mail_ + "/" + place);
+  }
+};
+
+TEST_F(IndexingSettledFolders, ThatDidNotChangeAreNotLookedInto) {
+  deliver("cur/1.a:2,S", "one");
+  deliver("new/2.b", "two");
+  settle();
+  EXPECT_EQ(update().indexed, 2U);
+  rewriteInPlace("cur/1.a:2,S", "other");
+  open();
+  const Coverage coverage = update();
+  EXPECT_EQ(coverage.seen, 2U);
+  EXPECT_EQ(coverage.unchanged, 2U);
+  EXPECT_EQ(coverage.indexed, 0U);
+  EXPECT_THAT(told_, IsEmpty());
+  EXPECT_TRUE(bySubject().contains("one"));
+  // Only a change of the folder shows it.
+  rename("new/2.b", "cur/2.b:2,S");
+  EXPECT_EQ(update().indexed, 1U);
+  EXPECT_TRUE(bySubject().contains("other"));
+}
+
+TEST_F(IndexingSettledFolders, ShowMailThatCameChangedOrWent) {
+  deliver("cur/1.a:2,S", "one");
+  deliver("cur/2.b:2,S", "two");
+  settle();
+  update();
+  deliver("new/3.c", "three");
+  EXPECT_EQ(update().indexed, 1U);
+  settle();
+  update();
+  rename("cur/1.a:2,S", "cur/1.a:2,FS");
+  update();
+  EXPECT_EQ(index_->get(idOf("one"))->value("com_apple_mail_flagged").asBoolean(), true);
+  settle();
+  update();
+  fs::remove(mail_ + "/cur/2.b:2,S");
+  EXPECT_EQ(update().removed, 1U);
+}
+
+// Changes that follow each other within a step of the file system's clock leave one time.
+TEST_F(IndexingSettledFolders, WithATimeAsYoungAsTheirListingAreListedAgain) {
+  deliver("cur/1.a:2,S", "one");
+  update();
+  rewriteInPlace("cur/1.a:2,S", "other");
+  EXPECT_EQ(update().indexed, 1U);
+}
+
+TEST_F(IndexingSettledFolders, WhoseTimeWasSetBackAreListedAgain) {
+  deliver("cur/1.a:2,S", "one");
+  settle();
+  update();
+  const auto time = fs::last_write_time(mail_ + "/cur");
+  deliver("cur/2.b:2,S", "two");
+  fs::last_write_time(mail_ + "/cur", time);
+  EXPECT_EQ(update().indexed, 1U);
+}
+
+TEST_F(IndexingSettledFolders, InThePlaceOfOthersAreListed) {
+  deliver("cur/1.a:2,S", "one");
+  settle();
+  update();
+  const auto time = fs::last_write_time(mail_ + "/cur");
+  rename("cur", "cur-before");
+  fs::create_directory(mail_ + "/cur");
+  fs::last_write_time(mail_ + "/cur", time);
+  EXPECT_EQ(update().removed, 1U);
+}
+
+TEST_F(IndexingSettledFolders, WithFilesThatCouldNotBeOpenedAreLookedIntoAgain) {
+  deliver("cur/1.a:2,S", "one");
+  fs::create_symlink(folder_ / "nowhere", mail_ + "/cur/2.b:2,S");
+  settle();
+  EXPECT_EQ(update().failed, 1U);
+  writeFile(folder_ / "nowhere", mailText("two"));
+  age(folder_ / "nowhere");
+  EXPECT_EQ(update().indexed, 1U);
+  // A link tells nothing of what it leads to.
+  fs::remove(folder_ / "nowhere");
+  EXPECT_EQ(update().failed, 1U);
+}
+
+TEST_F(IndexingSettledFolders, WithAFileThatHasToBeReadAgainAreLookedInto) {
+  writeFile(mail_ + "/cur/1.a:2,S", mailText("one"));
+  settle();
+  update();
+  rewriteInPlace("cur/1.a:2,S", "other");
+  EXPECT_EQ(update().indexed, 1U);
+}
+
+TEST_F(IndexingSettledFolders, AreLookedIntoForALibraryThatDoesNotKnowThem) {
+  deliver("cur/1.a:2,S", "one");
+  deliver("cur/2.b:2,S", "two");
+  settle();
+  update();
+  indexer_.reset();
+  index_.reset();
+  library_.reset();
+  fs::remove_all(folder_ / "data");
+  open();
+  update();
+  EXPECT_EQ(*library_->messageCount(), 2U);
+  EXPECT_EQ(bySubject().size(), 2U);
+}
+
+TEST_F(IndexingSettledFolders, WithLooseFilesAreLookedInto) {
+  fs::create_directory(mail_ + "/loose");
+  deliver("loose/1.eml", "one");
+  age(mail_ + "/loose");
+  update();
+  rewriteInPlace("loose/1.eml", "other");
+  EXPECT_EQ(update().indexed, 1U);
+}
+
 TEST_F(Indexing, ARenameForAFlagKeepsTheIdAndChangesOneRow) {
   deliver("new/1.a", "one");
   deliver("cur/2.b:2,S", "two");

@@ -19,7 +19,7 @@ namespace thmp {
 
 namespace {
 
-constexpr std::int64_t kSchemaVersion = 3;
+constexpr std::int64_t kSchemaVersion = 4;
 
 constexpr const char* kSchema = R"(
   CREATE TABLE files(
@@ -35,9 +35,10 @@ constexpr const char* kSchema = R"(
   CREATE TABLE incomplete(id INTEGER, reason TEXT, PRIMARY KEY(id, reason)) WITHOUT ROWID;
   CREATE TABLE failed(source TEXT, path TEXT, reason TEXT NOT NULL, PRIMARY KEY(source, path))
     WITHOUT ROWID;
+  CREATE TABLE stamps(mailbox INTEGER PRIMARY KEY, stamp BLOB NOT NULL);
   CREATE TABLE later(id INTEGER PRIMARY KEY);
   CREATE TABLE marks(name TEXT PRIMARY KEY, value INTEGER NOT NULL) WITHOUT ROWID;
-  PRAGMA user_version = 3;
+  PRAGMA user_version = 4;
 )";
 
 constexpr const char* kSettings =

@@ -9,6 +9,7 @@
 //   stale       IDs under which `words` has what the message no longer says, or one that is gone
 //   incomplete  why a message was not read whole
 //   failed      files that could not be opened, by the place they were found from
+//   stamps      how a mailbox's folders looked when all of it had been put in
 //   later       which messages have changed since the columns were kept: columns_file.h
 //   marks       numbers by name: when an update last came to its end, the token of the kept columns
 #pragma once

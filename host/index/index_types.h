@@ -10,6 +10,7 @@
 
 #include "base/value.h"
 #include "host/index/WordTable.h"
+#include "host/store/Library.h"
 
 namespace thmp {
 
@@ -22,6 +23,14 @@ struct IndexedFile {
   bool incomplete = false;
 
   friend bool operator==(const IndexedFile&, const IndexedFile&) = default;
+};
+
+/// What the index remembers of a mailbox.
+struct IndexedMailbox {
+  MailboxTally tally;
+  std::uint64_t incomplete = 0;
+  /// The mailboxStamp() under which all of it was last seen and is in the index.
+  std::string stamp;
 };
 
 /// A message to be put into the index, in place of what stands under its ID.

@@ -39,6 +39,14 @@ struct LibraryMessage {
   MessageEntry entry;
 };
 
+/// How many messages a mailbox has, and which: two sets of messages as large have another sum.
+struct MailboxTally {
+  std::uint64_t messages = 0;
+  std::int64_t sumOfIDs = 0;
+
+  friend bool operator==(const MailboxTally&, const MailboxTally&) = default;
+};
+
 /// What one update changes, in one transaction.
 struct LibraryChanges {
   /// New messages in the order in which they get their IDs.
@@ -85,6 +93,7 @@ class Library {
   Result<std::uint64_t> messageCount() const;
   /// How many messages each mailbox has, by its ID; mailboxes without any are left out.
   Result<std::unordered_map<std::int64_t, std::uint64_t>> messageCounts() const;
+  Result<std::unordered_map<std::int64_t, MailboxTally>> tallies() const;
 
   /// Why the mail of a named mail folder cannot be reached now, in words; empty when it can. An
   /// empty folder in the place of one with mail counts as missing: its file system is not mounted.

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <ctime>
@@ -22,6 +23,10 @@
 namespace thmp {
 
 namespace {
+
+// In the order in which they are listed: mail moves from `new` to `cur`, and so a move in between
+// shows it twice, not never.
+constexpr std::array<const char*, 2> kMaildirParts{"new", "cur"};
 
 constexpr std::string_view kMboxSuffix = ".mbox";
 constexpr std::string_view kEmlSuffix = ".eml";
@@ -56,15 +61,16 @@ FolderIdentity identityOf(DIR* dir) {
 
 bool isOwnOrParent(std::string_view name) { return name == "." || name == ".."; }
 
-enum class EntryKind : std::uint8_t { kFolder, kFile, kOther };
+enum class EntryKind : std::uint8_t { kFolder, kFile, kLink, kOther };
 
 EntryKind kindOf(DIR* dir, const dirent& entry) {
   switch (entry.d_type) {
     case DT_DIR:
       return EntryKind::kFolder;
     case DT_REG:
-    case DT_LNK:
       return EntryKind::kFile;
+    case DT_LNK:
+      return EntryKind::kLink;
     case DT_UNKNOWN:
       break;
     default:
@@ -75,7 +81,8 @@ EntryKind kindOf(DIR* dir, const dirent& entry) {
     return EntryKind::kOther;
   }
   if (S_ISDIR(status.st_mode)) return EntryKind::kFolder;
-  return S_ISREG(status.st_mode) || S_ISLNK(status.st_mode) ? EntryKind::kFile : EntryKind::kOther;
+  if (S_ISLNK(status.st_mode)) return EntryKind::kLink;
+  return S_ISREG(status.st_mode) ? EntryKind::kFile : EntryKind::kOther;
 }
 
 // Calls `visit` with each entry but "." and "..". Returns 0, or the error that ended the listing.
@@ -167,7 +174,7 @@ class Walk {
   }
 
   void note(const std::string& folder, std::string_view name, EntryKind kind, Contents& contents) {
-    if (kind == EntryKind::kFile) {
+    if (kind == EntryKind::kFile || kind == EntryKind::kLink) {
       contents.hasEml |= isEml(name);
       contents.hasEmlx |= isEmlx(name);
     }
@@ -236,6 +243,21 @@ FolderTime modified(DIR* dir) {
   return {status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
 }
 
+// After a change as young as this another one could leave the folder's times as they are: clocks of
+// file systems take steps of up to two seconds.
+constexpr std::int64_t kSettledSeconds = 3;
+
+// All that tells whether a folder has changed. The times of changes cannot be set back.
+std::string stampOf(const struct stat& folder) {
+  const std::array<std::int64_t, 6> numbers{static_cast<std::int64_t>(folder.st_dev),
+                                            static_cast<std::int64_t>(folder.st_ino),
+                                            folder.st_mtim.tv_sec,
+                                            folder.st_mtim.tv_nsec,
+                                            folder.st_ctim.tv_sec,
+                                            folder.st_ctim.tv_nsec};
+  return {reinterpret_cast<const char*>(numbers.data()), sizeof numbers};
+}
+
 // The clock that file systems stamp their changes with.
 FolderTime stampNow() {
   struct timespec now {};
@@ -250,10 +272,9 @@ class Lister {
   Result<MailboxListing> run() {
     listing_.quiet = true;
     if (mailbox_.format == MessageFormat::kMaildir) {
-      // Mail moves from `new` to `cur`; in this order a move in between shows it twice, not never.
-      listFolder("new", false);
-      listFolder("cur", false);
+      for (const char* part : kMaildirParts) listFolder(part, false);
       checkQuiet();
+      putStamp();
     } else {
       listFolder("",
                  mailbox_.format == MessageFormat::kEmlx && mailbox_.path.ends_with(kMboxSuffix));
@@ -268,6 +289,7 @@ class Lister {
   struct Listed {
     DirHandle dir;
     FolderTime before;
+    struct stat status;  // before as well
     FolderTime started;
   };
 
@@ -294,8 +316,11 @@ class Lister {
       return;
     }
     const FolderTime before = modified(dir.get());
+    struct stat status {};
+    hasLinks_ = hasLinks_ || ::fstat(::dirfd(dir.get()), &status) != 0;
     const int error = forEachEntry(dir.get(), [&](std::string_view name, EntryKind kind) {
-      if (kind == EntryKind::kFile) addFile(path, part, name);
+      if (kind == EntryKind::kFile || kind == EntryKind::kLink) addFile(path, part, name);
+      hasLinks_ = hasLinks_ || kind == EntryKind::kLink;
       if (kind == EntryKind::kFolder && below != nullptr && !name.ends_with(kMboxSuffix) &&
           isUtf8(name)) {
         below->push_back(part.empty() ? std::string(name) : joined(part, name));
@@ -305,7 +330,7 @@ class Lister {
     // A stamp that is not older than the listing may hide a change that followed.
     if (!(before < started)) listing_.quiet = false;
     if (below == nullptr) {
-      held_.push_back({std::move(dir), before, started});
+      held_.push_back({std::move(dir), before, status, started});
     } else if (modified(dir.get()) != before) {
       listing_.quiet = false;
     }
@@ -314,6 +339,17 @@ class Lister {
   void checkQuiet() {
     for (const Listed& folder : held_) {
       if (modified(folder.dir.get()) != folder.before) listing_.quiet = false;
+    }
+  }
+
+  void putStamp() {
+    if (!listing_.quiet || hasLinks_ || !listing_.failed.empty()) return;
+    for (const Listed& folder : held_) {
+      if (folder.before.seconds + kSettledSeconds >= folder.started.seconds) {
+        listing_.stamp.clear();
+        return;
+      }
+      listing_.stamp += stampOf(folder.status);
     }
   }
 
@@ -349,6 +385,7 @@ class Lister {
   const MailFolder& mailbox_;
   MailboxListing listing_;
   std::vector<Listed> held_;
+  bool hasLinks_ = false;  // or what else no folder's time tells of
   int error_ = 0;
 };
 
@@ -359,6 +396,19 @@ MailTree walkMail(const std::string& root, const std::string& folder) {
 }
 
 Result<MailboxListing> listMailbox(const MailFolder& mailbox) { return Lister(mailbox).run(); }
+
+std::string mailboxStamp(const MailFolder& mailbox) {
+  std::string stamp;
+  if (mailbox.format != MessageFormat::kMaildir) return stamp;
+  for (const char* part : kMaildirParts) {
+    struct stat status {};
+    if (::lstat(joined(mailbox.path, part).c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+      return {};
+    }
+    stamp += stampOf(status);
+  }
+  return stamp;
+}
 
 std::optional<MessageEntry> maildirEntry(std::string_view part, std::string_view file) {
   if (file.empty() || file[0] == '.' || !isUtf8(file)) return std::nullopt;

@@ -98,10 +98,17 @@ struct MailboxListing {
   bool quiet = false;
   /// The mailbox is not there (any more).
   bool gone = false;
+  /// While mailboxStamp() gives the same, the listing is as good as a new one. Empty when that
+  /// would not tell.
+  std::string stamp;
 };
 
 /// The message files of one mailbox. An error when it is there and cannot be read.
 Result<MailboxListing> listMailbox(const MailFolder& mailbox);
+
+/// Stands for the folders of a Maildir as they are now; empty for other mailboxes and without a
+/// look into them. Another one after every change of their entries, but not of the files.
+std::string mailboxStamp(const MailFolder& mailbox);
 
 /// What a file of a Maildir's `cur` or `new` is as a message; empty when it is none, or has a name
 /// that cannot be kept.
