@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <functional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -30,6 +32,7 @@ class FaultPlan {
 
   /// Asked once by each call that may fail; `call` is what it is, `path` what it concerns.
   bool fails(const char* call, const std::string& path = {}) {
+    if (point_) point_(call);
     if (!armed_) return false;
     ++calls_;
     if (calls_ != nth_ && (mode_ == Mode::kThatCallAlone || calls_ < nth_)) return false;
@@ -39,6 +42,13 @@ class FaultPlan {
   /// The same, with the operating system's error in `error`.
   bool fails(const char* call, const std::string& path, Error* error) {
     return fails(call, path) && !fail(error, Error::posix(errorNumber_, path));
+  }
+
+  /// Is told of each call before it happens, armed or not.
+  using Point = std::function<void(std::string_view call)>;
+  void atEachCall(Point point) { point_ = std::move(point); }
+  void tell(std::string_view call) {
+    if (point_) point_(call);
   }
 
   /// How many calls have failed so far.
@@ -58,6 +68,7 @@ class FaultPlan {
   Mode mode_ = Mode::kThatCallAlone;
   int errorNumber_ = 0;
   bool armed_ = false;
+  Point point_;
   std::vector<std::pair<std::string, std::string>> faults_;
 };
 

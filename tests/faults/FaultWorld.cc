@@ -45,13 +45,23 @@ void FaultWorld::restart() {
   start();
 }
 
-void FaultWorld::send(const char* name, const Dictionary& userInfo) {
+void FaultWorld::note(const std::string& file, const char* name, const Dictionary& userInfo) {
   const std::string query =
       concernsQuery(name) ? textAt(userInfo, kUniqueNameKey, "none") : std::string(kNoQuery);
-  requests_.push_back({fake.clientSends(name, userInfo),
+  requests_.push_back({file,
                        "TallyhiveMailPlugin - " + query + " - THMPMailPlugin received " + name +
                            " / " + textAt(userInfo, kClientNameKey, "(null)"),
                        plugin == nullptr});
+}
+
+void FaultWorld::send(const char* name, const Dictionary& userInfo) {
+  note(fake.clientSends(name, userInfo), name, userInfo);
+}
+
+void FaultWorld::hand(const char* name, const Dictionary& userInfo) {
+  note({}, name, userInfo);
+  plugin->communicationCenter()->dispatchMessage(
+      Dictionary{{kNameKey, name}, {kUserInfoKey, userInfo}});
 }
 
 void FaultWorld::tell(const char* name, const Dictionary& userInfo) {
@@ -144,7 +154,7 @@ void FaultWorld::checkRequests() {
     Fate& fate = fates[request.received];
     const std::string path = fake.inbox() + "/" + request.file;
     ++fate.sent;
-    if (fake.files.hasEntry(path)) ++fate.stayed;
+    if (!request.file.empty() && fake.files.hasEntry(path)) ++fate.stayed;
     if (request.beforeStart) ++fate.early;
     // A listing that fails forgets what stays.
     if (plan.hit("removeEntry", path) && plan.hit("list", fake.inbox())) ++fate.mayRepeat;

@@ -36,6 +36,8 @@ class FaultWorld : public FaultyPlatform {
   void send(const char* name, const Dictionary& userInfo);
   /// The same, handled.
   void tell(const char* name, const Dictionary& userInfo);
+  /// A message given to its handler, without the exchange around it.
+  void hand(const char* name, const Dictionary& userInfo);
   /// A search of `client`, handled: the engine's query, or null when none was made.
   Engine search(const std::string& name, const std::string& client = "c",
                 const Dictionary& more = {});
@@ -63,12 +65,13 @@ class FaultWorld : public FaultyPlatform {
 
  private:
   struct Request {
-    std::string file;
+    std::string file;  // none when it was handed over
     /// How the plug-in's log says that it has received the message.
     std::string received;
     bool beforeStart;
   };
 
+  void note(const std::string& file, const char* name, const Dictionary& userInfo);
   void endProcess();
   std::size_t postFailures() const;
   std::size_t droppedSteps() const;

@@ -22,6 +22,10 @@ class FaultyPasteboard : public ForwardingPasteboard {
  public:
   FaultyPasteboard(std::shared_ptr<Pasteboard> target, FaultPlan& plan)
       : ForwardingPasteboard(std::move(target)), plan_(plan) {}
+  void clearContents() override {
+    plan_.tell("clearContents");
+    target().clearContents();
+  }
   bool setPropertyList(const Value& propertyList, const std::string& type, Error* error) override {
     return !plan_.fails("setPropertyList", name(), error) &&
            target().setPropertyList(propertyList, type, error);
@@ -157,6 +161,7 @@ std::unique_ptr<PreparedFile> FaultyFiles::prepareFile(const std::string& direct
   const std::string path = std::string(directory).append("/").append(name);
   if (plan_.fails("prepareFile", path, error)) return nullptr;
   auto file = target().prepareFile(directory, name, bytes, error);
+  plan_.tell("prepared");
   return file ? std::make_unique<FaultyPreparedFile>(std::move(file), path, plan_) : nullptr;
 }
 

@@ -130,14 +130,16 @@ class FaultyMail : public Mail {
 /// Keeps its lines even where no memory is left: writing one never throws.
 class FaultyLog : public SystemLog {
  public:
-  explicit FaultyLog(RecordingLog& target) : target_(target) {}
+  FaultyLog(RecordingLog& target, FaultPlan& plan) : target_(target), plan_(plan) {}
   void write(std::string_view line) noexcept override {
+    plan_.tell("log");
     const AllocationPlan::Pause pause(allocationPlan);
     target_.write(line);
   }
 
  private:
   RecordingLog& target_;
+  FaultPlan& plan_;
 };
 
 /// The fakes that are scripted and looked at are `fake`, but for identity, preferences, application
@@ -155,7 +157,7 @@ struct FaultyPlatform {
   FaultyPasteboards pasteboards{fake.pasteboards, plan};
   FaultySpotlight spotlight{plan};
   FaultyMail mail{fake.mail, plan};
-  FaultyLog log{fake.log};
+  FaultyLog log{fake.log, plan};
 };
 
 }  // namespace thmp::faults
