@@ -81,9 +81,9 @@ std::optional<std::string> LinuxFiles::linkTarget(const std::string& path) {
 
 std::optional<std::vector<std::string>> LinuxFiles::list(const std::string& directory,
                                                          Error* error) {
-  const Descriptor folder = openAt(AT_FDCWD, directory, O_RDONLY | O_DIRECTORY);
+  Descriptor folder = openAt(AT_FDCWD, directory, O_RDONLY | O_DIRECTORY);
   std::optional<std::vector<std::string>> names;
-  if (folder) names = listFolder(folder.get());
+  if (folder) names = listOpenedFolder(std::move(folder));
   if (!names) fail(error, Error::fileRead(errno, about("cannot list the folder", directory)));
   return names;
 }
@@ -150,6 +150,9 @@ bool LinuxFiles::removeEntry(const std::string& directory, const std::string& na
     errno = EINVAL;
     return failed();
   }
+  // Nearly always a file; whatever else it is, and any failure, is for what follows.
+  if (!directory.empty() && !hasNul(directory) && ::unlink(joined(directory, name).c_str()) == 0)
+    return true;
   const Descriptor folder = openAt(AT_FDCWD, directory, O_RDONLY | O_DIRECTORY);
   if (!folder) return errno == ENOENT || failed();
   return removeTree(folder.get(), name) || failed();

@@ -69,11 +69,11 @@ void LinuxPreferences::set(const std::string& key, const Value& value) {
   const Lock lock(mutex_);
   values_.set(key, value);
   changedKeys_.insert(key);
-  writeWanted_ = true;
+  const bool writerKnows = std::exchange(writeWanted_, true);
   if (!writer_.joinable() && !ended_) {
     writer_ = startThread("user-defaults", [this] { writeBehind(); });
   }
-  changed_.notify_one();
+  if (!writerKnows) changed_.notify_one();
 }
 
 void LinuxPreferences::remove(const std::string& key) { set(key, Value()); }

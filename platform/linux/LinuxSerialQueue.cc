@@ -17,14 +17,17 @@ std::shared_ptr<LinuxSerialQueue> LinuxSerialQueue::create(std::string label) {
 }
 
 void LinuxSerialQueue::post(std::function<void()> closure) {
-  const Lock lock(mutex_);
-  closures_.push_back(std::move(closure));
-  if (!started_) {
-    // Without a thread the closures wait for the next post, which tries again.
-    std::thread thread = startThread(label_, [self = shared_from_this()] { self->run(); });
-    started_ = thread.joinable();
-    if (started_) thread.detach();
+  {
+    const Lock lock(mutex_);
+    closures_.push_back(std::move(closure));
+    if (!started_) {
+      // Without a thread the closures wait for the next post, which tries again.
+      std::thread thread = startThread(label_, [self = shared_from_this()] { self->run(); });
+      started_ = thread.joinable();
+      if (started_) thread.detach();
+    }
   }
+  // Without the lock, which the woken thread takes first.
   wake_.notify_one();
 }
 

@@ -15,6 +15,12 @@ namespace {
 
 std::string pathOfDescriptor(int file) { return "/proc/self/fd/" + std::to_string(file); }
 
+/// Only /proc leads from a descriptor back to its file. Asked once, for each look into it is dear.
+bool descriptorsHavePaths() {
+  static const bool have = ::access("/proc/self/fd", F_OK) == 0;
+  return have;
+}
+
 /// Where O_TMPFILE does not exist, the flag reads as O_DIRECTORY with writing: EISDIR or ENOENT.
 bool hasNoUnnamedFiles(int errorNumber) {
   return errorNumber == EOPNOTSUPP || errorNumber == EISDIR || errorNumber == ENOENT ||
@@ -37,10 +43,8 @@ TemporaryFile::~TemporaryFile() {
 
 std::optional<TemporaryFile> TemporaryFile::make(int folder, std::string nameIfNeeded) {
   Descriptor file = openAt(folder, ".", O_TMPFILE | O_RDWR, kPrivateFileMode);
-  // Only /proc leads from a descriptor back to its file.
-  if (file && ::access(pathOfDescriptor(file.get()).c_str(), F_OK) != 0) file.reset();
   if (!file && !hasNoUnnamedFiles(errno)) return std::nullopt;
-  if (!file) return makeNamed(folder, std::move(nameIfNeeded));
+  if (!file || !descriptorsHavePaths()) return makeNamed(folder, std::move(nameIfNeeded));
   if (::fchmod(file.get(), kPrivateFileMode) != 0) return std::nullopt;
   return TemporaryFile(Descriptor(), std::move(file), std::string());
 }

@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <memory>
+#include <utility>
 
 namespace thmp {
 
@@ -94,12 +95,16 @@ std::optional<std::vector<std::string>> listFolder(int folder) {
   // A description of its own, so that the caller's position in the folder stays where it is.
   Descriptor own = openAt(folder, ".", O_RDONLY | O_DIRECTORY);
   if (!own) return std::nullopt;
+  return listOpenedFolder(std::move(own));
+}
+
+std::optional<std::vector<std::string>> listOpenedFolder(Descriptor folder) {
   struct Close {
     void operator()(DIR* open) const { ::closedir(open); }
   };
-  const std::unique_ptr<DIR, Close> stream(::fdopendir(own.get()));
+  const std::unique_ptr<DIR, Close> stream(::fdopendir(folder.get()));
   if (stream == nullptr) return std::nullopt;
-  static_cast<void>(own.release());
+  static_cast<void>(folder.release());
   std::vector<std::string> names;
   for (;;) {
     errno = 0;

@@ -49,6 +49,8 @@ bool writeAll(int file, std::string_view bytes);
 
 /// The names in the open folder, hidden ones included, without "." and "..".
 std::optional<std::vector<std::string>> listFolder(int folder);
+/// The same of a folder that is opened for this alone, which spares a descriptor.
+std::optional<std::vector<std::string>> listOpenedFolder(Descriptor folder);
 
 /// Makes `path` and what is missing above it, private to the user. An existing folder is success.
 bool createFolders(const std::string& path);
