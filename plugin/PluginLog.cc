@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "plugin/PluginLog.h"
 
-#include <algorithm>
 #include <string>
-#include <vector>
+#include <utility>
 
 namespace thmp {
 namespace {
@@ -27,20 +26,21 @@ bool isYounger(const Value& entry, double seconds, Date now) {
 
 // The index from which on entries stay. Only the front is looked at: an old entry behind a young
 // one stays.
-std::size_t firstYounger(std::span<const Value> entries, std::size_t from, double seconds,
-                         Date now) {
+std::size_t firstYounger(const Array& entries, std::size_t from, double seconds, Date now) {
   while (from < entries.size() && !isYounger(entries[from], seconds, now)) ++from;
   return from;
 }
 
-std::vector<Value> storedEntries(Preferences& preferences) {
-  const Array stored = preferences.get(PluginLog::kStoredLogKey).asArray().value_or(Array());
-  return {stored.begin(), stored.end()};
+Array storedEntries(Preferences& preferences) {
+  return preferences.get(PluginLog::kStoredLogKey).asArray().value_or(Array());
 }
 
-void store(Preferences& preferences, std::vector<Value> entries, std::size_t first) {
-  entries.erase(entries.begin(), entries.begin() + static_cast<std::ptrdiff_t>(first));
-  preferences.set(PluginLog::kStoredLogKey, Value(Array(std::move(entries))));
+// The entries from `first` on, with room for one more. Copied once: this is done for each line.
+Array entriesFrom(const Array& stored, std::size_t first) {
+  Array entries;
+  entries.reserve(stored.size() - first + 1);
+  for (std::size_t i = first; i < stored.size(); ++i) entries.push_back(stored[i]);
+  return entries;
 }
 
 }  // namespace
@@ -60,12 +60,15 @@ void PluginLog::logQueryName(const Value& queryName, std::string_view format,
   if (text.empty()) return;
 
   const RecursiveLock lock(mutex_);
-  std::vector<Value> entries = storedEntries(platform_.preferences);
-  entries.emplace_back(Array{platform_.execution.now(), name, cut(text)});
-  const std::size_t surplus = entries.size() > kMaxEntries ? entries.size() - kMaxEntries : 0;
+  const Array stored = storedEntries(platform_.preferences);
+  const Value entry = Array{platform_.execution.now(), name, cut(text)};
+  const std::size_t count = stored.size() + 1;
+  const std::size_t surplus = count > kMaxEntries ? count - kMaxEntries : 0;
   const std::size_t first =
-      firstYounger(entries, surplus, kMaxAgeInSeconds, platform_.execution.now());
-  store(platform_.preferences, std::move(entries), first);
+      firstYounger(stored, surplus, kMaxAgeInSeconds, platform_.execution.now());
+  Array entries = entriesFrom(stored, first);
+  entries.push_back(entry);
+  platform_.preferences.set(kStoredLogKey, Value(std::move(entries)));
 }
 
 // Deliberate: without the lock. A line logged meanwhile may stay or go.
@@ -77,10 +80,10 @@ void PluginLog::applyRetentionAtQuit() {
     platform_.preferences.remove(kStoredLogKey);
     return;
   }
-  std::vector<Value> entries = storedEntries(platform_.preferences);
+  const Array stored = storedEntries(platform_.preferences);
   const std::size_t first =
-      firstYounger(entries, 0, kKeptAtQuitInSeconds, platform_.execution.now());
-  store(platform_.preferences, std::move(entries), first);
+      firstYounger(stored, 0, kKeptAtQuitInSeconds, platform_.execution.now());
+  platform_.preferences.set(kStoredLogKey, Value(entriesFrom(stored, first)));
 }
 
 }  // namespace thmp
