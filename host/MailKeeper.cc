@@ -2,6 +2,7 @@
 #include "host/MailKeeper.h"
 
 #include <fmt/format.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
 
@@ -149,6 +150,8 @@ std::string MailKeeper::updateAll() {
                   "{:.2f} s",
                   coverage->seen, coverage->indexed, coverage->unchanged, coverage->removed,
                   coverage->incomplete, coverage->failed, elapsed.count()));
+  // What an update of all mail took for a while goes back to the system.
+  ::malloc_trim(0);
   return {};
 }
 

@@ -41,6 +41,13 @@ Error unreadable(const std::string& path) {
   return Error::posix(EIO, "cannot read the search index " + path);
 }
 
+// A file that is mapped would stay in memory page by page, and most of it is not asked for again;
+// reading a page costs little beside what is made of it. So would the pages that each reader keeps.
+bool prepareReader(Connection& reader) {
+  return reader.execute(kMapNothing) && reader.execute("PRAGMA cache_size = -512") &&
+         prepareWordTable(reader);
+}
+
 // A number that no other file of columns has.
 std::int64_t newToken() {
   std::random_device device;
@@ -107,7 +114,7 @@ class RecentTexts {
 
 struct Index::State {
   State(std::string file, Access access_)
-      : path(std::move(file)), access(access_), readers(path, prepareWordTable), pool(newPool()) {}
+      : path(std::move(file)), access(access_), readers(path, prepareReader), pool(newPool()) {}
 
   const std::string path;
   const Access access;
@@ -338,25 +345,17 @@ struct Index::State {
   Result<void> makeColumns(Source source) THMP_REQUIRES(writing) {
     const auto reader = readers.borrow();
     if (!reader) return unreadable(path);
-    // Mapped pages would stay in memory, and most records are not asked for again.
-    static_cast<void>(reader->execute(kMapNothing));
-    Result<void> made = makeColumns(source, *reader);
-    static_cast<void>(reader->execute(kMapFile));
-    return made;
-  }
-
-  Result<void> makeColumns(Source source, Connection& reader) THMP_REQUIRES(writing) {
-    const ReadTransaction reading(reader);
+    const ReadTransaction reading(*reader);
     const std::shared_ptr<ValuePool> values = poolNow();
-    if (!followPool(reader, *values)) return failure(reader);
+    if (!followPool(*reader, *values)) return failure(*reader);
     std::optional<KeptColumns> made;
     if (source == Source::kFileOrRecords) {
-      made = columnsOfFile(reader, *values);
+      made = columnsOfFile(*reader, *values);
       isKept = made.has_value();
     }
     if (!made) {
-      made = KeptColumns{columnsOfRecords(reader, *values), 0};
-      if (!made->columns) return failure(reader);
+      made = KeptColumns{columnsOfRecords(*reader, *values), 0};
+      if (!made->columns) return failure(*reader);
       made->settledIrregular = made->columns->irregularCount();
     }
     made->columns->shrink();
