@@ -888,6 +888,7 @@ Result<void> Index::settle() {
   if (state_->areColumnsSlow()) {
     if (auto made = state_->makeColumns(State::Source::kRecords); !made) return made;
   }
+  state_->writer->releasePages();
   const auto kept = state_->areColumnsKept();
   if (!kept) return kept.error();
   if (*kept || state_->cannotKeep) return {};

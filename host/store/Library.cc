@@ -292,6 +292,7 @@ Result<std::unordered_map<std::int64_t, MailboxTally>> Library::tallies() const 
   while (row.row()) {
     tallies[row.integer(0)] = {static_cast<std::uint64_t>(row.integer(1)), row.integer(2)};
   }
+  reader->releasePages();
   reader->execute(kMapFile);
   if (row.result() != SQLITE_DONE) return reader->error("cannot read the mail library");
   return tallies;

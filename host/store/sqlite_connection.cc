@@ -111,6 +111,14 @@ Statement& Connection::statement(const char* sql) {
   return *kept;
 }
 
+void Connection::releasePages() {
+  constexpr int kFewBytes = 1 << 20;
+  int used = 0;
+  int most = 0;
+  sqlite3_db_status(db_, SQLITE_DBSTATUS_CACHE_USED, &used, &most, 0);
+  if (used > kFewBytes) sqlite3_db_release_memory(db_);
+}
+
 Error Connection::error(std::string_view what) const {
   Error error;
   error.domain = kSqliteErrorDomain;

@@ -75,6 +75,8 @@ class Connection {
   /// that cannot be made steps to an error.
   Statement& statement(const char* sql);
   Statement prepare(const char* sql);
+  /// Gives back the pages that it keeps for later, when they are many.
+  void releasePages();
   /// What went wrong last, with `what` before it.
   Error error(std::string_view what) const;
 
