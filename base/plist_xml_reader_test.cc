@@ -21,12 +21,12 @@ std::string plist(std::string_view inner) {
   return std::string(kProlog) + "<plist version=\"1.0\">" + std::string(inner) + "</plist>\n";
 }
 
-std::optional<Value> read(std::string_view bytes, Error* error = nullptr) {
+std::optional<Value> readXml(std::string_view bytes, Error* error = nullptr) {
   return readPropertyList(bytes, kMessageLimits, error);
 }
 
 /// The value within a plist element; a null value when it is refused.
-Value readInner(std::string_view inner) { return read(plist(inner)).value_or(Value()); }
+Value readInner(std::string_view inner) { return readXml(plist(inner)).value_or(Value()); }
 
 std::string inUtf16(std::string_view ascii, bool bigEndian) {
   std::string bytes = bigEndian ? "\xFE\xFF" : "\xFF\xFE";
@@ -135,21 +135,23 @@ TEST(XmlReader, SharesTheKeysOfRows) {
 
 TEST(XmlReader, ReadsOtherEncodings) {
   const std::string body = "<plist><string>hi</string></plist>";
-  EXPECT_EQ(read("\xEF\xBB\xBF" + plist("<string>hi</string>")), Value("hi"));
-  EXPECT_EQ(read(inUtf16(body, true)), Value("hi"));
-  EXPECT_EQ(read(inUtf16(body, false)), Value("hi"));
-  EXPECT_EQ(read(inUtf16("<?xml version='1.0' encoding='UTF-16'?>" + body, true)), Value("hi"));
-  EXPECT_EQ(read("<?xml version='1.0' encoding='ISO-8859-1'?><plist><string>\xE9</string></plist>"),
-            Value("\xC3\xA9"));
-  EXPECT_FALSE(read("<?xml version='1.0' encoding='EBCDIC'?>" + body));
+  EXPECT_EQ(readXml("\xEF\xBB\xBF" + plist("<string>hi</string>")), Value("hi"));
+  EXPECT_EQ(readXml(inUtf16(body, true)), Value("hi"));
+  EXPECT_EQ(readXml(inUtf16(body, false)), Value("hi"));
+  EXPECT_EQ(readXml(inUtf16("<?xml version='1.0' encoding='UTF-16'?>" + body, true)), Value("hi"));
+  EXPECT_EQ(
+      readXml("<?xml version='1.0' encoding='ISO-8859-1'?><plist><string>\xE9</string></plist>"),
+      Value("\xC3\xA9"));
+  EXPECT_FALSE(readXml("<?xml version='1.0' encoding='EBCDIC'?>" + body));
 }
 
 TEST(XmlReader, TakesAPlainDocument) {
-  EXPECT_EQ(read("<plist><true/></plist>"), Value(true));
-  EXPECT_EQ(read("<string>x</string>"), Value("x"));
-  EXPECT_EQ(read("<?xml version='1.0'?><!DOCTYPE plist SYSTEM 'file:///etc/passwd'><plist><true/>"
-                 "</plist>"),
-            Value(true));
+  EXPECT_EQ(readXml("<plist><true/></plist>"), Value(true));
+  EXPECT_EQ(readXml("<string>x</string>"), Value("x"));
+  EXPECT_EQ(
+      readXml("<?xml version='1.0'?><!DOCTYPE plist SYSTEM 'file:///etc/passwd'><plist><true/>"
+              "</plist>"),
+      Value(true));
 }
 
 TEST(XmlReader, RefusesEachHostileDocumentAndSaysWhatAndWhere) {
@@ -215,7 +217,7 @@ TEST(XmlReader, RefusesEachHostileDocumentAndSaysWhatAndWhere) {
   for (const auto& [what, document] : documents) {
     SCOPED_TRACE(what);
     Error error;
-    EXPECT_FALSE(read(document, &error).has_value());
+    EXPECT_FALSE(readXml(document, &error).has_value());
     EXPECT_EQ(error.domain, kPropertyListErrorDomain);
     EXPECT_EQ(error.code, static_cast<std::int64_t>(PropertyListError::kDamaged));
     EXPECT_NE(error.description.find(" in line "), std::string::npos) << error.text();
@@ -224,7 +226,7 @@ TEST(XmlReader, RefusesEachHostileDocumentAndSaysWhatAndWhere) {
 
 TEST(XmlReader, SaysTheLine) {
   Error error;
-  EXPECT_FALSE(read("<plist>\n<array>\n  <bad/></array></plist>", &error));
+  EXPECT_FALSE(readXml("<plist>\n<array>\n  <bad/></array></plist>", &error));
   EXPECT_EQ(error.description, "XML property list: an unknown element in line 3, column 3");
 }
 
@@ -236,11 +238,11 @@ TEST(XmlReader, BoundsDepthNodesAndBytes) {
     for (std::size_t i = 0; i + 1 < depth; ++i) inner += "</array>";
     return plist(inner);
   };
-  EXPECT_TRUE(read(nested(512)).has_value());
+  EXPECT_TRUE(readXml(nested(512)).has_value());
   Error error;
-  EXPECT_FALSE(read(nested(513), &error).has_value());
+  EXPECT_FALSE(readXml(nested(513), &error).has_value());
   EXPECT_EQ(error.code, static_cast<std::int64_t>(PropertyListError::kTooLarge));
-  EXPECT_FALSE(read(nested(30'000)).has_value());
+  EXPECT_FALSE(readXml(nested(30'000)).has_value());
 
   const std::string three = plist("<dict><key>a</key><true/></dict>");
   EXPECT_TRUE(readPropertyList(three, {1000, 3, 2}).has_value());
@@ -254,7 +256,7 @@ TEST(XmlReader, RefusesAFileCutShortAnywhere) {
   const std::string document = plist("<dict><key>a</key><array><data>QUI=</data></array></dict>");
   const std::size_t end = document.rfind('>');
   for (std::size_t size = 0; size < end; ++size) {
-    EXPECT_FALSE(read(document.substr(0, size)).has_value()) << size;
+    EXPECT_FALSE(readXml(document.substr(0, size)).has_value()) << size;
   }
 }
 

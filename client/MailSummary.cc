@@ -7,19 +7,13 @@
 #include <array>
 #include <utility>
 
+#include "client/ascii_case.h"
 #include "console/calendar.h"
 #include "console/found_messages.h"
 #include "messaging/message_names.h"
 
 namespace thmp::client {
 namespace {
-
-// Addresses are compared as mail programs do; beyond ASCII they stay as they are.
-std::string lowerCase(std::string_view text) {
-  std::string lower(text);
-  for (char& c : lower) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-  return lower;
-}
 
 std::string_view textAt(const Array& array, std::size_t index) {
   return index < array.size() ? array[index].asText().value_or("") : std::string_view();

@@ -36,7 +36,7 @@ constexpr double kPlotHeight = 210;
 constexpr double kPlotBottom = kPlotTop + kPlotHeight;
 constexpr double kChartHeight = kPlotBottom + 28;
 constexpr double kLeastBar = 1.5;
-constexpr double kWidestBar = 7;  // in percent
+constexpr double kWidestBarPercent = 7;
 
 constexpr std::string_view kStyle = R"(
 :root { color-scheme: light dark; --paper: #f4f6f9; --card: #fff; --ink: #18202c; --quiet: #596475;
@@ -248,7 +248,7 @@ class Chart {
 
   std::string bars() const {
     std::string out;
-    const double width = std::min(slot() * 0.74, kWidestBar);
+    const double width = std::min(slot() * 0.74, kWidestBarPercent);
     for (std::size_t i = 0; i < histogram_.bars.size(); ++i) {
       const Histogram::Bar& bar = histogram_.bars[i];
       if (bar.count.total() == 0) continue;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/nearest_name.h"
+#include "client/ascii_case.h"
 
 namespace thmp::client {
 namespace {
@@ -26,12 +27,6 @@ struct Term {
 
 bool isBlank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 bool isLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
-
-std::string lowerCase(std::string_view text) {
-  std::string lower(text);
-  for (char& c : lower) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-  return lower;
-}
 
 Error notUnderstood(std::string what) {
   return Error{std::string(kErrorDomain), 1, std::move(what), nullptr};

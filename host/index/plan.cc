@@ -29,8 +29,6 @@ using query::Node;
 using query::Operator;
 using query::Pattern;
 
-constexpr query::Folding kAll{.foldCase = true, .dropMarks = true};
-
 // More words than this that a wildcard could mean, and looking at the messages is as quick.
 constexpr std::size_t kMostWords = 2'000;
 
@@ -360,7 +358,7 @@ class Planner {
       if (!literal->text) continue;  // such as a time, which no text equals
       RowSet rows = columns_.rowsWithSubject({});
       for (const Pattern& pattern : literal->text->patterns()) {
-        const std::string needle = query::foldText(pattern.longestLiteral(), kAll);
+        const std::string needle = query::foldText(pattern.longestLiteral(), kWordFolding);
         if (!needle.empty()) rows &= columns_.rowsWithSubject(needle);
       }
       found |= rows;
@@ -407,7 +405,8 @@ class Planner {
     lookup.phrase = wordsOfPattern(literal);
     if (lookup.phrase.empty()) return unknown();
     // A prefix that ends between words asks for no more than the words before.
-    lookup.isPrefix = prefix && query::foldText(literal, kAll).ends_with(lookup.phrase.back());
+    lookup.isPrefix =
+        prefix && query::foldText(literal, kWordFolding).ends_with(lookup.phrase.back());
     RowSet rows;
     if (!addRows(lookup, rows)) return unknown();
     RowSet doubtful;

@@ -18,8 +18,6 @@ namespace {
 constexpr std::size_t kLongestWord = 64;
 constexpr std::size_t kMostPieces = 6;
 
-constexpr query::Folding kAll{.foldCase = true, .dropMarks = true};
-
 // Collects the words of one text. A run of word characters is cut where ideographs stand; what
 // lies between is a word, and has pieces where its case steps up.
 class WordWriter {
@@ -162,7 +160,7 @@ void appendWords(std::string_view text, query::FoldedText& scratch, std::string&
     }
     const std::string_view piece = text.substr(begin, end - begin);
     if ((seen & kBeyond) != 0) {
-      scratch.assign(piece, kAll);
+      scratch.assign(piece, kWordFolding);
       appendAnyWords(scratch, writer);
     } else if (!piece.empty()) {
       appendAsciiWord(piece, buffer, writer);
@@ -172,7 +170,7 @@ void appendWords(std::string_view text, query::FoldedText& scratch, std::string&
 }
 
 std::vector<std::string> wordsOfPattern(std::string_view foldedStretch) {
-  const std::string bytes = query::foldText(foldedStretch, kAll);
+  const std::string bytes = query::foldText(foldedStretch, kWordFolding);
   std::vector<std::string> words;
   bool inWord = false;
   bool isAlone = false;

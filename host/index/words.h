@@ -14,6 +14,9 @@
 
 namespace thmp {
 
+/// How words are folded.
+inline constexpr query::Folding kWordFolding{.foldCase = true, .dropMarks = true};
+
 /// Between two words in a stream of words.
 inline constexpr char kNextWord = ' ';
 /// Between two forms of the word at one place.

@@ -120,7 +120,7 @@ std::string localIso(Date date, const QueryOptions& options) {
   return text;
 }
 
-std::string inQuotes(const std::string& text) { return "\"" + visible(text) + "\""; }
+std::string visibleInQuotes(const std::string& text) { return "\"" + visible(text) + "\""; }
 
 /// What of a value is compared: capitals and accents.
 std::string countedText(Modifiers modifiers) {
@@ -138,15 +138,15 @@ std::string wholeText(std::string pattern) {
     return text.find_first_of("*?") == std::string_view::npos;
   };
   if (isPlain(pattern)) {
-    return "is, as a whole, " + inQuotes(pattern) + " (for a part of it write \"*...*\")";
+    return "is, as a whole, " + visibleInQuotes(pattern) + " (for a part of it write \"*...*\")";
   }
   const bool openStart = pattern.front() == '*';
   const bool openEnd = pattern.size() > 1 && pattern.back() == '*';
   const std::string inner =
       pattern.substr(openStart ? 1 : 0, pattern.size() - (openStart ? 1 : 0) - (openEnd ? 1 : 0));
-  if (!isPlain(inner)) return "is, as a whole, like " + inQuotes(pattern);
-  if (openStart && openEnd) return "contains " + inQuotes(inner);
-  return (openStart ? "ends with " : "begins with ") + inQuotes(inner);
+  if (!isPlain(inner)) return "is, as a whole, like " + visibleInQuotes(pattern);
+  if (openStart && openEnd) return "contains " + visibleInQuotes(inner);
+  return (openStart ? "ends with " : "begins with ") + visibleInQuotes(inner);
 }
 
 std::string wordsText(const TextMatcher& text) {
@@ -154,13 +154,15 @@ std::string wordsText(const TextMatcher& text) {
   if (text.patterns().size() > 1) {
     std::string result;
     for (const Pattern& pattern : text.patterns()) {
-      result += (result.empty() ? "has each of the words " : ", ") + inQuotes(pattern.text());
+      result +=
+          (result.empty() ? "has each of the words " : ", ") + visibleInQuotes(pattern.text());
     }
     return result;
   }
   const std::string pattern = text.patterns().front().text();
   const bool several = pattern.find(' ') != std::string::npos;
-  return (several ? "has, one after the other, the words " : "has the word ") + inQuotes(pattern);
+  return (several ? "has, one after the other, the words " : "has the word ") +
+         visibleInQuotes(pattern);
 }
 
 /// Explains one predicate after the other.

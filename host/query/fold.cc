@@ -173,7 +173,7 @@ void FoldedText::assignCharacters(Folding folding) {
     const std::size_t end = characterEnd(text, begin);
     const unsigned right = classOf(text[begin]);
     unsigned flags = kEdge;
-    if ((right & query::kWordCharacter) != 0) flags |= kWordCharacter;
+    if ((right & kWordCharacter) != 0) flags |= kInWord;
     if (isWordBoundary(left, right)) flags |= kBoundary;
     mark(flags);
     appendFolded(std::u32string_view(text).substr(begin, end - begin), folding, buffer_);
@@ -199,7 +199,7 @@ std::size_t FoldedText::previous(std::size_t position) const {
 }
 
 bool FoldedText::isWordCharacter(std::size_t position) const {
-  if (!ascii_) return (flags_[position] & kWordCharacter) != 0;
+  if (!ascii_) return (flags_[position] & kInWord) != 0;
   return position < original_.size() &&
          query::isWordCharacter(static_cast<unsigned char>(original_[position]));
 }

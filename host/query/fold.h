@@ -55,7 +55,7 @@ class FoldedText {
   bool isBoundary(std::size_t position) const;
 
  private:
-  enum Flag : std::uint8_t { kEdge = 1, kWordCharacter = 2, kBoundary = 4 };
+  enum Flag : std::uint8_t { kEdge = 1, kInWord = 2, kBoundary = 4 };
 
   void assignAscii(Folding folding);
   void assignCharacters(Folding folding);

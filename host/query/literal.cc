@@ -22,8 +22,6 @@ std::optional<bool> readBoolean(std::string_view text) {
   return std::nullopt;
 }
 
-bool isWildcard(char32_t c) { return c == kAnyRun || c == kAnyOne; }
-
 }  // namespace
 
 std::string unescaped(std::string_view content) {

@@ -19,8 +19,6 @@ constexpr std::size_t kLongStretch = 64;
 
 constexpr std::string_view kModifierLetters = "cdwt";
 
-bool isWildcard(char32_t c) { return c == kAnyRun || c == kAnyOne; }
-
 /// Where the word characters that begin at the edge `position` end.
 std::size_t runEnd(const FoldedText& text, std::size_t position) {
   while (text.isWordCharacter(position)) position = text.next(position);

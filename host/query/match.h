@@ -47,6 +47,8 @@ class Modifiers {
 inline constexpr char32_t kAnyRun = 0x110000;
 inline constexpr char32_t kAnyOne = 0x110001;
 
+constexpr bool isWildcard(char32_t c) noexcept { return c == kAnyRun || c == kAnyOne; }
+
 /// The code points of a word or of a string's inside: escapes taken away, unescaped wildcards as
 /// kAnyRun and kAnyOne. REQUIRES: well-formed UTF-8.
 std::u32string readPattern(std::string_view source);

@@ -259,7 +259,7 @@ TEST(QueryParser, NobodyNeedAskForTheError) { EXPECT_FALSE(parse("(", testOption
 
 // --- bounds ---
 
-std::string repeated(std::string_view text, std::size_t count) {
+std::string times(std::string_view text, std::size_t count) {
   std::string result;
   result.reserve(text.size() * count);
   for (std::size_t i = 0; i < count; ++i) result += text;
@@ -267,47 +267,47 @@ std::string repeated(std::string_view text, std::size_t count) {
 }
 
 TEST(QueryParser, GroupsNest256DeepAndNoDeeper) {
-  parsed(repeated("(", 256) + "a=1" + repeated(")", 256));
-  EXPECT_EQ(errorOf(repeated("(", 257) + "a=1" + repeated(")", 257)).offset, 256U);
+  parsed(times("(", 256) + "a=1" + times(")", 256));
+  EXPECT_EQ(errorOf(times("(", 257) + "a=1" + times(")", 257)).offset, 256U);
 }
 
 TEST(QueryParser, NegationsNest256DeepAndNoDeeper) {
-  parsed(repeated("!", 256) + "a=1");
-  EXPECT_EQ(errorOf(repeated("!", 257) + "a=1").offset, 256U);
+  parsed(times("!", 256) + "a=1");
+  EXPECT_EQ(errorOf(times("!", 257) + "a=1").offset, 256U);
 }
 
 TEST(QueryParser, GroupsAndNegationsCountTogether) {
-  parsed(repeated("!(", 128) + "a=1" + repeated(")", 128));
-  EXPECT_EQ(errorOf(repeated("!(", 128) + "(a=1)" + repeated(")", 128)).offset, 256U);
+  parsed(times("!(", 128) + "a=1" + times(")", 128));
+  EXPECT_EQ(errorOf(times("!(", 128) + "(a=1)" + times(")", 128)).offset, 256U);
 }
 
 TEST(QueryParser, GroupsSideBySideDoNotNest) {
-  parsed(repeated("(a=1)&&", 1000) + "(a=1)");
-  parsed(repeated("!a=1||", 1000) + "!a=1");
+  parsed(times("(a=1)&&", 1000) + "(a=1)");
+  parsed(times("!a=1||", 1000) + "!a=1");
 }
 
 TEST(QueryParser, TreesAreNoDeeperThanTheirTextNests) {
-  const std::optional<Query> query = parsed(repeated("a=1&&b=2||", 10000) + "c=3");
+  const std::optional<Query> query = parsed(times("a=1&&b=2||", 10000) + "c=3");
   ASSERT_TRUE(query);
   EXPECT_EQ(std::get<Or>(query->root().predicate).operands.size(), 10001U);
 }
 
 TEST(QueryParser, AMegabyteOfOneSignEndsInAnError) {
   for (const std::string_view sign : {"(", ")", "!", "*", "\"", "&", "[", "=", "\\", "?", "a=("}) {
-    errorOf(repeated(sign, (std::size_t{1} << 20) / sign.size()));
+    errorOf(times(sign, (std::size_t{1} << 20) / sign.size()));
   }
 }
 
 TEST(QueryParser, TenMegabytesOfStarsAreAPresenceTest) {
-  EXPECT_TRUE(holdsFor("x", "==\"" + repeated("*", std::size_t{10} << 20) + "\""));
+  EXPECT_TRUE(holdsFor("x", "==\"" + times("*", std::size_t{10} << 20) + "\""));
 }
 
 TEST(QueryParser, AMegabyteOfWildcardsAndEscapesParses) {
   const std::size_t size = std::size_t{1} << 20;
-  EXPECT_FALSE(holdsFor("x", "==" + repeated("?", size)));
-  EXPECT_FALSE(holdsFor("x", "==" + repeated("*?", size / 2)));
-  EXPECT_FALSE(holdsFor("x", "==" + repeated("*y", size / 2)));
-  EXPECT_FALSE(holdsFor("x", "==" + repeated("\\*", size / 2)));
+  EXPECT_FALSE(holdsFor("x", "==" + times("?", size)));
+  EXPECT_FALSE(holdsFor("x", "==" + times("*?", size / 2)));
+  EXPECT_FALSE(holdsFor("x", "==" + times("*y", size / 2)));
+  EXPECT_FALSE(holdsFor("x", "==" + times("\\*", size / 2)));
 }
 
 }  // namespace

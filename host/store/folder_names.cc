@@ -8,17 +8,13 @@
 #include <cstdint>
 #include <vector>
 
+#include "host/store/header_text.h"
+
 namespace thmp {
 
 namespace {
 
-void appendCharacter(std::string& out, gunichar character) {
-  std::array<char, 6> bytes{};
-  const int length = g_unichar_to_utf8(character, bytes.data());
-  out.append(bytes.data(), static_cast<std::size_t>(length));
-}
-
-int base64Digit(char c) {
+int modifiedBase64Digit(char c) {
   if (c >= 'A' && c <= 'Z') return c - 'A';
   if (c >= 'a' && c <= 'z') return c - 'a' + 26;
   if (c >= '0' && c <= '9') return c - '0' + 52;
@@ -32,7 +28,7 @@ bool decodeShifted(std::string_view digits, std::string& out) {
   unsigned count = 0;
   std::vector<std::uint16_t> units;
   for (const char c : digits) {
-    const int digit = base64Digit(c);
+    const int digit = modifiedBase64Digit(c);
     if (digit < 0) return false;
     bits = (bits << 6) | static_cast<std::uint32_t>(digit);
     count += 6;

@@ -19,12 +19,6 @@ bool isAscii(std::string_view text) noexcept {
                      [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
 
-void appendCharacter(std::string& out, char32_t character) {
-  std::array<char, 6> bytes{};
-  const int length = g_unichar_to_utf8(character, bytes.data());
-  out.append(bytes.data(), static_cast<std::size_t>(length));
-}
-
 // The characters of Windows-1252 from 0x80 to 0x9F.
 constexpr std::array<char16_t, 32> kWindows1252 = {
     0x20AC, 0xFFFD, 0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021, 0x02C6, 0x2030, 0x0160,
@@ -130,6 +124,12 @@ void collectAddresses(InternetAddressList* list, const EncodedWordMask& words,
 }
 
 }  // namespace
+
+void appendCharacter(std::string& out, char32_t character) {
+  std::array<char, 6> bytes{};
+  const int length = g_unichar_to_utf8(character, bytes.data());
+  out.append(bytes.data(), static_cast<std::size_t>(length));
+}
 
 std::vector<RawHeader> splitHeaders(std::string_view bytes) {
   std::vector<RawHeader> headers;

@@ -29,6 +29,8 @@ bool isHeaderField(std::string_view line) noexcept;
 bool equalsIgnoringCase(std::string_view a, std::string_view b) noexcept;
 bool startsIgnoringCase(std::string_view text, std::string_view prefix) noexcept;
 
+/// Appends the UTF-8 of `character`. No GMime needed.
+void appendCharacter(std::string& out, char32_t character);
 /// `bytes` if they are UTF-8, else what they are as Windows-1252. No GMime needed.
 std::string toUtf8(std::string_view bytes);
 /// With U+FFFD for what is not UTF-8. No GMime needed.

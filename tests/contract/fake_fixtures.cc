@@ -133,22 +133,17 @@ class FakeLogFixture : public LogFixture {
   RecordingLog log_;
 };
 
-template <typename Fixture>
-std::unique_ptr<Fixture> make() {
-  return std::make_unique<Fixture>();
-}
-
 }  // namespace
 
 Implementation fakeImplementation() {
   return {.name = "Fake",
-          .files = make<FakeFilesFixture>,
-          .execution = make<FakeExecutionFixture>,
-          .preferences = make<FakePreferencesFixture>,
-          .pasteboards = make<FakePasteboardsFixture>,
-          .identity = make<FakeIdentityFixture>,
-          .application = make<FakeApplicationFixture>,
-          .log = make<FakeLogFixture>};
+          .files = makeFixture<FakeFilesFixture>,
+          .execution = makeFixture<FakeExecutionFixture>,
+          .preferences = makeFixture<FakePreferencesFixture>,
+          .pasteboards = makeFixture<FakePasteboardsFixture>,
+          .identity = makeFixture<FakeIdentityFixture>,
+          .application = makeFixture<FakeApplicationFixture>,
+          .log = makeFixture<FakeLogFixture>};
 }
 
 }  // namespace thmp::contract

@@ -137,6 +137,11 @@ class LogFixture {
   virtual std::vector<std::string> lines() = 0;
 };
 
+template <typename Fixture>
+std::unique_ptr<Fixture> makeFixture() {
+  return std::make_unique<Fixture>();
+}
+
 /// One implementation: its name, and what makes its fixtures.
 struct Implementation {
   std::string name;

@@ -267,22 +267,17 @@ class LinuxLogFixture : public LogFixture {
                                              .standardError = file_}};
 };
 
-template <typename Fixture>
-std::unique_ptr<Fixture> make() {
-  return std::make_unique<Fixture>();
-}
-
 }  // namespace
 
 Implementation linuxImplementation() {
   return {.name = "Linux",
-          .files = make<LinuxFilesFixture>,
-          .execution = make<LinuxExecutionFixture>,
-          .preferences = make<LinuxPreferencesFixture>,
-          .pasteboards = make<LinuxPasteboardsFixture>,
-          .identity = make<LinuxIdentityFixture>,
-          .application = make<LinuxApplicationFixture>,
-          .log = make<LinuxLogFixture>};
+          .files = makeFixture<LinuxFilesFixture>,
+          .execution = makeFixture<LinuxExecutionFixture>,
+          .preferences = makeFixture<LinuxPreferencesFixture>,
+          .pasteboards = makeFixture<LinuxPasteboardsFixture>,
+          .identity = makeFixture<LinuxIdentityFixture>,
+          .application = makeFixture<LinuxApplicationFixture>,
+          .log = makeFixture<LinuxLogFixture>};
 }
 
 }  // namespace thmp::contract
