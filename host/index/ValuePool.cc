@@ -1,11 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/index/ValuePool.h"
 
+#include <bit>
 #include <utility>
 
 #include "host/index/message_record.h"
 
 namespace thmp {
+
+namespace {
+
+// The part of a value's hash that is kept.
+std::uint32_t partOf(std::uint64_t hash) { return static_cast<std::uint32_t>(hash >> 32); }
+
+}  // namespace
 
 ValuePool::ValuePool(Use use) : chunks_(kMostChunks) {
   if (use == Use::kWriting) seen_.resize(kSeenSlots);
@@ -23,7 +31,7 @@ bool ValuePool::load(Connection& connection) {
   while (isGood && row.row()) {
     const std::string_view bytes = row.bytes(1);
     isGood = row.integer(0) == size() && append(decodeValue(bytes));
-    if (isGood && !seen_.empty()) byHash_.emplace(fingerprint(bytes), size() - 1);
+    if (isGood && !seen_.empty()) addHash(fingerprint(bytes));
   }
   isGood = isGood && row.result() == SQLITE_DONE;
   row.reset();
@@ -40,17 +48,18 @@ std::optional<std::uint32_t> ValuePool::intern(const Value& value, std::string_v
   const std::uint64_t hash = fingerprint(bytes);
   // Somebody could make many values of one hash; after a few, such values are not taken in.
   constexpr int kMostAlike = 8;
-  const auto [begin, end] = byHash_.equal_range(hash);
   int alike = 0;
-  for (auto same = begin; same != end; ++same) {
-    if (Value::identical(at(same->second)->value, value)) return same->second;
+  for (std::uint32_t same = slots_.empty() ? 0 : slotOf(partOf(hash)); same != 0;
+       same = next_[same - 1]) {
+    if (hashes_[same - 1] != partOf(hash)) continue;
+    if (Value::identical(at(same - 1)->value, value)) return same - 1;
     if (++alike == kMostAlike) return std::nullopt;
   }
   if (!always && !isCommon(hash)) return std::nullopt;
   if (!append(value)) return std::nullopt;
   const std::uint32_t number = size() - 1;
-  byHash_.emplace(hash, number);
-  unstored_.push_back({number, hash, std::string(bytes)});
+  addHash(hash);
+  unstored_.push_back({number, std::string(bytes)});
   return number;
 }
 
@@ -65,18 +74,32 @@ bool ValuePool::store(Connection& writer) {
 
 void ValuePool::end(bool committed) {
   if (!committed) {
-    for (const Unstored& one : unstored_) {
-      const auto [begin, end] = byHash_.equal_range(one.hash);
-      for (auto same = begin; same != end; ++same) {
-        if (same->second != one.number) continue;
-        byHash_.erase(same);
-        break;
-      }
+    // The last one first: each stands at the head of its slot.
+    for (std::size_t left = unstored_.size(); left > 0; --left) {
+      slotOf(hashes_.back()) = next_.back();
+      hashes_.pop_back();
+      next_.pop_back();
     }
     size_.store(size() - static_cast<std::uint32_t>(unstored_.size()), std::memory_order_release);
   }
   unstored_.clear();
   written_ = 0;
+}
+
+void ValuePool::link(std::uint32_t number) {
+  std::uint32_t& slot = slotOf(hashes_[number]);
+  next_[number] = slot;
+  slot = number + 1;
+}
+
+// Of the value that was appended last.
+void ValuePool::addHash(std::uint64_t hash) {
+  hashes_.push_back(partOf(hash));
+  next_.push_back(0);
+  const auto last = static_cast<std::uint32_t>(hashes_.size() - 1);
+  if (hashes_.size() <= slots_.size()) return link(last);
+  slots_.assign(std::bit_ceil(hashes_.size()), 0);
+  for (std::uint32_t number = 0; number <= last; ++number) link(number);
 }
 
 bool ValuePool::append(Value value) {

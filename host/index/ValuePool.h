@@ -19,7 +19,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "base/value.h"
@@ -73,21 +72,25 @@ class ValuePool {
   };
   struct Unstored {
     std::uint32_t number;
-    std::uint64_t hash;
     std::string bytes;
   };
 
   bool append(Value value);
   bool isCommon(std::uint64_t hash);
+  std::uint32_t& slotOf(std::uint32_t hash) { return slots_[hash & (slots_.size() - 1)]; }
+  void link(std::uint32_t number);
+  void addHash(std::uint64_t hash);
 
   std::vector<std::atomic<Chunk*>> chunks_;
   std::atomic<std::uint32_t> size_{0};
 
   // For writing only.
-  std::unordered_multimap<std::uint64_t, std::uint32_t> byHash_;
-  std::vector<std::uint32_t> seen_;  // by the hash's low bits: its high bits, and how often
-  std::vector<Unstored> unstored_;   // since the last transaction ended
-  std::size_t written_ = 0;          // of those
+  std::vector<std::uint32_t> hashes_;  // by number
+  std::vector<std::uint32_t> next_;    // by number: of those in one slot, as number + 1
+  std::vector<std::uint32_t> slots_;   // as many as a power of two: a number + 1
+  std::vector<std::uint32_t> seen_;    // by the hash's low bits: its high bits, and how often
+  std::vector<Unstored> unstored_;     // since the last transaction ended
+  std::size_t written_ = 0;            // of those
 };
 
 }  // namespace thmp

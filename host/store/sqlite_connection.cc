@@ -71,6 +71,9 @@ std::string_view Statement::bytes(int column) const {
 }
 
 Result<std::unique_ptr<Connection>> Connection::open(const std::string& path, Mode mode) {
+  // Nobody asks SQLite how much memory it has taken, and each of its allocations would lock a mutex
+  // to count. Too late in a process that uses it already, which is no harm.
+  [[maybe_unused]] static const int kWithoutCounts = sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
   const bool writes = mode == Mode::kReadWrite;
   if (writes) makePrivateFile(path);
   sqlite3* db = nullptr;
