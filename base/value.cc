@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cassert>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -266,6 +267,16 @@ void Dictionary::set(Text key, Value value) {
   }
   ContainerNode* node = makeOwned<Entry>(node_, Kind::kDictionary, size() + 1);
   value_internal::insertElement<Entry>(node, index, Entry{std::move(key), std::move(value)});
+}
+
+void Dictionary::reserve(std::size_t capacity) {
+  if (capacity > size()) makeOwned<Entry>(node_, Kind::kDictionary, capacity);
+}
+
+void Dictionary::append(Text key, Value value) {
+  assert(!value.isNull() && (empty() || (end() - 1)->key < key));
+  ContainerNode* node = makeOwned<Entry>(node_, Kind::kDictionary, size() + 1);
+  value_internal::insertElement<Entry>(node, node->size, Entry{std::move(key), std::move(value)});
 }
 
 void Dictionary::erase(std::string_view key) {

@@ -160,8 +160,12 @@ class Dictionary {
   const Entry* begin() const noexcept;
   const Entry* end() const noexcept;
 
+  void reserve(std::size_t capacity);
   /// Stores `value` under `key`; a null value takes the key out.
   void set(Text key, Value value);
+  /// The same for a key after all others, without a search. REQUIRES: it is, and the value is not
+  /// null.
+  void append(Text key, Value value);
   void erase(std::string_view key);
   const void* identity() const noexcept { return node_.get(); }
 

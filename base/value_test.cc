@@ -172,6 +172,19 @@ TEST(Texts, KeepNulAndInvalidBytesApart) {
   EXPECT_EQ(dictionary[nul], Value(1));
 }
 
+TEST(Dictionary, AppendedEntriesAreAsThoseThatAreSet) {
+  Dictionary appended;
+  appended.reserve(2);
+  EXPECT_TRUE(appended.empty());
+  appended.append("", 0);
+  appended.append("a", 1);
+  const Dictionary before = appended;
+  appended.append("b", "2");
+  EXPECT_EQ(Value(before), Value(Dictionary{{"", 0}, {"a", 1}}));
+  EXPECT_EQ(Value(appended), Value(Dictionary{{"", 0}, {"a", 1}, {"b", "2"}}));
+  EXPECT_EQ(*appended.find("b"), Value("2"));
+}
+
 TEST(Texts, ShareOneNodeAmongCopies) {
   const Text text("shared");
   const Value value(text);

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "maillibrary/FoundItem.h"
 
-#include <vector>
-
 namespace thmp {
 
 namespace {
@@ -24,13 +22,14 @@ const Keys& keys() {
 }  // namespace
 
 Dictionary FoundItem::dictionary() const {
-  std::vector<Dictionary::Entry> entries;
-  entries.reserve(4);
-  entries.push_back({keys().attributes, attributes});
-  entries.push_back({keys().index, index});
-  if (path) entries.push_back({keys().path, *path});
-  if (libraryID) entries.push_back({keys().libraryID, *libraryID});
-  return Dictionary(std::move(entries));
+  Dictionary item;
+  item.reserve(4);
+  // In the order of the keys.
+  item.append(keys().attributes, attributes);
+  item.append(keys().index, index);
+  if (path) item.append(keys().path, *path);
+  if (libraryID) item.append(keys().libraryID, *libraryID);
+  return item;
 }
 
 }  // namespace thmp

@@ -26,8 +26,8 @@ const std::vector<std::string>& defaultAttributes() {
 // message has with it.
 class MessageAttributes : public SpotlightAttributeSet {
  public:
-  MessageAttributes(const IndexedMessage& message, const AttributeSelection& wanted)
-      : message_(message), wanted_(wanted) {}
+  MessageAttributes(IndexedMessage message, const AttributeSelection& wanted)
+      : message_(std::move(message)), wanted_(wanted) {}
 
   Value attribute(std::string_view name) const override {
     const auto key = keyNamed(name);
@@ -171,14 +171,13 @@ class SearchEngine::Core : public std::enable_shared_from_this<Core> {
 
   bool gather() {
     std::vector<SpotlightItem> portion;
-    const Result<void> walked =
-        shared_->index.forEachMatch(*query_, [&](const IndexedMessage& message) {
-          if (cancelled_) return false;
-          if (followed_) matching_.insert(static_cast<Row>(message.id()));
-          portion.push_back(itemOf(message));
-          if (portion.size() == shared_->options.deliveryLimit) deliver(std::exchange(portion, {}));
-          return true;
-        });
+    const Result<void> walked = shared_->index.forEachMatch(*query_, [&](IndexedMessage&& message) {
+      if (cancelled_) return false;
+      if (followed_) matching_.insert(static_cast<Row>(message.id()));
+      portion.push_back(itemOf(std::move(message)));
+      if (portion.size() == shared_->options.deliveryLimit) deliver(std::exchange(portion, {}));
+      return true;
+    });
     deliver(std::move(portion));
     if (!shared_->options.indexUnreadable) return true;
     // Damage is told also where the answer could be had in spite of it.
@@ -190,10 +189,10 @@ class SearchEngine::Core : public std::enable_shared_from_this<Core> {
     return query::matches(*query_, IndexedMessageView(message));
   }
 
-  SpotlightItem itemOf(const IndexedMessage& message) const {
+  SpotlightItem itemOf(IndexedMessage&& message) const {
     SpotlightItem item;
     item.identifier = std::to_string(message.id());
-    item.attributeSet = std::make_shared<const MessageAttributes>(message, wanted_);
+    item.attributeSet = std::make_shared<const MessageAttributes>(std::move(message), wanted_);
     return item;
   }
 
@@ -212,12 +211,12 @@ class SearchEngine::Core : public std::enable_shared_from_this<Core> {
     const auto look = [&](std::int64_t id) {
       if (!isRow(id)) return;
       const auto row = static_cast<Row>(id);
-      const std::optional<IndexedMessage> message = shared_->index.get(id);
+      std::optional<IndexedMessage> message = shared_->index.get(id);
       const bool matchesNow = message && matches(*message);
       if (matchesNow == matching_.contains(row)) return;
       if (matchesNow) {
         matching_.insert(row);
-        found.push_back(itemOf(*message));
+        found.push_back(itemOf(std::move(*message)));
       } else {
         matching_.erase(row);
         removed.push_back(Value(std::to_string(id)));

@@ -513,7 +513,7 @@ class Index::ChunkReader {
  public:
   explicit ChunkReader(const Index& index) : index_(index), pool_(index.state_->poolNow()) {}
 
-  const std::vector<IndexedMessage>& chunk() const { return chunk_; }
+  std::vector<IndexedMessage>& chunk() { return chunk_; }
 
   /// The next messages below `below`, at most `most`.
   Result<void> readBelow(std::int64_t below, std::size_t most) {
@@ -611,9 +611,8 @@ Result<void> Index::forEachDescending(
   }
 }
 
-Result<void> Index::forEachMatch(
-    const query::Query& query,
-    const std::function<bool(const IndexedMessage& message)>& visit) const {
+Result<void> Index::forEachMatch(const query::Query& query,
+                                 const std::function<bool(IndexedMessage&& message)>& visit) const {
   std::optional<Candidates> candidates;
   while (!candidates) {
     auto prepared = state_->prepareColumns();
@@ -630,13 +629,13 @@ Result<void> Index::forEachMatch(
     rows.clear();
     if (!read) return read;
     const auto hidden = state_->hiddenNow();
-    for (const IndexedMessage& message : reader.chunk()) {
+    for (IndexedMessage& message : reader.chunk()) {
       if (!isVisible(message, *hidden)) continue;
       if (candidates->doubtful.contains(static_cast<Row>(message.id())) &&
           !query::matches(query, IndexedMessageView(message))) {
         continue;
       }
-      goesOn = visit(message);
+      goesOn = visit(std::move(message));
       if (!goesOn) break;
     }
     return {};

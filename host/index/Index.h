@@ -89,9 +89,9 @@ class Index {
   Result<void> prepareColumns();
 
   /// Calls `visit` with every message that matches and is not hidden, by descending ID, until it
-  /// returns false. Otherwise like forEachDescending().
+  /// returns false; it may keep the message. Otherwise like forEachDescending().
   Result<void> forEachMatch(const query::Query& query,
-                            const std::function<bool(const IndexedMessage& message)>& visit) const;
+                            const std::function<bool(IndexedMessage&& message)>& visit) const;
 
   /// Calls `visit` with every message that is not hidden, by descending ID, until it returns false.
   /// Sees what was committed before the call; of later commits, some. No lock or transaction is

@@ -353,7 +353,10 @@ class Reader {
   }
 
   Value remember(std::size_t place, Value value) {
-    if (pool_ != nullptr) read_.push_back({place, value});
+    constexpr std::size_t kUsualTexts = 24;
+    if (pool_ == nullptr) return value;
+    if (read_.empty()) read_.reserve(kUsualTexts);
+    read_.push_back({place, value});
     return value;
   }
 
@@ -518,27 +521,20 @@ class Walk {
     }
   }
 
-  /// The value of the attribute in hand; once. Null when it is not well formed.
-  Value value(std::array<Value, kKeys>* seen) {
+  /// The value of the attribute in hand; once. Where it is that of another attribute, of which the
+  /// number is given, `earlier` is asked for it. Null when it is not well formed.
+  template <typename Earlier>
+  Value value(const Earlier& earlier) {
     const std::size_t begin = reader_.place();
     Value found;
     if (reader_.byte() == kSameAs) {
-      const std::uint8_t other = reader_.byte();
-      if (seen != nullptr) {
-        found = (*seen)[other];
-      } else {
-        same_ = other;
-      }
+      found = earlier(reader_.byte());
     } else {
       reader_.rewind(begin);
       found = reader_.value();
     }
-    if (!reader_.ok() || reader_.place() != end_) return {};
-    if (seen != nullptr) (*seen)[key_] = found;
-    return found;
+    return reader_.ok() && reader_.place() == end_ ? found : Value();
   }
-
-  std::optional<std::uint8_t> same() const { return same_; }
 
  private:
   Reader reader_;
@@ -546,14 +542,13 @@ class Walk {
   std::uint8_t key_ = 0;
   std::size_t end_ = 0;
   bool hasValue_ = false;
-  std::optional<std::uint8_t> same_;
 };
 
-// Both halves of a record, in the order of the names; only what is wanted is read.
-template <typename Wanted, typename Visit>
+// Both halves of a record, in the order of the names; only what is wanted is read. `earlier` gives
+// what was visited under an attribute's number, null for one that was not.
+template <typename Wanted, typename Earlier, typename Visit>
 void visitRecord(std::string_view record, const ValuePool& pool, const Wanted& isWanted,
-                 const Visit& visit) {
-  std::array<Value, kKeys> seen;
+                 const Earlier& earlier, const Visit& visit) {
   Walk walk(record, pool);
   const Dictionary shape =
       walk.shape() == nullptr ? Dictionary() : *walk.shape()->value.asDictionary();
@@ -562,18 +557,34 @@ void visitRecord(std::string_view record, const ValuePool& pool, const Wanted& i
   std::size_t place = 0;
   const auto visitShapeBelow = [&](std::uint16_t rank) {
     for (; place < keys.size() && rankOf(keys[place]) < rank; ++place) {
-      if (isWanted(keys[place]) && !visit(keys[place], shape.begin()[place].value)) return false;
+      if (isWanted(keys[place]) && !visit(keys[place], Value(shape.begin()[place].value))) {
+        return false;
+      }
     }
     return true;
   };
   while (walk.next()) {
     if (!isWanted(walk.key())) continue;
-    Value value = walk.value(&seen);
+    Value value = walk.value(earlier);
     if (value.isNull()) value = recordValue(record, walk.key(), pool);  // as one not wanted
     if (!visitShapeBelow(rankOf(walk.key()))) return;
-    if (!value.isNull() && !visit(walk.key(), value)) return;
+    if (!value.isNull() && !visit(walk.key(), std::move(value))) return;
   }
   visitShapeBelow(UINT16_MAX);
+}
+
+// For those who keep nothing of what they visit.
+template <typename Wanted>
+void visitEach(std::string_view record, const ValuePool& pool, const Wanted& isWanted,
+               const std::function<bool(AttributeKey key, const Value& value)>& visit) {
+  std::array<Value, kKeys> seen;
+  visitRecord(
+      record, pool, isWanted, [&seen](std::uint8_t number) { return seen[number]; },
+      [&](AttributeKey key, Value value) {
+        const bool goesOn = visit(key, value);
+        seen[static_cast<std::size_t>(key)] = std::move(value);
+        return goesOn;
+      });
 }
 
 }  // namespace
@@ -677,27 +688,26 @@ Value recordValue(std::string_view record, AttributeKey key, const ValuePool& po
   }
   while (walk.next()) {
     if (walk.key() != key) continue;
-    Value found = walk.value(nullptr);
-    if (!walk.same()) return found;
-    const auto other = static_cast<AttributeKey>(*walk.same());
-    // Only what stands before can be meant, so this comes to an end.
-    return isKnownKey(*walk.same()) && rankOf(other) < rankOf(key)
-               ? recordValue(record, other, pool)
-               : Value();
+    return walk.value([&](std::uint8_t number) {
+      const auto other = static_cast<AttributeKey>(number);
+      // Only what stands before can be meant, so this comes to an end.
+      return isKnownKey(number) && rankOf(other) < rankOf(key) ? recordValue(record, other, pool)
+                                                               : Value();
+    });
   }
   return {};
 }
 
 void forEachInRecord(std::string_view record, const ValuePool& pool,
                      const std::function<bool(AttributeKey key, const Value& value)>& visit) {
-  visitRecord(
+  visitEach(
       record, pool, [](AttributeKey) { return true; }, visit);
 }
 
 void forEachInRecord(std::string_view record, const ValuePool& pool,
                      const std::function<bool(AttributeKey key)>& isWanted,
                      const std::function<bool(AttributeKey key, const Value& value)>& visit) {
-  visitRecord(record, pool, isWanted, visit);
+  visitEach(record, pool, isWanted, visit);
 }
 
 Dictionary recordAttributes(std::string_view record, const ValuePool& pool,
@@ -705,22 +715,39 @@ Dictionary recordAttributes(std::string_view record, const ValuePool& pool,
   const auto isWanted = [&wanted](AttributeKey key) {
     return wanted[static_cast<std::size_t>(key)];
   };
-  std::vector<Dictionary::Entry> entries;
-  entries.reserve(static_cast<std::size_t>(AttributeKey::kFetchedCount));
-  // In the order of the names, so that the dictionary need not sort.
+  constexpr std::size_t kUsualAttributes = 64;
+  Dictionary attributes;
+  attributes.reserve(std::min(kUsualAttributes, wanted.count()));
+  std::array<std::uint8_t, kKeys> places{};  // of a key's entry, counted from 1
+  int last = -1;
+  // In the order of the names, unless the record is not what was written.
+  const auto put = [&](AttributeKey key, Value value) {
+    const int rank = rankOf(key);
+    if (rank <= last) {
+      attributes.set(keyText(key), std::move(value));
+      places.fill(0);
+      return;
+    }
+    last = rank;
+    attributes.append(keyText(key), std::move(value));
+    places[static_cast<std::size_t>(key)] = static_cast<std::uint8_t>(attributes.size());
+  };
   bool isIdentifierDue = isWanted(AttributeKey::kExternalID);
   const auto putIdentifierBefore = [&](std::uint16_t rank) {
     if (!isIdentifierDue || rank < rankOf(AttributeKey::kExternalID)) return;
-    entries.push_back({keyText(AttributeKey::kExternalID), identifier});
+    put(AttributeKey::kExternalID, identifier);
     isIdentifierDue = false;
   };
-  visitRecord(record, pool, isWanted, [&](AttributeKey key, const Value& value) {
+  const auto earlier = [&](std::uint8_t number) {
+    return places[number] == 0 ? Value() : attributes.begin()[places[number] - 1].value;
+  };
+  visitRecord(record, pool, isWanted, earlier, [&](AttributeKey key, Value value) {
     putIdentifierBefore(rankOf(key));
-    entries.push_back({keyText(key), value});
+    put(key, std::move(value));
     return true;
   });
   putIdentifierBefore(UINT16_MAX);
-  return Dictionary(std::move(entries));
+  return attributes.empty() ? Dictionary() : attributes;
 }
 
 std::string encodeValue(const Value& value) {
