@@ -241,7 +241,7 @@ QueryRegistry::Delivery QueryRegistry::deliver(THMPMailPluginQuery& record,
                                                std::int64_t libraryID) {
   const Lock lock(state_);
   if (!isAliveLocked(record)) return Delivery::kDead;
-  return record.messageIDs().insert(libraryID).second ? Delivery::kNew : Delivery::kRepeated;
+  return record.messageIDs().insert(libraryID) ? Delivery::kNew : Delivery::kRepeated;
 }
 
 std::vector<PendingBatch> QueryRegistry::pendingBatches(const THMPMailPluginQuery& record) const {

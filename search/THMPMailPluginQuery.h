@@ -13,7 +13,6 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -21,6 +20,7 @@
 #include "base/value.h"
 #include "platform/spotlight.h"
 #include "search/LentPasteboard.h"
+#include "search/LibraryIDSet.h"
 
 namespace thmp {
 
@@ -57,7 +57,7 @@ class THMPMailPluginQuery {
   const std::shared_ptr<SpotlightQuery>& searchQuery() const { return searchQuery_; }
   void setSearchQuery(std::shared_ptr<SpotlightQuery> query) { searchQuery_ = std::move(query); }
   /// Library IDs already delivered; removed ones stay.
-  std::unordered_set<std::int64_t>& messageIDs() { return messageIDs_; }
+  LibraryIDSet& messageIDs() { return messageIDs_; }
   /// Oldest first.
   std::vector<PendingBatch>& pendingBatches() { return pendingBatches_; }
   const std::vector<PendingBatch>& pendingBatches() const { return pendingBatches_; }
@@ -74,7 +74,7 @@ class THMPMailPluginQuery {
   Value sortingAttribute_;
   bool sortAscending_ = false;
   std::shared_ptr<SpotlightQuery> searchQuery_;
-  std::unordered_set<std::int64_t> messageIDs_;
+  LibraryIDSet messageIDs_;
   std::vector<PendingBatch> pendingBatches_;
   Error error_;
 };
