@@ -109,7 +109,7 @@ class Report(DoctorTest):
             with sqlite3.connect(database) as connection:
                 connection.execute("PRAGMA wal_checkpoint(TRUNCATE)")
             connection.close()
-            self.assertEqual(list(database.parent.glob(database.name + "-*")), [])
+            self.assertEqual([path.name for path in database.parent.glob(database.name + "-[ws]*")], [])
         self.own()
         before = state()
         self.assert_line(self.doctor(), "ok", "coverage", "3 of 3 messages")
