@@ -36,7 +36,7 @@ class Running:
 
     def end(self, number):
         self.process.send_signal(number)
-        self.process.communicate(timeout=60)
+        self.process.communicate(timeout=PATIENCE)
         return self.process.returncode
 
 
@@ -206,7 +206,7 @@ class Searching(WithAHost):
         main, other = pty.openpty()
         for arguments in ((), ("--json",), ("--timeline",)):
             result = subprocess.run([str(CLIENT), "search", *arguments], env=self.world.environment, stdin=subprocess.DEVNULL,
-                                    stdout=subprocess.PIPE, stderr=other, timeout=60)
+                                    stdout=subprocess.PIPE, stderr=other, timeout=PATIENCE)
             self.assertTrue(result.stdout)
         os.close(other)
         self.assertEqual(Terminal.all_of(main), "")
@@ -215,7 +215,7 @@ class Searching(WithAHost):
         main, other = pty.openpty()
         with open(self.world.root / "found", "wb") as file:
             subprocess.run([str(CLIENT), "search"], env=self.world.environment, stdin=subprocess.DEVNULL, stdout=file, stderr=other,
-                           timeout=60, check=True)
+                           timeout=PATIENCE, check=True)
         os.close(other)
         self.assertRegex(Terminal.all_of(main), r"\A2 messages in ")
 
@@ -511,7 +511,7 @@ class Logging(WithAHost):
         while "\tfollowed\t" not in line:
             line = client.line()
         client.process.send_signal(signal.SIGINT)
-        output, _ = client.process.communicate(timeout=60)
+        output, _ = client.process.communicate(timeout=PATIENCE)
         self.assertEqual(client.process.returncode, 130)
         lines = (line + output).splitlines()
         self.assertEqual(len([line for line in lines if "THMPMailPlugin received" in line and "Search" in line]), 1, lines)
@@ -679,7 +679,7 @@ class WithoutAHost(Scenario):
             client = Running(self.world, *command, "--timeout", "60")
             wait_for(lambda: self.world.inbox.is_dir() and list(self.world.inbox.iterdir()), "the request")
             host = self.world.serve()
-            output, _ = client.process.communicate(timeout=60)
+            output, _ = client.process.communicate(timeout=PATIENCE)
             self.assertEqual(client.process.returncode, 0, output)
             host.quit()
 
@@ -718,7 +718,7 @@ class WithoutAHost(Scenario):
                 (("terminate", "now"), "terminate"), (("log", "x"), "log"), (("connect", "x"), "connect"),
                 (("search", b"plum \xff"), "UTF-8"), (("cancel", b"\xff"), "UTF-8"), (("connect", "--client", b"\xff"), "UTF-8")):
             result = subprocess.run([str(CLIENT), *arguments], env=self.world.environment, capture_output=True, text=True,
-                                    stdin=subprocess.DEVNULL, timeout=60)
+                                    stdin=subprocess.DEVNULL, timeout=PATIENCE)
             self.assertEqual((result.returncode, result.stdout), (2, ""), arguments)
             self.assertEqual(len(result.stderr.splitlines()), 1, result.stderr)
             self.assertIn(hint, result.stderr)

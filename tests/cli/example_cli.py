@@ -50,6 +50,7 @@ class TheExample(Scenario):
 
     def test_takes_more_than_one_batch(self):
         self.world.deliver_many(1000)
+        self.world.index()
         self.world.serve()
         result = self.run_example('kMDItemSubject == "Message *"')
         self.assertEqual(len(result.stdout.splitlines()), 1000)

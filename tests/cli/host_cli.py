@@ -136,7 +136,7 @@ class Indexing(Scenario):
                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         wait_for(lambda: process.poll() is not None or self.world.library.exists(), "the library")
         process.send_signal(signal.SIGINT)
-        output, errors = process.communicate(timeout=60)
+        output, errors = process.communicate(timeout=PATIENCE)
         self.assertEqual(process.returncode, 130, errors)
         self.assertIn("goes on", errors)
         coverage = self.world.index()
@@ -175,7 +175,7 @@ class Indexing(Scenario):
         with contextlib.suppress(OSError):
             while select.select([main], [], [], 60)[0]:
                 shown += os.read(main, 65536)
-        self.assertIn("indexed 2000", process.communicate(timeout=60)[0])
+        self.assertIn("indexed 2000", process.communicate(timeout=PATIENCE)[0])
         return shown.decode()
 
     def test_lost_index_is_made_anew_with_the_same_ids(self):

@@ -11,6 +11,7 @@ class Searching(Scenario):
     def serve_with(self, count=0):
         if count:
             self.world.deliver_many(count)
+            self.world.index()
         self.host = self.world.serve("--mail", self.world.maildir())
         self.client = self.world.client()
 

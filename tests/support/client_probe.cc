@@ -10,6 +10,8 @@
 //     all batches of a search that have been found
 //   cancel-in-handler LABEL
 //     from the next batch's handler on
+//   patience MILLISECONDS
+//     with the plug-in at the end of input; the exit status is 4 when it takes longer
 //
 // client_probe [MILLISECONDS]: how long it waits for the plug-in.
 #include <poll.h>
@@ -34,6 +36,7 @@ struct Probe {
   std::map<std::string, std::string> names;  // of searches, by label
   std::map<std::string, std::vector<std::string>> batches;
   std::set<std::string> cancelling;
+  std::chrono::milliseconds patience{240'000};
 
   tallyhive::Handlers handlersOf(const std::string& label) {
     tallyhive::Handlers handlers;
@@ -78,6 +81,8 @@ struct Probe {
       client->cancel(names[label]);
     } else if (command == "cancel-in-handler") {
       cancelling.insert(label);
+    } else if (command == "patience") {
+      patience = std::chrono::milliseconds(std::atoi(label.c_str()));
     } else if (command == "clear") {
       for (const std::string& batch : batches[label]) client->clear(names[label], batch);
     }
@@ -100,10 +105,10 @@ bool readLines(std::string& rest, Probe& probe) {
 }  // namespace
 
 int main(int count, char** arguments) {
-  const std::chrono::milliseconds patience(count > 1 ? std::atoi(arguments[1]) : 60'000);
   Probe probe;
+  if (count > 1) probe.patience = std::chrono::milliseconds(std::atoi(arguments[1]));
   std::string problem;
-  probe.client = tallyhive::Client::connect("probe", patience, &problem);
+  probe.client = tallyhive::Client::connect("probe", probe.patience, &problem);
   if (!probe.client) {
     std::cout << problem << std::endl;
     return 3;
@@ -116,7 +121,7 @@ int main(int count, char** arguments) {
     if (::poll(waiting.data(), waiting.size(), -1) < 0) return 1;
     if (waiting[1].revents != 0) probe.client->dispatch();
     if (waiting[0].revents != 0 && !readLines(rest, probe)) {
-      return probe.client->cancelAll(patience) ? 0 : 4;
+      return probe.client->cancelAll(probe.patience) ? 0 : 4;
     }
   }
 }
