@@ -390,10 +390,12 @@ struct Index::State {
   // The file first, then the token that makes it good.
   Result<void> keepColumns() THMP_REQUIRES(writing) {
     const std::int64_t token = newToken();
+    std::string body;
     {
       const SharedLock lock(viewing);
-      isKept = writeColumnsFile(columnsPath(path), token, *columns, settledIrregular);
+      body = columnsFileBody(token, *columns, settledIrregular);
     }
+    isKept = writeColumnsFile(columnsPath(path), body);
     cannotKeep = !isKept;
     if (cannotKeep) return {};
     // Whether or not it is committed: from now on changes are written down.

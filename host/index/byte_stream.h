@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace thmp {
@@ -30,7 +31,8 @@ class ByteWriter {
                          numbers.size() * sizeof(T)));
   }
 
-  const std::string& bytes() const { return bytes_; }
+  const std::string& bytes() const& { return bytes_; }
+  std::string bytes() && { return std::move(bytes_); }
 
  private:
   std::string bytes_;

@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "host/index/Columns.h"
 
@@ -25,9 +26,11 @@ struct KeptColumns {
   std::size_t settledIrregular = 0;
 };
 
+/// What the file holds, as it is written.
+std::string columnsFileBody(std::int64_t token, const Columns& columns,
+                            std::size_t settledIrregular);
 /// In place of the file that stands there. False, and there is none, when it cannot be written.
-bool writeColumnsFile(const std::string& path, std::int64_t token, const Columns& columns,
-                      std::size_t settledIrregular);
+bool writeColumnsFile(const std::string& path, std::string_view body);
 /// Whether there is a file with that token; the rest of it is not read.
 bool isColumnsFile(const std::string& path, std::int64_t token);
 /// Empty when there is no good file with that token.
