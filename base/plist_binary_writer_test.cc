@@ -1,16 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 
-#include <bit>
 #include <cmath>
 #include <limits>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "base/format.h"
 #include "base/plist.h"
 #include "tests/support/binary_plist_bytes.h"
+#include "tests/support/random_values.h"
 
 namespace thmp {
 namespace {
@@ -132,7 +131,7 @@ TEST(BinaryWriter, RefusesNullsAndDatesThatAreNoTime) {
 
 TEST(BinaryWriter, WritesDeepAndMuchSharedValuesWithoutRecursion) {
   Value deep = 1;
-  for (int i = 0; i < 1'000'000; ++i) {
+  for (int i = 0; i < THMP_DEEP; ++i) {
     Array array;
     array.push_back(std::move(deep));
     deep = std::move(array);
@@ -144,75 +143,19 @@ TEST(BinaryWriter, WritesDeepAndMuchSharedValuesWithoutRecursion) {
   EXPECT_LT(writeBinaryPropertyList(shared)->size(), 2000U);
 }
 
-/// Random values by seed; scalars come from small pools now and then, so that there is something to
-/// share.
-class RandomValues {
- public:
-  explicit RandomValues(std::uint32_t seed) : random_(seed) {}
-
-  Value value(int depth) {
-    switch (below(depth > 0 ? 10 : 8)) {
-      case 0:
-        return below(2) == 0;
-      case 1:
-        return static_cast<std::int64_t>(bits() >> below(64));
-      case 2:
-        return bits() >> below(64);
-      case 3:
-        return std::bit_cast<double>(bits());
-      case 4:
-        return Date{static_cast<double>(static_cast<std::int64_t>(bits()) >> 20) / 8};
-      case 5:
-        return Data{text()};
-      case 6:
-        return text();
-      case 7:
-        return static_cast<std::int64_t>(below(5));
-      case 8:
-        return arrayOf(depth - 1);
-      default:
-        return dictionaryOf(depth - 1);
-    }
-  }
-
- private:
-  std::uint64_t bits() { return random_(); }
-  std::uint64_t below(std::uint64_t bound) { return random_() % bound; }
-
-  std::string text() {
-    static constexpr std::string_view kPieces[] = {
-        "a", "key", "\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\xED\xA0\x80 ", "\n", "%"};
-    std::string text;
-    for (std::uint64_t i = below(below(4) == 0 ? 30 : 3); i > 0; --i) text += kPieces[below(8)];
-    return text;
-  }
-
-  Value arrayOf(int depth) {
-    Array array;
-    for (std::uint64_t i = below(8); i > 0; --i) array.push_back(value(depth));
-    if (!array.empty() && below(3) == 0) array.push_back(array[0]);
-    return array;
-  }
-
-  Value dictionaryOf(int depth) {
-    Dictionary dictionary;
-    for (std::uint64_t i = below(8); i > 0; --i) dictionary.set(text(), value(depth));
-    return dictionary;
-  }
-
-  std::mt19937_64 random_;
-};
+constexpr std::string_view kPieces[] = {
+    "a", "key", "\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\xED\xA0\x80 ", "\n", "%"};
 
 TEST(BinaryWriter, RoundTripsRandomValues) {
   for (std::uint32_t seed = 0; seed < 3000; ++seed) {
-    const Value value = RandomValues(seed).value(5);
+    const Value value = testing::RandomValues(seed, kPieces).value(5);
     ASSERT_TRUE(Value::identical(written(value), value)) << "seed " << seed;
   }
 }
 
 TEST(BinaryWriter, WritesTheSameBytesForItsOwnReading) {
   for (std::uint32_t seed = 0; seed < 500; ++seed) {
-    const Value value = RandomValues(seed).value(4);
+    const Value value = testing::RandomValues(seed, kPieces).value(4);
     const std::string bytes = *writeBinaryPropertyList(value);
     ASSERT_LE(writeBinaryPropertyList(written(value))->size(), bytes.size()) << "seed " << seed;
   }

@@ -160,6 +160,7 @@ class Dictionary {
   const Entry* begin() const noexcept;
   const Entry* end() const noexcept;
 
+  /// Makes room for `capacity` entries in all.
   void reserve(std::size_t capacity);
   /// Stores `value` under `key`; a null value takes the key out.
   void set(Text key, Value value);

@@ -14,7 +14,7 @@
 namespace thmp {
 namespace {
 
-constexpr std::size_t kDeep = 1'000'000;
+constexpr std::size_t kDeep = THMP_DEEP;
 
 Value deepArray(std::size_t depth, const Value& innermost) {
   Value value = innermost;

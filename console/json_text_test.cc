@@ -3,11 +3,12 @@
 
 #include <gtest/gtest.h>
 
-#include <bit>
 #include <cstdint>
 #include <limits>
 #include <nlohmann/json.hpp>
-#include <random>
+#include <string_view>
+
+#include "tests/support/random_values.h"
 
 namespace thmp::console {
 namespace {
@@ -92,74 +93,32 @@ std::string librarysJsonOf(const Value& value) {
   return treeOf(value).dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-/// Random values by seed, their texts full of what needs care in JSON.
-class RandomValues {
- public:
-  explicit RandomValues(std::uint32_t seed) : random_(seed) {}
-
-  Value value(int depth) {
-    switch (below(depth > 0 ? 11 : 9)) {
-      case 0:
-        return below(2) == 0;
-      case 1:
-        return static_cast<std::int64_t>(bits() >> below(64));
-      case 2:
-        return bits() >> below(64);
-      case 3:
-        return std::bit_cast<double>(bits());
-      case 4:
-        return static_cast<double>(below(100'000)) / 100;
-      case 5:
-        return Date{static_cast<double>(static_cast<std::int64_t>(bits()) >> 20) / 8};
-      case 6:
-        return Data{text()};
-      case 7:
-      case 8:
-        return text();
-      case 9:
-        return arrayOf(depth - 1);
-      default:
-        return dictionaryOf(depth - 1);
-    }
-  }
-
-  std::string text() {
-    static constexpr std::string_view kPieces[] = {
-        "a",        "some words",   "\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\xED\x9F\xBF",
-        "\xEE\x80", "\xF4\x8F\xBF", "\"",       "\\",           "\n\r\t\b\f",       "\x7F"};
-    std::string text;
-    for (std::uint64_t i = below(below(4) == 0 ? 40 : 5); i > 0; --i) {
-      if (below(3) == 0) {
-        text += static_cast<char>(bits());
-      } else {
-        text += kPieces[below(std::size(kPieces))];
-      }
-    }
-    return text;
-  }
-
- private:
-  std::uint64_t bits() { return random_(); }
-  std::uint64_t below(std::uint64_t bound) { return random_() % bound; }
-
-  Value arrayOf(int depth) {
-    Array array;
-    for (std::uint64_t i = below(8); i > 0; --i) array.push_back(value(depth));
-    return array;
-  }
-
-  Value dictionaryOf(int depth) {
-    Dictionary dictionary;
-    for (std::uint64_t i = below(8); i > 0; --i) dictionary.set(text(), value(depth));
-    return dictionary;
-  }
-
-  std::mt19937_64 random_;
-};
+// Full of what needs care in JSON; some are no UTF-8, or become it beside others.
+constexpr std::string_view kPieces[] = {"a",
+                                        "some words",
+                                        "\xC3\xA9",
+                                        "\xE2\x82\xAC",
+                                        "\xF0\x9F\x98\x80",
+                                        "\xED\x9F\xBF",
+                                        "\"",
+                                        "\\",
+                                        "\n\r\t",
+                                        "\b\f",
+                                        "\x01",
+                                        "\x7F",
+                                        "\x80",
+                                        "\xBF",
+                                        "\xC3",
+                                        "\xE2\x82",
+                                        "\xED\xA0",
+                                        "\xEE\x80",
+                                        "\xF0\x9F",
+                                        "\xF4\x8F\xBF",
+                                        "\xFF"};
 
 TEST(JsonText, IsThatOfAGeneralLibraryForRandomValues) {
   for (std::uint32_t seed = 0; seed < 2000; ++seed) {
-    const Value value = RandomValues(seed).value(4);
+    const Value value = testing::RandomValues(seed, kPieces).value(4);
     ASSERT_EQ(jsonOf(value), librarysJsonOf(value)) << "seed " << seed;
   }
 }

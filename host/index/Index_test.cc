@@ -293,7 +293,7 @@ TEST_F(TheIndex, DamageThatTheColumnsAreMadeOfIsNoticed) {
       },
       &page, nullptr);
   sqlite3_close(db);
-  if (page == 0) GTEST_SKIP() << "this SQLite does not tell where its pages are";
+  ASSERT_NE(page, 0) << "SQLite's dbstat, which Debian's has, tells where its pages are";
   std::string bytes = testing_support::readWhole(path_);
   bytes.replace(static_cast<std::size_t>(page - 1) * 4096, 4096, std::string(4096, '\x55'));
   testing_support::writeFile(path_, bytes);

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/mount.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -14,6 +13,7 @@
 
 #include "base/mutex.h"
 #include "host/store/test_support.h"
+#include "tests/support/child_process.h"
 
 namespace thmp {
 namespace {
@@ -203,30 +203,20 @@ TEST_F(FollowingMail, WhatHappensInAMailFolderThatWasMovedAwayIsNotTold) {
   EXPECT_FALSE(told_.take().mailboxes.contains(root_ + "/.Work"));
 }
 
-// Root is refused nothing, so where the tests are root another user follows the folder, which is
-// then his.
-int resultWhereRightsCount(const std::string& folder, const std::function<int()>& body) {
-  if (::geteuid() != 0) return body();
-  constexpr uid_t kNobody = 65534;
-  EXPECT_EQ(::chown(folder.c_str(), kNobody, kNobody), 0);
-  for (const auto& entry : fs::recursive_directory_iterator(folder)) {
-    EXPECT_EQ(::chown(entry.path().c_str(), kNobody, kNobody), 0);
+// Where the tests are root, who is refused nothing, the folder becomes that of another user.
+int resultAsItsOwner(const std::string& folder, const std::function<int()>& body) {
+  if (::geteuid() == 0) {
+    EXPECT_EQ(::chown(folder.c_str(), testing::kNobody, testing::kNobody), 0);
+    for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+      EXPECT_EQ(::chown(entry.path().c_str(), testing::kNobody, testing::kNobody), 0);
+    }
   }
-  const pid_t child = ::fork();
-  if (child == 0) {
-    const bool isNobody =
-        ::setresgid(kNobody, kNobody, kNobody) == 0 && ::setresuid(kNobody, kNobody, kNobody) == 0;
-    ::_exit(isNobody ? body() : 255);
-  }
-  int status = 0;
-  EXPECT_EQ(::waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFEXITED(status)) << status;
-  return WEXITSTATUS(status);
+  return testing::resultAsNobody(body);
 }
 
 TEST_F(FollowingMail, AMailFolderThatMayNoLongerBeReadIsToldAndFollowedAgain) {
   enum Outcome : int { kToldTwice, kClosingNotTold, kOpeningNotTold };
-  const int outcome = resultWhereRightsCount(folder_.path(), [this]() -> int {
+  const int outcome = resultAsItsOwner(folder_.path(), [this]() -> int {
     ChangeFeedOptions options;
     options.missingRootCheck = std::chrono::milliseconds(10);
     start(options);

@@ -39,7 +39,8 @@ struct LibraryMessage {
   MessageEntry entry;
 };
 
-/// How many messages a mailbox has, and which: two sets of messages as large have another sum.
+/// How many messages a mailbox has, and the sum of their IDs. IDs are never given out twice, so
+/// after messages came or went one of the two is another.
 struct MailboxTally {
   std::uint64_t messages = 0;
   std::int64_t sumOfIDs = 0;

@@ -11,6 +11,7 @@
 #include "platform/linux/InotifyWatches.h"
 #include "platform/linux/LinuxSerialQueue.h"
 #include "platform/linux/testing.h"
+#include "tests/support/child_process.h"
 
 namespace thmp {
 namespace {

@@ -7,6 +7,7 @@
 #include <array>
 
 #include "platform/linux/testing.h"
+#include "tests/support/child_process.h"
 
 namespace thmp {
 namespace {

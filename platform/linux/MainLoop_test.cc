@@ -11,6 +11,7 @@
 
 #include "platform/linux/testing.h"
 #include "platform/linux/thread.h"
+#include "tests/support/child_process.h"
 
 namespace thmp {
 namespace {

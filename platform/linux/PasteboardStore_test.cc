@@ -15,6 +15,7 @@
 #include "platform/linux/PasteboardReader.h"
 #include "platform/linux/posix_io.h"
 #include "platform/linux/testing.h"
+#include "tests/support/child_process.h"
 
 namespace thmp {
 namespace {

@@ -8,6 +8,7 @@
 
 #include "platform/linux/testing.h"
 #include "platform/linux/user_records.h"
+#include "tests/support/child_process.h"
 
 namespace thmp {
 namespace {

@@ -101,26 +101,6 @@ bool runUntilStopped(MainLoop& loop) {
   return loop.run() && !*late;
 }
 
-int resultInChild(const std::function<int()>& body) {
-  const pid_t child = ::fork();
-  if (child == 0) ::_exit(body());
-  int status = 0;
-  EXPECT_EQ(::waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFEXITED(status)) << status;
-  return WEXITSTATUS(status);
-}
-
-int resultAsNobody(const std::function<int()>& body) {
-  if (::geteuid() != 0) return kCannotBecomeNobody;
-  return resultInChild([&] {
-    if (::setresgid(kNobody, kNobody, kNobody) != 0 ||
-        ::setresuid(kNobody, kNobody, kNobody) != 0) {
-      return 255;
-    }
-    return body();
-  });
-}
-
 Child::Child(const std::function<std::string()>& prepare) {
   std::array<int, 2> ends = {-1, -1};
   EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);

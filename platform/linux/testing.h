@@ -72,14 +72,6 @@ class Count {
 /// Runs `loop` until something stops it. False when a generous time passes without.
 bool runUntilStopped(MainLoop& loop);
 
-/// Runs `body` in a child process and gives its result, the exit status.
-int resultInChild(const std::function<int()>& body);
-
-/// As resultInChild(), as a user without rights. -1 where the tests cannot become one.
-int resultAsNobody(const std::function<int()>& body);
-inline constexpr int kCannotBecomeNobody = -1;
-inline constexpr uid_t kNobody = 65534;
-
 /// A child that says what it has prepared, and then stays until it is killed.
 class Child {
  public:

@@ -16,13 +16,12 @@
 #include "platform/fake/RecordingLog.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "platform/linux/PasteboardReader.h"
+#include "tests/support/child_process.h"
 
 namespace thmp::contract {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr uid_t kNobody = 65534;
 
 /// A folder that goes with all it holds when the object does.
 class TemporaryFolder {
@@ -85,7 +84,7 @@ class LinuxScene : public Scene {
     if (!dropped_ || ::seteuid(0) != 0) return false;
     makeFolder(folder);
     EXPECT_EQ(::chmod(folder.c_str(), 0700), 0);
-    EXPECT_EQ(::seteuid(kNobody), 0);
+    EXPECT_EQ(::seteuid(testing::kNobody), 0);
     return true;
   }
   void rename(const std::string& from, const std::string& to) override {
@@ -119,8 +118,8 @@ class LinuxScene : public Scene {
   /// A process of root's goes on as a user without rights, who owns the scene.
   void dropPrivileges() {
     if (::geteuid() != 0) return;
-    EXPECT_EQ(::chown(root_.path().c_str(), kNobody, kNobody), 0);
-    EXPECT_EQ(::seteuid(kNobody), 0);
+    EXPECT_EQ(::chown(root_.path().c_str(), testing::kNobody, testing::kNobody), 0);
+    EXPECT_EQ(::seteuid(testing::kNobody), 0);
     dropped_ = true;
   }
   ~LinuxScene() override { EXPECT_TRUE(!dropped_ || ::seteuid(0) == 0); }
