@@ -8,7 +8,6 @@ import itertools
 import json
 import os
 import shutil
-import signal
 import sqlite3
 import subprocess
 import unittest
@@ -196,7 +195,7 @@ class ChangingMail(Scenario):
         self.check()
         flagged = next(path for path in sorted(self.inbox.glob("cur/*")) if path != gone)
         number = before[str(flagged)]
-        with self.stopped():
+        with self.host.stopped():
             self.lose_events()
             gone.unlink()
             (self.world.mail / ".Old.Name").rename(self.world.mail / ".New.Name")
@@ -212,20 +211,13 @@ class ChangingMail(Scenario):
 
     def test_mail_folder_replaced_while_events_are_lost_is_followed_again(self):
         self.serve()
-        with self.stopped():
+        with self.host.stopped():
             self.lose_events()
             self.world.mail.rename(self.world.root / "Old mail")
             shutil.copytree(self.world.root / "Old mail", self.world.mail)
         self.check()
         self.world.deliver("Later")
         self.check()
-
-    @contextlib.contextmanager
-    def stopped(self):
-        self.host.send(signal.SIGSTOP)
-        os.waitid(os.P_PID, self.host.process.pid, os.WSTOPPED | os.WNOWAIT)
-        yield
-        self.host.send(signal.SIGCONT)
 
     def lose_events(self):
         """More than are kept for a program that does not read them."""

@@ -3,7 +3,6 @@
 """The client library with the real host: what its handlers hear, and what it leaves behind."""
 
 import re
-import signal
 import subprocess
 import unittest
 
@@ -56,8 +55,11 @@ class TheClientLibrary(Scenario):
         self.assertEqual(probe.hear(), "connected to version 1")
         return probe
 
-    def left_nothing(self, host):
+    def requests_are_taken(self):
         wait_for(lambda: not list(self.world.inbox.iterdir()), "the requests to be taken")
+
+    def left_nothing(self, host):
+        self.requests_are_taken()
         host.wait_for_line("active query count: 0")
         self.assertEqual([m["name"] for m in self.world.messages_in(self.world.outbox)], [PREFIX + "PluginReady"])
         # Those of removals are the plug-in's to keep.
@@ -131,11 +133,10 @@ class TheClientLibrary(Scenario):
         probe = self.connected()
         probe.say(f"search a - {PLUM}")
         probe.hear_until("a gathered")
-        wait_for(lambda: not list(self.world.inbox.iterdir()), "the requests to be taken")
-        host.send(signal.SIGSTOP)
-        probe.say("patience 100")
-        self.assertEqual(probe.end(), 4)
-        host.send(signal.SIGCONT)
+        self.requests_are_taken()
+        with host.stopped():
+            probe.say("patience 100")
+            self.assertEqual(probe.end(), 4)
         host.wait_for_line("THMPMailPlugin cancel query")
         self.left_nothing(host)
 
@@ -154,6 +155,8 @@ class TheClientLibrary(Scenario):
         probe = self.connected()
         probe.say(f"search a tree {PLUM}")
         probe.hear_until("a gathered")
+        # A Clear that comes after its search's end is told as an error.
+        self.requests_are_taken()
         probe.say(f"search b tree {PLUM}")
         probe.hear_until("b gathered")
         self.world.deliver("Plum tart")

@@ -164,7 +164,7 @@ class Killed(Surviving):
             with contextlib.suppress(subprocess.TimeoutExpired):
                 host.process.wait(moment)
             host.kill()
-            if number % 20 == 19:
+            if number % 20 == 19 or number == KILLED_HOSTS - 1:
                 host = self.world.serve()
                 self.check_all()
                 client = self.world.client()
