@@ -32,7 +32,7 @@ namespace {
 constexpr std::size_t kChunk = 256;
 
 // Messages that one transaction takes in while others are to come.
-constexpr std::size_t kMostPending = 10'000;
+constexpr std::size_t kMostPending = 5'000;
 
 // As many as these that have to be looked at one by one are no burden.
 constexpr std::size_t kFewIrregular = 1'000;

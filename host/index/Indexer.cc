@@ -743,7 +743,9 @@ class Indexer::Run {
   // there is much to read, another thread reads while this one stores.
   void readAll(const LibraryMailbox& mailbox, const std::vector<Work>& toRead) {
     constexpr std::size_t kMuch = 64;
-    constexpr std::size_t kReadAhead = 256;
+    // So much that reading goes on while words are written, which takes the longest.
+    constexpr std::size_t kReadAhead = 1500;
+    constexpr std::size_t kBytesAhead = std::size_t{24} << 20;
     Batch batch;
     if (toRead.size() < kMuch) {
       for (const Work& work : toRead) {
@@ -752,11 +754,14 @@ class Indexer::Run {
       }
       return store(mailbox, batch);
     }
-    BoundedQueue<ReadFile> read(kReadAhead);
+    BoundedQueue<ReadFile> read(kReadAhead, kBytesAhead);
     std::thread reader([&]() noexcept {
       if (options_.isPolite) standBack();
       for (const Work& work : toRead) {
-        if (isStopped() || !read.put(readOne(mailbox, work))) break;
+        if (isStopped()) break;
+        ReadFile file = readOne(mailbox, work);
+        const std::size_t bytes = sizeOf(file);
+        if (!read.put(std::move(file), bytes)) break;
       }
       read.close();
     });
@@ -770,6 +775,13 @@ class Indexer::Run {
     read.close();
     reader.join();
     store(mailbox, batch);
+  }
+
+  // Of what can be large.
+  static std::size_t sizeOf(const ReadFile& file) {
+    if (!file.entry) return 0;
+    const IndexEntry& entry = *file.entry;
+    return entry.textContent->size() + entry.words->text.size() + entry.words->rest.size();
   }
 
   // What is stored in one go.

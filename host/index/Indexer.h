@@ -49,7 +49,7 @@ struct IndexProgress {
 struct IndexerOptions {
   ParseLimits limits;
   /// Messages read for one transaction.
-  std::size_t batchSize = 1'000;
+  std::size_t batchSize = 500;
   /// Bytes of text held for one transaction, whichever comes first.
   std::size_t batchBytes = std::size_t{32} << 20;
   /// With so many more messages gone than there are, whose words still take up place, an update of
