@@ -343,18 +343,15 @@ void Columns::setMailbox(Row row, std::int64_t mailbox) {
   }
 }
 
-RowSet Columns::rowsOfShapes(const ValuePool& pool,
-                             const std::function<bool(const Dictionary& shape)>& holds) const {
-  std::vector<bool> wanted(shapeNumbers_.size() + 1);
+RowSet Columns::rowsOfShapes(
+    const ValuePool& pool, const std::function<bool(const ValuePool::Entry& shape)>& holds) const {
+  std::vector<std::uint8_t> wanted(shapeNumbers_.size() + 1);
   for (std::size_t i = 0; i < shapeNumbers_.size(); ++i) {
     const ValuePool::Entry* shape = pool.at(shapeNumbers_[i]);
-    const auto attributes = shape == nullptr ? std::nullopt : shape->value.asDictionary();
-    wanted[i + 1] = attributes && holds(*attributes);
+    wanted[i + 1] = shape != nullptr && holds(*shape) ? 1 : 0;
   }
   RowSet rows;
-  for (Row row = 0; row < end_; ++row) {
-    if (wanted[shapes_[row]]) rows.insert(row);
-  }
+  rows.fill(end_, [&](Row row) { return wanted[shapes_[row]] != 0; });
   return rows;
 }
 

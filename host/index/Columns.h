@@ -63,7 +63,7 @@ class Columns {
 
   // Sets of rows. Dead, hidden and irregular ones may be among them.
   RowSet rowsOfShapes(const ValuePool& pool,
-                      const std::function<bool(const Dictionary& shape)>& holds) const;
+                      const std::function<bool(const ValuePool::Entry& shape)>& holds) const;
   /// The rows for whose number `holds`; it is asked for the few numbers among which nothing changes
   /// between two of `breaks`. REQUIRES: kindOf(key) is kNumber.
   RowSet rowsWithNumber(AttributeKey key, const std::vector<double>& breaks,

@@ -556,6 +556,8 @@ class Index::ChunkReader {
     chunk_.clear();
     const auto reader = state.readers.borrow();
     if (!reader) return unreadable(state.path);
+    // SQLite locks the file for a statement outside of one, which costs as much as a record.
+    const ReadTransaction together(*reader);
     if (!readAll(*reader) || !state.followPool(*reader, *pool_)) return state.failure(*reader);
     return {};
   }

@@ -5,6 +5,8 @@
 #include <charconv>
 #include <functional>
 #include <optional>
+#include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -276,11 +278,7 @@ class Planner {
       case Way::kID:
         return byID(predicate);
       case Way::kShapes:
-        return {columns_.rowsOfShapes(pool_,
-                                      [&](const Dictionary& shape) {
-                                        return holdsInShape(predicate, shape[keyText(*key)]);
-                                      }),
-                {}};
+        return {byShapes(predicate, *key), {}};
       case Way::kNumbers:
         return {
             columns_.rowsWithNumber(*key, breaksOf(predicate),
@@ -305,6 +303,23 @@ class Planner {
 
   bool holds(const Predicate& predicate, const Value& value) {
     return query::valueHolds(predicate.node, value, /*isContent=*/false, scratch_);
+  }
+
+  // Shapes are many, the texts of one attribute few.
+  RowSet byShapes(const Predicate& predicate, AttributeKey key) {
+    std::unordered_map<std::string_view, bool> known;
+    return columns_.rowsOfShapes(pool_, [&](const ValuePool::Entry& shape) {
+      const auto found = std::find(shape.keys.begin(), shape.keys.end(), key);
+      if (found == shape.keys.end()) return holdsInShape(predicate, Value());
+      // The pool keeps what is viewed.
+      const Dictionary attributes = *shape.value.asDictionary();
+      const Value& value = attributes.begin()[found - shape.keys.begin()].value;
+      const auto text = value.asText();
+      if (!text) return holdsInShape(predicate, value);
+      const auto [at, isNew] = known.try_emplace(*text);
+      if (isNew) at->second = holdsInShape(predicate, value);
+      return at->second;
+    });
   }
 
   bool holdsInShape(const Predicate& predicate, const Value& value) {
@@ -469,8 +484,9 @@ class Planner {
   }
 
   Found byAny(const Predicate& predicate) {
-    RowSet rows = columns_.rowsOfShapes(pool_, [&](const Dictionary& shape) {
-      return std::any_of(shape.begin(), shape.end(), [&](const Dictionary::Entry& entry) {
+    RowSet rows = columns_.rowsOfShapes(pool_, [&](const ValuePool::Entry& shape) {
+      const Dictionary attributes = shape.value.asDictionary().value_or(Dictionary());
+      return std::any_of(attributes.begin(), attributes.end(), [&](const Dictionary::Entry& entry) {
         return query::isInAnyAttribute(entry.key) && holdsInShape(predicate, entry.value);
       });
     });
