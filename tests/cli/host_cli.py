@@ -161,7 +161,7 @@ class Indexing(Scenario):
             shown = self.index_on_a_terminal(columns).rpartition("\n")[2]
             drawn = [line for line in shown.split("\r\x1b[K") if line]
             self.assertTrue(drawn and all(len(line) < columns for line in drawn), drawn)
-            self.assertIn("1000 of 2000", drawn[0])
+            self.assertIn("500 of 2000", drawn[0])
 
     def index_on_a_terminal(self, columns):
         """What it writes to standard error there."""
@@ -173,7 +173,7 @@ class Indexing(Scenario):
         os.close(other)
         shown = b""
         with contextlib.suppress(OSError):
-            while select.select([main], [], [], 60)[0]:
+            while select.select([main], [], [], PATIENCE)[0]:
                 shown += os.read(main, 65536)
         self.assertIn("indexed 2000", process.communicate(timeout=PATIENCE)[0])
         return shown.decode()
@@ -221,7 +221,7 @@ class Finding(Scenario):
         os.close(other)
         shown = b""
         with contextlib.suppress(OSError):
-            while select.select([main], [], [], 60)[0]:
+            while select.select([main], [], [], PATIENCE)[0]:
                 shown += os.read(main, 65536)
         process.wait(60)
         return shown.decode()
