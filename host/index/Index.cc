@@ -1,29 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/index/Index.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
-#include <deque>
 #include <iterator>
-#include <map>
-#include <random>
-#include <unordered_set>
 #include <utility>
 
-#include "base/mutex.h"
-#include "host/index/Columns.h"
-#include "host/index/ValuePool.h"
-#include "host/index/columns_file.h"
-#include "host/index/index_tables.h"
-#include "host/index/message_record.h"
+#include "host/index/IndexState.h"
 #include "host/index/message_view.h"
-#include "host/index/plan.h"
 #include "host/query/evaluator.h"
-#include "host/store/sqlite_connection.h"
 
 namespace thmp {
 
@@ -31,407 +17,7 @@ namespace {
 
 constexpr std::size_t kChunk = 256;
 
-// Messages that one transaction takes in while others are to come.
-constexpr std::size_t kMostPending = 5'000;
-
-// As many as these that have to be looked at one by one are no burden.
-constexpr std::size_t kFewIrregular = 1'000;
-
-Error unreadable(const std::string& path) {
-  return Error::posix(EIO, "cannot read the search index " + path);
-}
-
-// A file that is mapped would stay in memory page by page, and most of it is not asked for again;
-// reading a page costs little beside what is made of it. So would the pages that each reader keeps.
-bool prepareReader(Connection& reader) {
-  return reader.execute(kMapNothing) && reader.execute("PRAGMA cache_size = -512") &&
-         prepareWordTable(reader);
-}
-
-// A number that no other file of columns has.
-std::int64_t newToken() {
-  std::random_device device;
-  std::uniform_int_distribution<std::int64_t> any(1, INT64_MAX);
-  return any(device);
-}
-
-// All that is read until it ends is of one state of the database.
-class ReadTransaction {
- public:
-  explicit ReadTransaction(Connection& connection) : connection_(connection) {
-    static_cast<void>(connection_.execute("BEGIN"));
-  }
-  ~ReadTransaction() { static_cast<void>(connection_.execute("COMMIT")); }
-  ReadTransaction(const ReadTransaction&) = delete;
-  ReadTransaction& operator=(const ReadTransaction&) = delete;
-
- private:
-  Connection& connection_;
-};
-
-// Texts of messages that came a moment ago: every live query that looks at texts asks for them.
-class RecentTexts {
- public:
-  void put(std::int64_t id, std::string text) {
-    const Lock lock(mutex_);
-    std::erase_if(texts_, [id](const Kept& one) { return one.id == id; });
-    bytes_ = text.size();
-    for (const Kept& one : texts_) bytes_ += one.text.size();
-    texts_.push_back({id, std::move(text)});
-    while (texts_.size() > kMostTexts || (bytes_ > kMostBytes && !texts_.empty())) {
-      bytes_ -= texts_.front().text.size();
-      texts_.pop_front();
-    }
-  }
-
-  void forget(std::int64_t id) {
-    const Lock lock(mutex_);
-    std::erase_if(texts_, [id](const Kept& one) { return one.id == id; });
-  }
-
-  std::optional<std::string> find(std::int64_t id) const {
-    const Lock lock(mutex_);
-    for (const Kept& one : texts_) {
-      if (one.id == id) return one.text;
-    }
-    return std::nullopt;
-  }
-
- private:
-  static constexpr std::size_t kMostTexts = 64;
-  static constexpr std::size_t kMostBytes = std::size_t{4} << 20;
-  struct Kept {
-    std::int64_t id;
-    std::string text;
-  };
-
-  mutable Mutex mutex_;
-  std::deque<Kept> texts_ THMP_GUARDED_BY(mutex_);
-  std::size_t bytes_ THMP_GUARDED_BY(mutex_) = 0;
-};
-
 }  // namespace
-
-struct Index::State {
-  State(std::string file, Access access_)
-      : path(std::move(file)), access(access_), readers(path, prepareReader), pool(newPool()) {}
-
-  const std::string path;
-  const Access access;
-  mutable ReadPool readers;
-  mutable std::atomic<bool> damaged{false};
-  std::atomic<IndexLoss> loss{IndexLoss::kNone};  // and not told yet
-  std::atomic<std::uint64_t> inode{0};            // of the file that is written to
-  TextSource textSource;
-  mutable RecentTexts recentTexts;
-
-  Mutex writing;
-  std::unique_ptr<Connection> writer THMP_GUARDED_BY(writing);
-  // What waits for the next commit.
-  std::unique_ptr<Transaction> pending THMP_GUARDED_BY(writing);
-  IndexChanges changes THMP_GUARDED_BY(writing);
-  std::int64_t keptToken THMP_GUARDED_BY(writing) = 0;  // of the columns file; 0 for none
-  bool isKept THMP_GUARDED_BY(writing) = false;         // that file has been seen to be good
-  bool cannotKeep THMP_GUARDED_BY(writing) = false;
-
-  mutable SharedMutex viewing;
-  std::shared_ptr<ValuePool> pool THMP_GUARDED_BY(viewing);
-  std::unique_ptr<Columns> columns THMP_GUARDED_BY(viewing);  // null until they are asked for
-  std::size_t settledIrregular THMP_GUARDED_BY(viewing) = 0;  // those that there were at first
-
-  Mutex hiding;
-  std::shared_ptr<const std::unordered_set<std::int64_t>> hidden THMP_GUARDED_BY(hiding) =
-      std::make_shared<std::unordered_set<std::int64_t>>();
-
-  // Changes wait here for one thread at a time to tell them, in the order of their commits.
-  Mutex telling;
-  std::deque<IndexChange> untold THMP_GUARDED_BY(telling);
-  bool isTelling THMP_GUARDED_BY(telling) = false;
-  std::map<std::uint64_t, std::shared_ptr<const ChangeListener>> listeners THMP_GUARDED_BY(telling);
-  std::uint64_t lastListener THMP_GUARDED_BY(telling) = 0;
-
-  std::shared_ptr<ValuePool> newPool() const {
-    return std::make_shared<ValuePool>(access == Access::kReadWrite ? ValuePool::Use::kWriting
-                                                                    : ValuePool::Use::kReading);
-  }
-
-  std::shared_ptr<ValuePool> poolNow() const {
-    const SharedLock lock(viewing);
-    return pool;
-  }
-
-  std::shared_ptr<const std::unordered_set<std::int64_t>> hiddenNow() {
-    const Lock lock(hiding);
-    return hidden;
-  }
-
-  std::uint64_t inodeAtPath() const noexcept {
-    struct stat status {};
-    return ::stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
-  }
-
-  bool isFileThere() const noexcept {
-    return access == Access::kReadOnly || inodeAtPath() == inode.load();
-  }
-
-  Result<void> openWriter() THMP_REQUIRES(writing) {
-    auto tables = openIndexTables(path);
-    if (!tables) return tables.error();
-    writer = std::move(tables->writer);
-    inode.store(inodeAtPath());
-    keptToken = readMark(*writer, marks::kColumns);
-    isKept = false;
-    noteLoss(tables->loss);
-    return {};
-  }
-
-  // The first reason counts: what follows from it is no news.
-  void noteLoss(IndexLoss found) {
-    IndexLoss none = IndexLoss::kNone;
-    loss.compare_exchange_strong(none, found);
-  }
-
-  void noteResult(int code) const {
-    if (isDamage(code)) damaged.store(true);
-  }
-
-  Error failure(Connection& connection) const {
-    noteResult(sqlite3_errcode(connection.handle()));
-    return connection.error("cannot use the search index " + path);
-  }
-
-  // Another process may write; what its records refer to is there when they are.
-  bool followPool(Connection& reader, ValuePool& values) const {
-    if (access == Access::kReadWrite) return true;
-    const ExclusiveLock lock(viewing);
-    return values.load(reader);
-  }
-
-  // Called with the writer's lock held, so that the order is that of the commits.
-  void enqueue(IndexChange change) {
-    if (change.added.empty() && change.changed.empty() && change.removed.empty()) return;
-    for (auto* list : {&change.added, &change.changed, &change.removed}) {
-      std::sort(list->begin(), list->end());
-    }
-    const Lock lock(telling);
-    untold.push_back(std::move(change));
-  }
-
-  void tell() noexcept {
-    while (true) {
-      IndexChange change;
-      std::vector<std::uint64_t> numbers;
-      {
-        const Lock lock(telling);
-        if (isTelling || untold.empty()) return;
-        isTelling = true;
-        change = std::move(untold.front());
-        untold.pop_front();
-        for (const auto& [number, listener] : listeners) numbers.push_back(number);
-      }
-      for (const std::uint64_t number : numbers) {
-        if (const auto listener = find(number)) (*listener)(change);
-      }
-      const Lock lock(telling);
-      isTelling = false;
-    }
-  }
-
-  std::shared_ptr<const ChangeListener> find(std::uint64_t number) {
-    const Lock lock(telling);
-    const auto found = listeners.find(number);
-    return found == listeners.end() ? nullptr : found->second;
-  }
-
-  template <typename Change>
-  Result<void> write(Commit commit, const Change& change) {
-    {
-      const Lock lock(writing);
-      if (!writer) return Error::posix(EROFS, "the search index is open for reading only");
-      const std::shared_ptr<ValuePool> values = poolNow();
-      if (!pending) pending = std::make_unique<Transaction>(*writer);
-      const bool changed = pending->begun() && change(*writer, *values, changes);
-      if (changed && commit == Commit::kWithOthers && changes.rows.size() < kMostPending) return {};
-      const bool stored =
-          changed && values->store(*writer) && (keptToken == 0 || putLater(*writer, changes));
-      if (!stored || !pending->commit()) {
-        Error error = failure(*writer);
-        drop(*values);
-        return error;
-      }
-      values->end(/*committed=*/true);
-      publish(*values);
-      pending.reset();
-      enqueue(std::move(changes.told));
-      changes = {};
-    }
-    tell();
-    return {};
-  }
-
-  void drop(ValuePool& values) THMP_REQUIRES(writing) {
-    pending.reset();
-    values.end(/*committed=*/false);
-    changes = {};
-  }
-
-  void publish(const ValuePool& values) THMP_REQUIRES(writing) {
-    const ExclusiveLock lock(viewing);
-    if (!columns) return;
-    for (const RowChange& row : changes.rows) {
-      switch (row.kind) {
-        case RowChange::Kind::kPut:
-          columns->put(row.id, row.mailbox, row.record, values);
-          break;
-        case RowChange::Kind::kPutShape:
-          columns->putShape(row.id, row.mailbox, row.record);
-          break;
-        case RowChange::Kind::kRemove:
-          columns->remove(row.id);
-          break;
-      }
-      if (row.isStale) columns->setIrregular(row.id);
-    }
-  }
-
-  // Of the table of records. Null when it cannot be read to its end.
-  std::unique_ptr<Columns> columnsOfRecords(Connection& reader, const ValuePool& values) {
-    auto made = std::make_unique<Columns>();
-    Statement& row = reader.statement("SELECT id, mailbox, record FROM records ORDER BY id");
-    while (row.row()) putRecord(row, values, *made);
-    // At once, while the connection still knows what went wrong.
-    if (row.result() != SQLITE_DONE) return nullptr;
-    return setStale(reader, *made) ? std::move(made) : nullptr;
-  }
-
-  // Of the file, brought up to date with what has changed since. Null when there is no good one.
-  std::optional<KeptColumns> columnsOfFile(Connection& reader, const ValuePool& values) {
-    const std::int64_t token = readMark(reader, marks::kColumns);
-    if (token == 0) return std::nullopt;
-    std::optional<KeptColumns> kept = readColumnsFile(columnsPath(path), token);
-    if (!kept) return std::nullopt;
-    Statement& row = reader.statement(
-        "SELECT later.id, records.mailbox, records.record FROM later "
-        "LEFT JOIN records ON records.id = later.id ORDER BY later.id");
-    while (row.row()) {
-      if (row.isNull(2)) {
-        kept->columns->remove(row.integer(0));
-      } else {
-        putRecord(row, values, *kept->columns);
-      }
-    }
-    if (row.result() != SQLITE_DONE || !setStale(reader, *kept->columns)) return std::nullopt;
-    return kept;
-  }
-
-  void putRecord(const Statement& row, const ValuePool& values, Columns& made) const {
-    const std::string_view record = row.bytes(2);
-    if (isIntactRecord(record)) {
-      made.put(row.integer(0), row.integer(1), record, values);
-    } else {
-      damaged.store(true);
-    }
-  }
-
-  static bool setStale(Connection& reader, Columns& made) {
-    Statement& stale = reader.statement("SELECT id FROM stale");
-    while (stale.row()) made.setIrregular(stale.integer(0));
-    return stale.result() == SQLITE_DONE;
-  }
-
-  enum class Source : bool { kFileOrRecords, kRecords };
-
-  // Columns of what is committed. Nobody in this process commits meanwhile.
-  Result<void> makeColumns(Source source) THMP_REQUIRES(writing) {
-    const auto reader = readers.borrow();
-    if (!reader) return unreadable(path);
-    const ReadTransaction reading(*reader);
-    const std::shared_ptr<ValuePool> values = poolNow();
-    if (!followPool(*reader, *values)) return failure(*reader);
-    std::optional<KeptColumns> made;
-    if (source == Source::kFileOrRecords) {
-      made = columnsOfFile(*reader, *values);
-      isKept = made.has_value();
-    }
-    if (!made) {
-      made = KeptColumns{columnsOfRecords(*reader, *values), 0};
-      if (!made->columns) return failure(*reader);
-      made->settledIrregular = made->columns->irregularCount();
-    }
-    made->columns->shrink();
-    made->columns->hide(*hiddenNow());
-    const ExclusiveLock lock(viewing);
-    settledIrregular = made->settledIrregular;
-    columns = std::move(made->columns);
-    return {};
-  }
-
-  // Changed messages that are no burden, neither to queries nor to the next start.
-  static std::size_t few(const Columns* columns) {
-    return (columns == nullptr ? 0 : columns->size() / 50) + kFewIrregular;
-  }
-
-  bool areColumnsSlow() const {
-    const SharedLock lock(viewing);
-    return columns && columns->irregularCount() > settledIrregular + few(columns.get());
-  }
-
-  Result<bool> areColumnsKept() THMP_REQUIRES(writing) {
-    if (!isKept) isKept = keptToken != 0 && isColumnsFile(columnsPath(path), keptToken);
-    if (!isKept) return false;
-    Statement& row = writer->statement("SELECT count(*) FROM later");
-    if (!row.row()) return failure(*writer);
-    const auto later = static_cast<std::size_t>(row.integer(0));
-    row.reset();
-    const SharedLock lock(viewing);
-    return later <= few(columns.get());
-  }
-
-  // The file first, then the token that makes it good.
-  Result<void> keepColumns() THMP_REQUIRES(writing) {
-    const std::int64_t token = newToken();
-    std::string body;
-    {
-      const SharedLock lock(viewing);
-      body = columnsFileBody(token, *columns, settledIrregular);
-    }
-    isKept = writeColumnsFile(columnsPath(path), body);
-    cannotKeep = !isKept;
-    if (cannotKeep) return {};
-    // Whether or not it is committed: from now on changes are written down.
-    keptToken = token;
-    Transaction transaction(*writer);
-    if (!transaction.begun() || !setMark(*writer, marks::kColumns, token) ||
-        !writer->execute("DELETE FROM later") || !transaction.commit()) {
-      isKept = false;
-      return failure(*writer);
-    }
-    return {};
-  }
-
-  bool hasColumns() const {
-    const SharedLock lock(viewing);
-    return columns != nullptr;
-  }
-
-  Result<void> prepareColumns() {
-    if (hasColumns()) return {};
-    const Lock lock(writing);
-    if (hasColumns()) return {};
-    return makeColumns(Source::kFileOrRecords);
-  }
-
-  // Empty when the columns went away a moment ago.
-  Result<std::optional<Candidates>> candidates(const query::Query& query) {
-    const auto reader = readers.borrow();
-    if (!reader) return unreadable(path);
-    const SharedLock lock(viewing);
-    if (!columns) return std::optional<Candidates>();
-    Candidates found = findCandidates(query, {*columns, *pool, *reader});
-    noteResult(found.failure);
-    return std::optional(std::move(found));
-  }
-};
 
 AttributeSelection selectAttributes(std::span<const std::string> names) {
   AttributeSelection wanted;
@@ -555,7 +141,7 @@ class Index::ChunkReader {
     const State& state = *index_.state_;
     chunk_.clear();
     const auto reader = state.readers.borrow();
-    if (!reader) return unreadable(state.path);
+    if (!reader) return state.unreadable();
     // SQLite locks the file for a statement outside of one, which costs as much as a record.
     const ReadTransaction together(*reader);
     if (!readAll(*reader) || !state.followPool(*reader, *pool_)) return state.failure(*reader);
@@ -672,7 +258,7 @@ std::string Index::textContent(std::int64_t id, std::int64_t mailbox) const {
 
 Result<std::uint64_t> Index::count() const {
   const auto reader = state_->readers.borrow();
-  if (!reader) return unreadable(state_->path);
+  if (!reader) return state_->unreadable();
   Statement& row = reader->statement("SELECT count(*) FROM files");
   if (!row.row()) return state_->failure(*reader);
   const auto count = static_cast<std::uint64_t>(row.integer(0));
@@ -682,7 +268,7 @@ Result<std::uint64_t> Index::count() const {
 
 Result<std::unordered_map<std::int64_t, IndexedFile>> Index::files(std::int64_t mailbox) const {
   const auto reader = state_->readers.borrow();
-  if (!reader) return unreadable(state_->path);
+  if (!reader) return state_->unreadable();
   Statement& row =
       reader->statement("SELECT id, content, place, incomplete FROM files WHERE mailbox = ?");
   row.bind(1, mailbox);
@@ -698,7 +284,7 @@ Result<std::unordered_map<std::int64_t, IndexedFile>> Index::files(std::int64_t 
 
 Result<std::optional<IndexedFile>> Index::file(std::int64_t id) const {
   const auto reader = state_->readers.borrow();
-  if (!reader) return unreadable(state_->path);
+  if (!reader) return state_->unreadable();
   Statement& row = reader->statement("SELECT content, place, incomplete FROM files WHERE id = ?");
   std::optional<IndexedFile> file;
   if (row.bind(1, id).row()) {
@@ -713,7 +299,7 @@ Result<std::optional<IndexedFile>> Index::file(std::int64_t id) const {
 
 Result<std::vector<std::int64_t>> Index::mailboxes() const {
   const auto reader = state_->readers.borrow();
-  if (!reader) return unreadable(state_->path);
+  if (!reader) return state_->unreadable();
   Statement& row = reader->statement("SELECT DISTINCT mailbox FROM files ORDER BY mailbox");
   std::vector<std::int64_t> all;
   while (row.row()) all.push_back(row.integer(0));
@@ -723,7 +309,7 @@ Result<std::vector<std::int64_t>> Index::mailboxes() const {
 
 Result<std::unordered_map<std::int64_t, IndexedMailbox>> Index::mailboxStates() const {
   const auto reader = state_->readers.borrow();
-  if (!reader) return unreadable(state_->path);
+  if (!reader) return state_->unreadable();
   std::unordered_map<std::int64_t, IndexedMailbox> states;
   Statement& row = reader->statement(
       "SELECT mailbox, count(*), sum(id), sum(incomplete) FROM files GROUP BY mailbox");
@@ -741,7 +327,7 @@ Result<std::unordered_map<std::int64_t, IndexedMailbox>> Index::mailboxStates() 
 
 Result<std::vector<IncompleteMessage>> Index::incomplete() const {
   const auto reader = state_->readers.borrow();
-  if (!reader) return unreadable(state_->path);
+  if (!reader) return state_->unreadable();
   Statement& row = reader->statement("SELECT id, reason FROM incomplete ORDER BY id, reason");
   std::vector<IncompleteMessage> all;
   while (row.row()) all.push_back({row.integer(0), std::string(row.bytes(1))});
@@ -751,7 +337,7 @@ Result<std::vector<IncompleteMessage>> Index::incomplete() const {
 
 Result<std::vector<UnreadablePath>> Index::failed() const {
   const auto reader = state_->readers.borrow();
-  if (!reader) return unreadable(state_->path);
+  if (!reader) return state_->unreadable();
   Statement& row = reader->statement("SELECT DISTINCT path, reason FROM failed ORDER BY path");
   std::vector<UnreadablePath> all;
   while (row.row()) all.push_back({std::string(row.bytes(0)), std::string(row.bytes(1))});
@@ -903,7 +489,7 @@ Result<void> Index::settle() {
 
 Result<std::uint64_t> Index::staleCount() const {
   const auto reader = state_->readers.borrow();
-  if (!reader) return unreadable(state_->path);
+  if (!reader) return state_->unreadable();
   Statement& row = reader->statement("SELECT count(*) FROM stale");
   if (!row.row()) return state_->failure(*reader);
   const auto count = static_cast<std::uint64_t>(row.integer(0));

@@ -1,102 +1,32 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/index/Indexer.h"
 
-#include <dirent.h>
 #include <pthread.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
 #include <chrono>
-#include <ctime>
-#include <filesystem>
 #include <map>
 #include <optional>
 #include <set>
 #include <string_view>
-#include <system_error>
 #include <thread>
-#include <tuple>
 #include <unordered_map>
 #include <utility>
 
 #include "host/index/BoundedQueue.h"
+#include "host/index/MailboxSight.h"
+#include "host/index/MessageFileReader.h"
+#include "host/index/file_marks.h"
 #include "host/index/index_tables.h"
-#include "host/index/message_record.h"
 
 namespace thmp {
 
 namespace {
 
-// A name is believed gone after this many listings at the latest, all of which missed it.
-constexpr int kMostListings = 12;
-
-// Seconds by which a file server's clock may be ahead of ours.
-constexpr std::int64_t kClockSlack = 60;
-
 using Clock = std::chrono::steady_clock;
-
-struct FileStamp {
-  std::int64_t size = 0;
-  std::int64_t seconds = 0;
-  std::int64_t nanoseconds = 0;
-  std::uint64_t inode = 0;
-};
-
-std::optional<FileStamp> stampOf(const std::string& path) {
-  struct stat status {};
-  if (::stat(path.c_str(), &status) != 0) return std::nullopt;
-  return FileStamp{status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec, status.st_ino};
-}
-
-FileStamp stampOf(const FileFacts& facts) {
-  return {facts.size, facts.modifiedSeconds, facts.modifiedNanoseconds, facts.inode};
-}
-
-std::uint64_t contentMark(const FileStamp& stamp) {
-  const std::array<std::int64_t, 4> numbers{stamp.size, stamp.seconds, stamp.nanoseconds,
-                                            static_cast<std::int64_t>(stamp.inode)};
-  const std::uint64_t mark =
-      fingerprint({reinterpret_cast<const char*>(numbers.data()), sizeof numbers});
-  return mark == 0 ? 1 : mark;
-}
-
-// No file has this mark: what bears it is read again by the next update.
-constexpr std::uint64_t kUnsettledMark = 0;
-
-std::uint64_t placeMark(const MailFolder& folder, const MessageEntry& entry) {
-  return fingerprint(entry.part + "/" + entry.file + "/" + folder.identifier);
-}
-
-// The clock that file systems stamp their changes with.
-std::pair<std::int64_t, std::int64_t> stampClock() {
-  struct timespec now {};
-  ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
-  return {now.tv_sec, now.tv_nsec};
-}
-
-// Where an .emlx message's mail program keeps its attachments: ../Attachments/NUMBER beside the
-// folder of the message.
-std::vector<std::string> attachmentPaths(const std::string& messageFile) {
-  namespace fs = std::filesystem;
-  const fs::path file(messageFile);
-  const std::string name = file.filename().string();
-  const fs::path folder =
-      file.parent_path().parent_path() / "Attachments" / name.substr(0, name.find('.'));
-  std::vector<std::string> paths;
-  std::error_code error;
-  fs::recursive_directory_iterator at(folder, fs::directory_options::skip_permission_denied, error);
-  for (; !error && at != fs::recursive_directory_iterator(); at.increment(error)) {
-    std::error_code ignored;
-    if (at->is_regular_file(ignored)) paths.push_back(at->path().string());
-  }
-  std::sort(paths.begin(), paths.end());
-  return paths;
-}
 
 // The calling thread lets others go first, from now on.
 void standBack() noexcept {
@@ -107,27 +37,6 @@ void standBack() noexcept {
   ::setpriority(PRIO_PROCESS, 0, kNice);
   ::syscall(SYS_ioprio_set, kThisThread, 0, kLastInClass);
 }
-
-struct SeenFile {
-  MessageEntry entry;
-  /// Empty when the file had been renamed again by the time it was looked at.
-  std::optional<FileStamp> stamp;
-};
-
-// One file to be read; of a message that has an ID already, or of a new one.
-struct Work {
-  MessageEntry entry;
-  FileStamp stamp;
-  std::int64_t id = 0;
-};
-
-// What became of one file: an entry, or the reason why there is none; no reason when it is gone.
-struct ReadFile {
-  std::optional<IndexEntry> entry;
-  std::string failure;
-};
-
-bool byName(const SeenFile& a, const SeenFile& b) { return a.entry.name < b.entry.name; }
 
 }  // namespace
 
@@ -140,7 +49,7 @@ class Indexer::Run {
         index_(indexer.index_),
         options_(indexer.options_),
         stopped_(indexer.stopped_),
-        parser_(indexer.options_.limits),
+        reader_(indexer.options_.limits),
         roots_(roots),
         progress_(progress),
         dryRun_(dryRun) {}
@@ -397,139 +306,23 @@ class Indexer::Run {
     }
   }
 
-  // The files of one mailbox as they are, and which of the library's messages are gone.
-  struct Sight {
-    std::vector<SeenFile> files;  // by name, each once
-    std::vector<std::int64_t> gone;
-    std::vector<UnreadablePath> failed;
-    std::string stamp;  // of the listing that shows just these
-  };
-
-  // A listing may miss a file that is renamed meanwhile. So a name is believed gone only when
-  // several listings have missed it, the last one of a folder that did not change, and its file is
-  // not where it was.
-  std::optional<Sight> look(const LibraryMailbox& mailbox,
-                            const std::vector<LibraryMessage>& messages) {
-    Sight sight;
-    for (int listings = 1;; ++listings) {
-      auto listing = listMailbox(mailbox.folder);
-      if (!listing) {
-        sight.failed.push_back({mailbox.folder.path, listing.error().description});
-        unreadableMailbox(mailbox, sight.failed);
-        return std::nullopt;
-      }
-      if (listing->gone) {
-        goneMailboxes_.insert(mailbox.folder.path);
-        return std::nullopt;
-      }
-      addSeen(mailbox.folder, messages, *listing, sight);
-      findGone(messages, sight);
-      if (sight.gone.empty()) {
-        if (listings == 1) sight.stamp = std::move(listing->stamp);
-        return sight;
-      }
-      if ((listings > 1 && listing->quiet) || listings == kMostListings) break;
+  // Empty when it could not be seen, which is noted.
+  std::optional<MailboxSight> look(const LibraryMailbox& mailbox,
+                                   const std::vector<LibraryMessage>& messages) {
+    auto sight = lookAtMailbox(mailbox.folder, messages);
+    const std::string& path = mailbox.folder.path;
+    if (!sight) {
+      unreadableMailbox(mailbox, {{path, sight.error().description}});
+      return std::nullopt;
     }
-    keepThoseThere(mailbox.folder, messages, sight);
-    return sight;
+    if (!*sight) goneMailboxes_.insert(path);
+    return *std::move(sight);
   }
 
   void unreadableMailbox(const LibraryMailbox& mailbox, const std::vector<UnreadablePath>& failed) {
     setFailed(mailbox.folder.path, failed);
     coverage_.failed += failed.size();
     coverage_.seen += failed.size();
-  }
-
-  // Adds what the listing shows and `sight` lacks. A name that was listed is there, even when its
-  // file cannot be caught under it.
-  void addSeen(const MailFolder& folder, const std::vector<LibraryMessage>& messages,
-               const MailboxListing& listing, Sight& sight) {
-    sight.failed = listing.failed;
-    std::vector<SeenFile> files;
-    files.reserve(listing.entries.size());
-    std::vector<SeenFile> before = std::move(sight.files);
-    auto have = before.begin();
-    for (std::size_t i = 0; i < listing.entries.size();) {
-      std::size_t next = i + 1;
-      while (next < listing.entries.size() &&
-             listing.entries[next].name == listing.entries[i].name) {
-        ++next;
-      }
-      const std::string& name = listing.entries[i].name;
-      for (; have != before.end() && have->entry.name < name; ++have) files.push_back(*have);
-      if (have != before.end() && have->entry.name == name) {
-        files.push_back(*have++);
-      } else {
-        addBest(folder, messages, {listing.entries.data() + i, next - i}, files, sight.failed);
-      }
-      i = next;
-    }
-    files.insert(files.end(), have, before.end());
-    sight.files = std::move(files);
-  }
-
-  // Of several files with one name: the one that the library knows, else a complete one in `cur`.
-  static void addBest(const MailFolder& folder, const std::vector<LibraryMessage>& messages,
-                      std::span<const MessageEntry> entries, std::vector<SeenFile>& files,
-                      std::vector<UnreadablePath>& failed) {
-    const auto known = std::lower_bound(
-        messages.begin(), messages.end(), entries[0].name,
-        [](const LibraryMessage& one, const std::string& name) { return one.entry.name < name; });
-    const auto rank = [&](const MessageEntry& entry) {
-      const bool isKnown = known != messages.end() && known->entry == entry;
-      const bool isPartial = entry.file.ends_with(".partial.emlx");
-      return std::tuple(!isPartial, isKnown, entry.part == "cur");
-    };
-    std::vector<const MessageEntry*> order;
-    for (const MessageEntry& entry : entries) order.push_back(&entry);
-    std::stable_sort(order.begin(), order.end(), [&](const MessageEntry* a, const MessageEntry* b) {
-      return rank(*a) > rank(*b);
-    });
-    for (const MessageEntry* entry : order) {
-      const std::string path = messagePath(folder.path, entry->part, entry->file);
-      const auto stamp = stampOf(path);
-      if (stamp) {
-        files.push_back({*entry, stamp});
-        return;
-      }
-      struct stat link {};
-      if (::lstat(path.c_str(), &link) == 0) {
-        failed.push_back({path, "it leads nowhere"});
-        return;
-      }
-    }
-    files.push_back({*order.front(), std::nullopt});
-  }
-
-  static void findGone(const std::vector<LibraryMessage>& messages, Sight& sight) {
-    sight.gone.clear();
-    auto file = sight.files.begin();
-    for (const LibraryMessage& message : messages) {
-      while (file != sight.files.end() && file->entry.name < message.entry.name) ++file;
-      if (file == sight.files.end() || file->entry.name != message.entry.name) {
-        sight.gone.push_back(message.id);
-      }
-    }
-  }
-
-  static void keepThoseThere(const MailFolder& folder, const std::vector<LibraryMessage>& messages,
-                             Sight& sight) {
-    if (sight.gone.empty()) return;
-    std::vector<std::int64_t> gone;
-    auto next = sight.gone.begin();
-    for (const LibraryMessage& message : messages) {
-      if (next == sight.gone.end()) break;
-      if (message.id != *next) continue;
-      ++next;
-      const auto stamp = stampOf(messagePath(folder.path, message.entry.part, message.entry.file));
-      if (stamp) {
-        sight.files.push_back({message.entry, stamp});
-      } else {
-        gone.push_back(message.id);
-      }
-    }
-    std::sort(sight.files.begin(), sight.files.end(), byName);
-    sight.gone = std::move(gone);
   }
 
   // Mail that came or was renamed, without a look at the rest. False, and nothing is done, where
@@ -563,8 +356,7 @@ class Indexer::Run {
     std::sort(listing.entries.begin(), listing.entries.end());
     listing.entries.erase(std::unique(listing.entries.begin(), listing.entries.end()),
                           listing.entries.end());
-    Sight sight;
-    addSeen(mailbox.folder, messages, listing, sight);
+    MailboxSight sight = sightOf(mailbox.folder, messages, listing);
     const bool isPlain = sight.failed.empty() &&
                          std::all_of(sight.files.begin(), sight.files.end(),
                                      [](const SeenFile& file) { return file.stamp.has_value(); });
@@ -590,7 +382,7 @@ class Indexer::Run {
                         : library_.messages(mailbox.id);
     auto files = index_.files(mailbox.id);
     if (!note(messages) || !note(files)) return;
-    std::optional<Sight> sight = look(mailbox, *messages);
+    std::optional<MailboxSight> sight = look(mailbox, *messages);
     if (!sight) return;
     if (!dryRun_) note(index_.setStamp(mailbox.id, {}));
 
@@ -607,10 +399,11 @@ class Indexer::Run {
   // What was seen of the mailbox goes into library and index; `messages` and `files` are what those
   // have of it.
   void bringUpToDate(const LibraryMailbox& mailbox, const std::vector<LibraryMessage>& messages,
-                     const std::unordered_map<std::int64_t, IndexedFile>& files, Sight& sight) {
+                     const std::unordered_map<std::int64_t, IndexedFile>& files,
+                     MailboxSight& sight) {
     LibraryChanges changes;
-    std::vector<Work> renamed;
-    std::vector<Work> toRead;
+    std::vector<FileToRead> renamed;
+    std::vector<FileToRead> toRead;
     compare(messages, files, mailbox.folder, sight, changes, renamed, toRead);
     failed_ = std::move(sight.failed);
     coverage_.seen += failed_.size();
@@ -628,8 +421,8 @@ class Indexer::Run {
 
   void compare(const std::vector<LibraryMessage>& messages,
                const std::unordered_map<std::int64_t, IndexedFile>& files, const MailFolder& folder,
-               const Sight& sight, LibraryChanges& changes, std::vector<Work>& renamed,
-               std::vector<Work>& toRead) {
+               const MailboxSight& sight, LibraryChanges& changes, std::vector<FileToRead>& renamed,
+               std::vector<FileToRead>& toRead) {
     changes.removed = sight.gone;
     auto message = messages.begin();
     for (const SeenFile& file : sight.files) {
@@ -653,7 +446,7 @@ class Indexer::Run {
         continue;
       }
       if (message->entry != file.entry) changes.moved.push_back({message->id, file.entry});
-      const Work work{file.entry, *file.stamp, message->id};
+      const FileToRead work{file.entry, *file.stamp, message->id};
       const bool isRead =
           indexed != files.end() && indexed->second.content == contentMark(*file.stamp);
       const bool isInPlace = isRead && indexed->second.place == placeMark(folder, file.entry);
@@ -667,8 +460,8 @@ class Indexer::Run {
       coverage_.incomplete += indexed->second.incomplete;
     }
     // Those with an ID first, then the new ones in the order in which they came.
-    std::sort(toRead.begin(), toRead.end(), [](const Work& a, const Work& b) {
-      const auto key = [](const Work& work) {
+    std::sort(toRead.begin(), toRead.end(), [](const FileToRead& a, const FileToRead& b) {
+      const auto key = [](const FileToRead& work) {
         const std::int64_t delivered = deliverySecond(work.entry.file);
         return std::tuple(work.id == 0, work.id, delivered >= 0 ? delivered : work.stamp.seconds,
                           std::string_view(work.entry.name));
@@ -699,9 +492,9 @@ class Indexer::Run {
   // A rename changes flags and names; the message need not be read again.
   void renameAll(const LibraryMailbox& mailbox,
                  const std::unordered_map<std::int64_t, IndexedFile>& files,
-                 const std::vector<Work>& renamed) {
+                 const std::vector<FileToRead>& renamed) {
     std::vector<IndexEntry> entries;
-    for (const Work& work : renamed) {
+    for (const FileToRead& work : renamed) {
       if (!good()) return;
       const auto message = index_.get(work.id);
       if (!message) continue;
@@ -725,48 +518,34 @@ class Indexer::Run {
     if (good() && !entries.empty()) note(index_.put(entries));
   }
 
-  static MessagePlace placeOf(const MailFolder& folder, const MessageEntry& entry,
-                              const FileFacts& facts) {
-    MessagePlace place;
-    place.format = messageFormat(folder.format, entry.file);
-    place.fileName = entry.file;
-    place.isNew = folder.format == MessageFormat::kMaildir && entry.part == "new";
-    place.mailboxIdentifier = folder.identifier;
-    place.facts = facts;
-    if (place.format == MessageFormat::kEmlx) {
-      place.attachmentPaths = attachmentPaths(messagePath(folder.path, entry.part, entry.file));
-    }
-    return place;
-  }
-
   // Reads and stores in batches; a batch in hand is stored even when the update is stopped. Where
   // there is much to read, another thread reads while this one stores.
-  void readAll(const LibraryMailbox& mailbox, const std::vector<Work>& toRead) {
+  void readAll(const LibraryMailbox& mailbox, const std::vector<FileToRead>& toRead) {
     constexpr std::size_t kMuch = 64;
     // So much that reading goes on while words are written, which takes the longest.
     constexpr std::size_t kReadAhead = 1500;
     constexpr std::size_t kBytesAhead = std::size_t{24} << 20;
     Batch batch;
     if (toRead.size() < kMuch) {
-      for (const Work& work : toRead) {
+      for (const FileToRead& work : toRead) {
         if (!good() || isStopped()) break;
-        take(mailbox, work, readOne(mailbox, work), batch);
+        take(mailbox, work, reader_.read(mailbox, work), batch);
       }
       return store(mailbox, batch);
     }
     BoundedQueue<ReadFile> read(kReadAhead, kBytesAhead);
     std::thread reader([&]() noexcept {
       if (options_.isPolite) standBack();
-      for (const Work& work : toRead) {
+      for (const FileToRead& work : toRead) {
         if (isStopped()) break;
-        ReadFile file = readOne(mailbox, work);
-        const std::size_t bytes = sizeOf(file);
+        ReadFile file = reader_.read(mailbox, work);
+        const std::size_t bytes = bytesOf(file);
         if (!read.put(std::move(file), bytes)) break;
       }
       read.close();
     });
     pthread_setname_np(reader.native_handle(), "mail-reader");
-    for (const Work& work : toRead) {
+    for (const FileToRead& work : toRead) {
       if (!good() || isStopped()) break;
       std::optional<ReadFile> file = read.take();
       if (!file) break;
@@ -777,21 +556,14 @@ class Indexer::Run {
     store(mailbox, batch);
   }
 
-  // Of what can be large.
-  static std::size_t sizeOf(const ReadFile& file) {
-    if (!file.entry) return 0;
-    const IndexEntry& entry = *file.entry;
-    return entry.textContent->size() + entry.words->text.size() + entry.words->rest.size();
-  }
-
   // What is stored in one go.
   struct Batch {
-    std::vector<Work> read;
+    std::vector<FileToRead> read;
     std::vector<IndexEntry> entries;
     std::size_t bytes = 0;
   };
 
-  void take(const LibraryMailbox& mailbox, const Work& work, ReadFile file, Batch& batch) {
+  void take(const LibraryMailbox& mailbox, const FileToRead& work, ReadFile file, Batch& batch) {
     if (!file.entry) {
       // Without a reason it went or was renamed since it was listed.
       if (file.failure.empty()) {
@@ -820,8 +592,8 @@ class Indexer::Run {
     for (int round = 0; round < kMostRounds && !vanished_.empty(); ++round) {
       const auto listing = listMailbox(mailbox.folder);
       if (!listing) break;
-      std::vector<Work> again;
-      for (Work& work : vanished_) {
+      std::vector<FileToRead> again;
+      for (FileToRead& work : vanished_) {
         const auto now = std::lower_bound(listing->entries.begin(), listing->entries.end(),
                                           MessageEntry{work.entry.name, {}, {}});
         if (now == listing->entries.end() || now->name != work.entry.name) continue;
@@ -833,39 +605,10 @@ class Indexer::Run {
     vanished_.clear();
   }
 
-  // Any thread.
-  ReadFile readOne(const LibraryMailbox& mailbox, const Work& work) const {
-    const std::string path = messagePath(mailbox.folder.path, work.entry.part, work.entry.file);
-    const auto started = stampClock();
-    auto file = readMessageFile(path, options_.limits.fileBytes);
-    if (!file) {
-      const auto code = static_cast<int>(file.error().code);
-      return {std::nullopt, code == ENOENT ? "" : std::generic_category().message(code)};
-    }
-    ParsedMessage parsed =
-        parser_.parse(file->bytes, placeOf(mailbox.folder, work.entry, file->facts));
-    IndexEntry entry;
-    entry.id = work.id;
-    entry.mailbox = mailbox.id;
-    const FileStamp stamp = stampOf(file->facts);
-    // A stamp as young as this would not show a change that follows at once. One far ahead would.
-    const bool isSettled = std::pair(stamp.seconds, stamp.nanoseconds) < started ||
-                           stamp.seconds > started.first + kClockSlack;
-    entry.file.content = isSettled ? contentMark(stamp) : kUnsettledMark;
-    entry.file.place = placeMark(mailbox.folder, work.entry);
-    entry.file.incomplete = !parsed.incomplete.empty();
-    entry.attributes = std::move(parsed.attributes);
-    entry.queryOnly = std::move(parsed.queryOnly);
-    entry.textContent = std::move(parsed.textContent);
-    entry.incomplete = std::move(parsed.incomplete);
-    entry.words = wordsOf(entry);
-    return {std::move(entry), {}};
-  }
-
   void store(const LibraryMailbox& mailbox, Batch& batch) {
     if (!good() || batch.entries.empty()) return;
     LibraryChanges changes;
-    for (const Work& work : batch.read) {
+    for (const FileToRead& work : batch.read) {
       if (work.id == 0) changes.added.push_back(work.entry);
     }
     if (!changes.added.empty()) {
@@ -887,7 +630,7 @@ class Indexer::Run {
   Index& index_;
   const IndexerOptions& options_;
   const std::atomic<bool>& stopped_;
-  const MessageParser parser_;
+  const MessageFileReader reader_;
   const std::vector<std::string>& roots_;
   const Progress& progress_;
   const bool dryRun_;
@@ -901,7 +644,7 @@ class Indexer::Run {
   std::vector<std::string> sources_;
   // Of the mailbox in hand.
   std::vector<UnreadablePath> failed_;
-  std::vector<Work> vanished_;
+  std::vector<FileToRead> vanished_;
   bool isWhole_ = true;  // each file was caught and need not be read again
   // What is told of a mailbox at the end of a look at it makes all before it lasting.
   Index::Commit commit_ = Index::Commit::kWithOthers;

@@ -101,6 +101,20 @@ class Transaction {
   bool open_;
 };
 
+/// All that is read until it ends is of one state of the database.
+class ReadTransaction {
+ public:
+  explicit ReadTransaction(Connection& connection) : connection_(connection) {
+    static_cast<void>(connection_.execute("BEGIN"));
+  }
+  ~ReadTransaction() { static_cast<void>(connection_.execute("COMMIT")); }
+  ReadTransaction(const ReadTransaction&) = delete;
+  ReadTransaction& operator=(const ReadTransaction&) = delete;
+
+ private:
+  Connection& connection_;
+};
+
 /// Read-only connections to one file, as many as there are readers at once.
 class ReadPool {
  public:
