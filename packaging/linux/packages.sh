@@ -5,7 +5,7 @@
 program_packages=(g++ cmake ninja-build pkg-config python3 libsqlite3-dev libexpat1-dev
   libutf8proc-dev libgmime-3.0-dev libcli11-dev libfmt-dev nlohmann-json3-dev scdoc)
 test_packages=(libgtest-dev libgmock-dev libbenchmark-dev libplist3 clang clang-format clang-tidy libclang-rt-14-dev
-  binutils util-linux procps)
+  binutils util-linux procps strace fish zsh)
 
 say() { printf '\n== %s\n' "$*"; }
 

@@ -311,10 +311,6 @@ void link(const std::string& target, const std::string& path) {
   EXPECT_EQ(::symlink(target.c_str(), path.c_str()), 0);
 }
 
-void giveAway(const std::string& path) {
-  EXPECT_EQ(::chown(path.c_str(), testing::kNobody, testing::kNobody), 0);
-}
-
 const Layout kLayouts[] = {
     {"Nothing", [](const std::string&) {}, true, false},
     {"OwnFolderOpenToAll",
@@ -369,13 +365,13 @@ const Layout kLayouts[] = {
     {"SomebodyElsesProgramFolder",
      [](const std::string& cache) {
        testing::makeFolder(cache + "/tallyhive");
-       giveAway(cache + "/tallyhive");
+       testing::giveAway(cache + "/tallyhive");
      },
      false, true},
     {"SomebodyElsesStore",
      [](const std::string& cache) {
        testing::makeFolder(cache + "/tallyhive/pasteboards");
-       giveAway(cache + "/tallyhive/pasteboards");
+       testing::giveAway(cache + "/tallyhive/pasteboards");
      },
      false, true},
     {"FileInPlaceOfTheCache",
@@ -386,33 +382,38 @@ const Layout kLayouts[] = {
      false, false},
 };
 
-TEST_P(PasteboardStoreLayouts, AreUsedOrRefusedWithOneLine) {
-  if (std::string_view(GetParam().name).starts_with("SomebodyElses") && ::geteuid() != 0) {
-    GTEST_SKIP() << "only root can make a folder somebody else's";
-  }
-  const TemporaryFolder folder;
-  const std::string cache = folder.at("cache");
+void expectUsedOrRefused(const Layout& layout, const std::string& cache) {
   testing::makeFolder(cache);
-  GetParam().arrange(cache);
+  layout.arrange(cache);
   testing::CollectingLog log;
   PasteboardStore store(cache, log);
   for (int i = 0; i < 3; ++i) {
     Error error;
     const auto pasteboard = store.makeUnique(&error);
-    EXPECT_EQ(pasteboard != nullptr, GetParam().usable) << error.text();
-    EXPECT_EQ(error.isSet(), !GetParam().usable);
+    EXPECT_EQ(pasteboard != nullptr, layout.usable) << error.text();
+    EXPECT_EQ(error.isSet(), !layout.usable);
     if (!pasteboard) continue;
     EXPECT_TRUE(pasteboard->setPropertyList(1, kType));
   }
   const auto lines = log.lines();
-  EXPECT_EQ(lines.size(), GetParam().told ? 1U : 0U);
+  EXPECT_EQ(lines.size(), layout.told ? 1U : 0U);
   for (const std::string& line : lines) EXPECT_TRUE(line.starts_with("tallyhive: ")) << line;
   if (testing::exists(cache + "/outside")) {
     EXPECT_TRUE(testing::namesIn(cache + "/outside").empty());
   }
-  if (GetParam().usable) {
+  if (layout.usable) {
     EXPECT_EQ(testing::modeOf(cache + "/tallyhive"), 0700U);
     EXPECT_EQ(testing::modeOf(cache + "/tallyhive/pasteboards"), 0700U);
+  }
+}
+
+TEST_P(PasteboardStoreLayouts, AreUsedOrRefusedWithOneLine) {
+  const TemporaryFolder folder;
+  const auto play = [&] { expectUsedOrRefused(GetParam(), folder.at("cache")); };
+  if (std::string_view(GetParam().name).starts_with("SomebodyElses")) {
+    testing::whereOneMayMount(play);
+  } else {
+    play();
   }
 }
 

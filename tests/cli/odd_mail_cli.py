@@ -46,12 +46,8 @@ class OddMail(Scenario):
         """Root is refused nothing."""
         if os.geteuid() != 0:
             return
-        if not shutil.which("setpriv"):
-            self.skipTest("cannot play another user here")
         self.user = ("setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}", "--clear-groups")
         subprocess.run(["chown", "-Rh", f"{NOBODY}:{NOBODY}", str(self.world.root)], check=True)
-        if self.run_host("--version").returncode != 0:
-            self.skipTest("the other user may not run the programs")
 
 
 class Folders(OddMail):

@@ -28,11 +28,10 @@ class FakeScene : public Scene {
     files_.setReadable(folder, false);
     files_.setPermissions(folder, 0300);
   }
-  bool makeAnothers(const std::string& folder) override {
+  void makeAnothers(const std::string& folder) override {
     files_.makeFolder(folder);
     files_.setReadable(folder, false);
     files_.setPermissions(folder, 0700);
-    return true;
   }
   void rename(const std::string& from, const std::string& to) override { files_.rename(from, to); }
   void erase(const std::string& path) override { files_.erase(path); }

@@ -33,9 +33,8 @@ class Scene {
   virtual void makeUnwritable(const std::string& folder) = 0;
   /// By its access bits.
   virtual void makeUnreadable(const std::string& folder) = 0;
-  /// A folder of another user's, who might read it by its access bits. False where this process can
-  /// make none.
-  virtual bool makeAnothers(const std::string& folder) = 0;
+  /// A folder of another user's, who might read it by its access bits. Only where one may mount.
+  virtual void makeAnothers(const std::string& folder) = 0;
   virtual void rename(const std::string& from, const std::string& to) = 0;
   /// With all it holds.
   virtual void erase(const std::string& path) = 0;
@@ -179,6 +178,7 @@ inline std::string implementationName(const testing::TestParamInfo<Implementatio
 }  // namespace thmp::contract
 
 /// Runs the suite over all implementations.
-#define THMP_RUN_CONTRACT(suite)                                                                  \
-  INSTANTIATE_TEST_SUITE_P(Platform, suite, testing::ValuesIn(thmp::contract::implementations()), \
+#define THMP_RUN_CONTRACT(suite)                                                   \
+  INSTANTIATE_TEST_SUITE_P(Platform, suite,                                        \
+                           ::testing::ValuesIn(thmp::contract::implementations()), \
                            thmp::contract::implementationName)

@@ -11,6 +11,7 @@
 #include "platform/fake/ForwardingFiles.h"
 #include "platform/fake/RecordingLog.h"
 #include "tests/contract/fixtures.h"
+#include "tests/support/child_process.h"
 
 namespace thmp {
 namespace {
@@ -99,15 +100,19 @@ TEST_P(FullDiskAccessContract, FolderClosedByItsPermissionsIsNeitherReportedNorA
 }
 
 TEST_P(FullDiskAccessContract, FolderThatItsOwnerMightReadAndWeCannotIsReported) {
-  if (!scene().makeAnothers(at("theirs"))) GTEST_SKIP() << "only root can make one";
-  scene().makeFolder(at("open"));
-  EXPECT_EQ(printed({at("")}), WorkList{at("open")});
-  EXPECT_EQ(log.lines(), std::vector<std::string>{"FDA protected: " + at("theirs")});
+  testing::whereOneMayMount([this] {
+    scene().makeAnothers(at("theirs"));
+    scene().makeFolder(at("open"));
+    EXPECT_EQ(printed({at("")}), WorkList{at("open")});
+    EXPECT_EQ(log.lines(), std::vector<std::string>{"FDA protected: " + at("theirs")});
+  });
 }
 
 TEST_P(FullDiskAccessContract, AnothersFolderIsNoRefusalOfTheSystem) {
-  if (!scene().makeAnothers(at("Library/Mail"))) GTEST_SKIP() << "only root can make one";
-  EXPECT_TRUE(access.thmp_checkHasFullDiskAccess());
+  testing::whereOneMayMount([this] {
+    scene().makeAnothers(at("Library/Mail"));
+    EXPECT_TRUE(access.thmp_checkHasFullDiskAccess());
+  });
 }
 
 TEST_P(FullDiskAccessContract, FoldersBehindLinksAreNotAdded) {

@@ -335,13 +335,8 @@ class ChangingMail(Scenario):
 
     def other_user(self):
         """Root is refused nothing. What goes before a program so that it runs as a user who owns this world."""
-        if not shutil.which("setpriv"):
-            self.skipTest("cannot play another user here")
         subprocess.run(["chown", "-Rh", f"{OTHER_USER}:{OTHER_USER}", str(self.world.root)], check=True)
-        other = ("setpriv", f"--reuid={OTHER_USER}", f"--regid={OTHER_USER}", "--clear-groups")
-        if self.world.run(*other, HOST, "--version").returncode != 0:
-            self.skipTest("the other user may not run the programs")
-        return other
+        return ("setpriv", f"--reuid={OTHER_USER}", f"--regid={OTHER_USER}", "--clear-groups")
 
 
 if __name__ == "__main__":

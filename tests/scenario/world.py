@@ -4,6 +4,7 @@
 Nothing here waits for time to pass: every wait is for something that the programs do, and gives up loudly after PATIENCE.
 """
 
+import atexit
 import contextlib
 import os
 import pathlib
@@ -21,8 +22,25 @@ import uuid
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ.get("THMP_BUILD", ROOT / "build"))
-HOST = BUILD / "bin" / "tallyhive-mailhost"
-CLIENT = BUILD / "bin" / "tallyhive-mail"
+
+
+def for_all_users(build):
+    """Where another user can run the programs, too: what was built, or a copy when that lies in a folder closed to others."""
+    if os.geteuid() != 0 or all(folder.stat().st_mode & 0o001 for folder in build.parents):
+        return build
+    copy = pathlib.Path(tempfile.mkdtemp(prefix="tallyhive-programs-"))
+    atexit.register(shutil.rmtree, copy)
+    copy.chmod(0o755)
+    (copy / "bin").mkdir()
+    for program in ("tallyhive-mailhost", "tallyhive-mail"):
+        shutil.copy2(build / "bin" / program, copy / "bin")
+    shutil.copytree(build / "lib", copy / "lib")
+    return copy
+
+
+PROGRAMS = for_all_users(BUILD)
+HOST = PROGRAMS / "bin" / "tallyhive-mailhost"
+CLIENT = PROGRAMS / "bin" / "tallyhive-mail"
 SAMPLE = pathlib.Path(os.environ.get("THMP_MAIL_SAMPLE", ROOT.parent / "shared" / "mail-sample"))
 # The host indexes politely, behind all else that a busy machine does.
 PATIENCE = 240.0

@@ -1,15 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Parts of a test in a process of their own, where they may do what the tests' own cannot take
-// back.
+// back, or may not do at all.
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <fstream>
 #include <functional>
+#include <string>
 
 namespace thmp::testing {
 
@@ -35,6 +40,42 @@ inline int resultAsNobody(const std::function<int()>& body) {
     }
     return body();
   });
+}
+
+/// True when this process, which has one thread, now has mounts of its own and may make more.
+inline bool enterOwnMounts() {
+  const std::string user = std::to_string(::geteuid());
+  const std::string group = std::to_string(::getegid());
+  if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return false;
+  std::ofstream("/proc/self/setgroups") << "deny";
+  std::ofstream("/proc/self/uid_map") << user + " " + user + " 1";
+  std::ofstream("/proc/self/gid_map") << group + " " + group + " 1";
+  return ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
+
+/// Runs `body`, with its expectations, where it may mount: here in a process that root started, or
+/// in a child process with namespaces of its own, and skips the test where the system gives none.
+inline void whereOneMayMount(const std::function<void()>& body) {
+  if (::getuid() == 0) return body();
+  constexpr int kFailed = 1;
+  constexpr int kNotAllowed = 2;
+  const int result = resultInChild([&] {
+    if (!enterOwnMounts()) return kNotAllowed;
+    body();
+    std::fflush(stdout);
+    return ::testing::Test::HasFailure() ? kFailed : 0;
+  });
+  if (result == kNotAllowed) GTEST_SKIP() << "this system lets root alone mount";
+  EXPECT_EQ(result, 0);
+}
+
+/// Makes `folder` somebody else's, with no rights for us. Only where one may mount.
+inline void giveAway(const std::string& folder) {
+  if (::getuid() == 0) {
+    EXPECT_EQ(::chown(folder.c_str(), kNobody, kNobody), 0);
+  } else {
+    EXPECT_EQ(::mount("/root", folder.c_str(), nullptr, MS_BIND, nullptr), 0);
+  }
 }
 
 }  // namespace thmp::testing
