@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <sys/random.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <utility>
@@ -132,6 +133,11 @@ bool makeFolder(int parent, const std::string& name) {
 
 }  // namespace
 
+void syncFolder(const std::string& path) {
+  const Descriptor folder = openAt(AT_FDCWD, path, O_RDONLY | O_DIRECTORY);
+  if (folder) ::fsync(folder.get());
+}
+
 bool createFolders(const std::string& path) {
   if (path.empty() || path.front() != '/' || path.find('\0') != std::string::npos) {
     errno = EINVAL;
@@ -140,12 +146,16 @@ bool createFolders(const std::string& path) {
   if (isFolder(path)) return true;
   for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
     const std::string part = path.substr(0, end);
-    if (!isFolder(part) && !makeFolder(AT_FDCWD, part)) {
-      const int number = errno;
-      // Somebody else may have made it meanwhile.
-      if (!isFolder(part)) {
-        errno = number == EEXIST ? ENOTDIR : number;
-        return false;
+    if (!isFolder(part)) {
+      if (makeFolder(AT_FDCWD, part)) {
+        syncFolder(path.substr(0, std::max<std::size_t>(path.rfind('/', end - 1), 1)));
+      } else {
+        const int number = errno;
+        // Somebody else may have made it meanwhile.
+        if (!isFolder(part)) {
+          errno = number == EEXIST ? ENOTDIR : number;
+          return false;
+        }
       }
     }
     if (end == std::string::npos) return true;

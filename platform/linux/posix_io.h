@@ -52,7 +52,11 @@ std::optional<std::vector<std::string>> listFolder(int folder);
 /// The same of a folder that is opened for this alone, which spares a descriptor.
 std::optional<std::vector<std::string>> listOpenedFolder(Descriptor folder);
 
-/// Makes `path` and what is missing above it, private to the user. An existing folder is success.
+/// Has the names in the folder outlast a power loss, as far as its file system can.
+void syncFolder(const std::string& path);
+
+/// Makes `path` and what is missing above it, private to the user and synced into the folder above.
+/// An existing folder is success.
 bool createFolders(const std::string& path);
 
 /// Opens the folder `name` in `parent`, made when it is missing and `create` is set. A folder of
