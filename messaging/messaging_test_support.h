@@ -80,7 +80,7 @@ class ReceivingCenter : public THMPCommunicationCenter, public protocol::THMPCom
   using thmp::THMPCommunicationCenter::THMPCommunicationCenter;
 };
 
-class MessagingTest : public testing::Test {
+class MessagingTest : public ::testing::Test {
  protected:
   /// A file of `folder` as another process would write it.
   void place(const std::string& path, const Value& root) {
