@@ -3,8 +3,9 @@
 // Writes the binary encoding in two passes: the first gives every object a number, breadth first,
 // and collects the references of the containers in the order in which they will be written; the
 // second writes. Equal scalars and texts get one number, a shared container is written once. Rows
-// of one table usually have the same keys and often the same values as the row before, so that row
-// is looked at before the tables.
+// of one table usually have nearly the same keys and often the same values as the row before, so
+// that row is looked at before the tables; and the values that many rows were lent by one
+// dictionary are looked up once.
 #include <bit>
 #include <cmath>
 #include <cstring>
@@ -20,6 +21,7 @@ namespace thmp {
 namespace {
 
 using value_internal::Access;
+using value_internal::ContainerNode;
 using value_internal::entriesOf;
 using value_internal::Node;
 using value_internal::valuesOf;
@@ -37,7 +39,7 @@ struct Object {
   std::size_t size() const { return node() == nullptr ? 0 : node()->size; }
   /// False for a node that only one place refers to, and which therefore does not come again.
   bool mayComeAgain() const {
-    return kind < Kind::kData || node() == nullptr ||
+    return kind < Kind::kData || node() == nullptr || node()->place == value_internal::kForever ||
            node()->references.load(std::memory_order_relaxed) > 1;
   }
   friend bool operator==(const Object&, const Object&) = default;
@@ -69,7 +71,8 @@ constexpr std::uint32_t kNoNumber = UINT32_MAX;
 /// The numbers of objects by kind and bits, with open addressing.
 class IdentityTable {
  public:
-  explicit IdentityTable(std::uint64_t seed) : seed_(seed), slots_(1024) {}
+  explicit IdentityTable(std::uint64_t seed, std::size_t slots = 1024)
+      : seed_(seed), slots_(slots) {}
 
   /// The place of an object's number: kNoNumber when it is new, and for the caller to fill then.
   std::uint32_t& at(const Object& object) {
@@ -185,13 +188,24 @@ void putBig(std::string& out, std::uint64_t number, std::size_t width) {
   out.append(bytes, width);
 }
 
-template <std::size_t kWidth>
-void storeReferences(char* out, std::span<const std::uint32_t> references) {
-  for (const std::uint32_t reference : references) {
+template <std::size_t kWidth, typename Number>
+void storeBig(char* out, std::span<const Number> numbers) {
+  for (const Number number : numbers) {
     for (std::size_t i = 0; i < kWidth; ++i) {
-      *out++ = static_cast<char>(reference >> (8 * (kWidth - 1 - i)) & 0xFF);
+      *out++ = static_cast<char>(number >> (8 * (kWidth - 1 - i)) & 0xFF);
     }
   }
+}
+
+template <typename Number>
+void putAllBig(std::string& out, std::span<const Number> numbers, std::size_t width) {
+  const std::size_t start = out.size();
+  out.resize(start + numbers.size() * width);
+  char* place = out.data() + start;
+  if (width == 1) return storeBig<1>(place, numbers);
+  if (width == 2) return storeBig<2>(place, numbers);
+  if (width == 4 || sizeof(Number) == 4) return storeBig<4>(place, numbers);
+  storeBig<sizeof(Number)>(place, numbers);
 }
 
 constexpr std::uint32_t kReplacement = 0xFFFD;
@@ -250,6 +264,14 @@ bool isAscii(std::string_view text) {
   return true;
 }
 
+/// Whether the dictionary has the value of entry `i` from its lender.
+bool isLent(const ContainerNode& dictionary, std::size_t i, const Object& value) {
+  if (i >= ContainerNode::kMostLent || !dictionary.lent[i]) return false;
+  const bool isOwn = value.kind >= Kind::kData && value.node() != nullptr &&
+                     value_internal::counterOf(value.node()) == &dictionary;
+  return !isOwn;
+}
+
 class BinaryWriter {
  public:
   explicit BinaryWriter(Error* error)
@@ -278,6 +300,13 @@ class BinaryWriter {
     const Entry* entries = nullptr;
     std::size_t size = 0;
     std::size_t firstReference = 0;
+  };
+
+  /// A dictionary that lends its values to others, and the numbers of those that were met.
+  struct Lender {
+    const Node* node;
+    const Entry* entries;
+    std::vector<std::uint32_t> numbers;
   };
 
   /// Differs from run to run, so that nobody outside can choose texts or numbers of one hash.
@@ -320,6 +349,7 @@ class BinaryWriter {
 
   bool numberValues(const Object& array);
   bool numberEntries(const Object& dictionary);
+  Lender* lenderOf(const ContainerNode& dictionary);
   void writeAll();
   void writeObject(const Object& object);
   void writeInteger(const Object& object);
@@ -333,6 +363,9 @@ class BinaryWriter {
   IdentityTable identities_;
   ContentTable contents_;
   Row lastRow_;
+  std::vector<Lender> lenders_;
+  IdentityTable lenderPlaces_{0, 64};
+  std::size_t lastLender_ = 0;
   std::string out_;
   std::size_t referenceSize_ = 0;
   std::size_t nextReference_ = 0;
@@ -347,6 +380,23 @@ bool BinaryWriter::numberValues(const Object& array) {
   return true;
 }
 
+/// Null for a dictionary without one.
+BinaryWriter::Lender* BinaryWriter::lenderOf(const ContainerNode& dictionary) {
+  if (dictionary.lender == nullptr) return nullptr;
+  if (lastLender_ < lenders_.size() && lenders_[lastLender_].node == dictionary.lender) {
+    return &lenders_[lastLender_];
+  }
+  std::uint32_t& place =
+      lenderPlaces_.at({Kind::kDictionary, std::bit_cast<std::uint64_t>(dictionary.lender)});
+  if (place == kNoNumber) {
+    place = static_cast<std::uint32_t>(lenders_.size());
+    lenders_.push_back({dictionary.lender, entriesOf(dictionary.lender),
+                        std::vector<std::uint32_t>(dictionary.lender->size, kNoNumber)});
+  }
+  lastLender_ = place;
+  return &lenders_[place];
+}
+
 bool BinaryWriter::numberEntries(const Object& dictionary) {
   const Row row{dictionary.size() == 0 ? nullptr : entriesOf(dictionary.node()), dictionary.size(),
                 references_.size()};
@@ -355,6 +405,10 @@ bool BinaryWriter::numberEntries(const Object& dictionary) {
   std::uint32_t* values = keys + row.size;
   const std::uint32_t* lastKeys = references_.data() + lastRow_.firstReference;
   const std::uint32_t* lastValues = lastKeys + lastRow_.size;
+  std::size_t last = 0;  // entry of the last row
+  std::size_t lent = 0;  // entry of the lender
+  const ContainerNode* node = static_cast<const ContainerNode*>(dictionary.node());
+  Lender* lender = row.size == 0 ? nullptr : lenderOf(*node);
   for (std::size_t i = 0; i < row.size; ++i) {
     const Entry& entry = row.entries[i];
     if (!isWritable(entry.value)) {
@@ -362,9 +416,24 @@ bool BinaryWriter::numberEntries(const Object& dictionary) {
     }
     const Object key = objectOf(entry.key);
     const Object value = objectOf(entry.value);
-    const Entry* last = i < lastRow_.size ? lastRow_.entries + i : nullptr;
-    keys[i] = last != nullptr && objectOf(last->key) == key ? lastKeys[i] : numberOf(key);
-    values[i] = last != nullptr && objectOf(last->value) == value ? lastValues[i] : numberOf(value);
+    const auto lastHasKey = [&](std::size_t place) {
+      return place < lastRow_.size && objectOf(lastRow_.entries[place].key) == key;
+    };
+    // One of the two rows may lack a key that the other has.
+    const bool isInLast = lastHasKey(last) || (lastHasKey(last + 1) && ++last != 0);
+    keys[i] = isInLast ? lastKeys[last] : numberOf(key);
+    if (lender != nullptr && isLent(*node, i, value)) {
+      // Entries that were left out are passed over: both are in the order of the keys.
+      while (objectOf(lender->entries[lent].key) != key) ++lent;
+      std::uint32_t& number = lender->numbers[lent++];
+      if (number == kNoNumber) number = numberOf(value);
+      values[i] = number;
+    } else if (isInLast && objectOf(lastRow_.entries[last].value) == value) {
+      values[i] = lastValues[last];
+    } else {
+      values[i] = numberOf(value);
+    }
+    if (isInLast) ++last;
   }
   lastRow_ = row;
   return true;
@@ -382,7 +451,7 @@ void BinaryWriter::writeAll() {
   }
   const std::uint64_t table = out_.size();
   const std::size_t offsetSize = widthFor(table);
-  for (std::uint64_t offset : offsets) putBig(out_, offset, offsetSize);
+  putAllBig(out_, std::span<const std::uint64_t>(offsets), offsetSize);
   out_.append(6, '\0');
   out_ += static_cast<char>(offsetSize);
   out_ += static_cast<char>(referenceSize_);
@@ -474,14 +543,10 @@ void BinaryWriter::writeText(std::string_view text) {
 }
 
 void BinaryWriter::writeReferences(std::size_t count) {
-  const auto references = std::span(references_).subspan(nextReference_, count);
+  const auto references =
+      std::span<const std::uint32_t>(references_).subspan(nextReference_, count);
   nextReference_ += count;
-  const std::size_t start = out_.size();
-  out_.resize(start + count * referenceSize_);
-  char* out = out_.data() + start;
-  if (referenceSize_ == 1) return storeReferences<1>(out, references);
-  if (referenceSize_ == 2) return storeReferences<2>(out, references);
-  storeReferences<4>(out, references);
+  putAllBig(out_, references, referenceSize_);
 }
 
 }  // namespace

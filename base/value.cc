@@ -39,6 +39,7 @@ void freeBytes(Node* node) {
 /// Drops one reference that a dying container held: bytes are freed at once, a container is put
 /// before `pending`.
 void dropHeld(Node* node, ContainerNode*& pending) {
+  node = counterOf(node);
   if (node == nullptr || !dropReference(node)) return;
   if (!isContainer(node)) return freeBytes(node);
   auto* container = static_cast<ContainerNode*>(node);
@@ -64,8 +65,10 @@ void destroyNode(Node* node) noexcept {
     } else {
       for (std::size_t i = 0; i < dying->size; ++i) {
         dropHeld(Access::node(entriesOf(dying)[i].key), pending);
-        dropHeld(entriesOf(dying)[i].value, pending);
+        const bool isLent = i < ContainerNode::kMostLent && dying->lent[i];
+        if (!isLent) dropHeld(entriesOf(dying)[i].value, pending);
       }
+      dropHeld(dying->lender, pending);
     }
     freeContainer(dying);
   }
@@ -105,11 +108,12 @@ Element* elementsOf(Node* node) {
 }
 
 /// Makes `ref` the only owner of a container with room for `capacity` elements: leaves it, moves
-/// its elements, or copies them when others hold the container too.
+/// its elements, or copies them when others hold the container or the elements too.
 template <typename Element>
 ContainerNode* makeOwned(NodeRef& ref, Value::Kind kind, std::size_t capacity) {
   auto* old = static_cast<ContainerNode*>(ref.get());
-  const bool sole = old != nullptr && old->references.load(std::memory_order_acquire) == 1;
+  const bool sole =
+      old != nullptr && old->references.load(std::memory_order_acquire) == 1 && old->ownsElements();
   if (sole && old->capacity >= capacity) return old;
   const std::size_t size = old == nullptr ? 0 : old->size;
   const std::size_t grown = sole ? old->capacity + old->capacity / 2 : size;
@@ -195,6 +199,12 @@ void arrangeEntries(std::vector<Entry>& entries) {
 }  // namespace
 
 Text::Text(std::string_view bytes) : node_(value_internal::copyOfBytes(Kind::kText, bytes)) {}
+
+Text Text::forever(std::string_view bytes) {
+  Text text(bytes);
+  if (!bytes.empty()) text.node_.get()->place = value_internal::kForever;
+  return text;
+}
 
 Array::Array(std::initializer_list<Value> values) : Array(std::vector<Value>(values)) {}
 

@@ -37,13 +37,26 @@ struct Access;
 struct Node {
   std::atomic<std::uint32_t> references{1};
   std::uint8_t kind = 0;  // a Value::Kind
-  std::size_t size = 0;   // of bytes, values or entries
+  /// 0 when this node is counted and freed by itself; kForever when never. Otherwise it is part of
+  /// a dictionary's allocation, so many times 8 bytes behind that node, and counted with it.
+  std::uint16_t place = 0;
+  std::size_t size = 0;  // of bytes, values or entries
 };
+
+inline constexpr std::uint16_t kForever = UINT16_MAX;
+
+/// The node that counts the references to this one; null when nobody counts them.
+inline Node* counterOf(Node* node) noexcept {
+  if (node == nullptr || node->place == 0) return node;
+  if (node->place == kForever) return nullptr;
+  return reinterpret_cast<Node*>(reinterpret_cast<char*>(node) - std::size_t{node->place} * 8);
+}
 
 /// Frees a node whose last reference is gone and, without recursion, all that only it held.
 void destroyNode(Node* node) noexcept;
 
 inline void retainNode(Node* node) noexcept {
+  node = counterOf(node);
   if (node != nullptr) node->references.fetch_add(1, std::memory_order_relaxed);
 }
 
@@ -55,6 +68,7 @@ inline bool dropReference(Node* node) noexcept {
 }
 
 inline void releaseNode(Node* node) noexcept {
+  node = counterOf(node);
   if (node != nullptr && dropReference(node)) destroyNode(node);
 }
 
@@ -88,6 +102,8 @@ class Text {
   Text(std::string_view bytes);
   Text(const std::string& bytes) : Text(std::string_view(bytes)) {}
   Text(const char* bytes) : Text(std::string_view(bytes)) {}
+  /// A text that is never freed, so that its copies need no counting: for the names of a process.
+  static Text forever(std::string_view bytes);
 
   std::string_view view() const noexcept {
     const value_internal::Node* node = node_.get();

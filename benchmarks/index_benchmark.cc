@@ -79,8 +79,7 @@ void RecordsDecoded(benchmark::State& state) {
   }
   for (auto _ : state) {
     for (const std::string& record : records) {
-      benchmark::DoNotOptimize(
-          recordAttributes(record, pool, AttributeSelection().set(), Value("1")));
+      benchmark::DoNotOptimize(recordAttributes(record, pool, AttributeSelection().set(), "1"));
     }
   }
   state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(records.size()));

@@ -8,10 +8,10 @@ namespace {
 // One object for each key, shared by all items; never destroyed, because engine threads may outlive
 // the process's static objects.
 struct Keys {
-  const Text attributes{"attributes"};
-  const Text index{"index"};
-  const Text path{"kMDItemPath"};
-  const Text libraryID{"libraryID"};
+  const Text attributes = Text::forever("attributes");
+  const Text index = Text::forever("index");
+  const Text path = Text::forever("kMDItemPath");
+  const Text libraryID = Text::forever("libraryID");
 };
 
 const Keys& keys() {

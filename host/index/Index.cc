@@ -53,7 +53,7 @@ Dictionary IndexedMessage::attributes() const {
 }
 
 Dictionary IndexedMessage::attributes(const AttributeSelection& wanted) const {
-  return recordAttributes(record_, *pool_, wanted, Value(std::to_string(id_)));
+  return recordAttributes(record_, *pool_, wanted, std::to_string(id_));
 }
 
 void IndexedMessage::forEachAttribute(

@@ -5,7 +5,9 @@
 #include <array>
 #include <bit>
 #include <cstring>
+#include <initializer_list>
 
+#include "base/DictionaryBuilder.h"
 #include "host/index/ValuePool.h"
 #include "host/store/message_attributes.h"
 
@@ -242,6 +244,8 @@ class Reader {
   Reader(std::string_view whole, std::size_t at, std::size_t end, const ValuePool* pool)
       : whole_(whole.data()), at_(whole.data() + at), end_(whole.data() + end), pool_(pool) {}
 
+  void makeTextsIn(DictionaryBuilder& builder) { builder_ = &builder; }
+
   bool ok() const { return ok_; }
   bool atEnd() const { return at_ == end_; }
   std::size_t place() const { return static_cast<std::size_t>(at_ - whole_); }
@@ -312,7 +316,7 @@ class Reader {
       case kData:
         return Value(Data{std::string(bytes())});
       case kText:
-        return remember(begin, Value(bytes()));
+        return text(bytes(), depth);
       case kArray:
         return array(depth);
       case kDictionary:
@@ -326,11 +330,11 @@ class Reader {
         break;
       }
       case kEarlier:
-        return earlier(begin);
+        return text(earlier(begin), depth);
       case kAngled:
-        return remember(begin, Value("<" + std::string(*earlier(begin).asText()) + ">"));
+        return text("<" + std::string(earlier(begin)) + ">", depth);
       case kMessageUrl:
-        return Value(messageUrl(*earlier(begin).asText()));
+        return text(messageUrl(earlier(begin)), depth);
       default:
         break;
     }
@@ -339,11 +343,6 @@ class Reader {
   }
 
  private:
-  struct Read {
-    std::size_t place;
-    Value value;
-  };
-
   bool need(std::uint64_t size) {
     if (size > static_cast<std::uint64_t>(end_ - at_)) {
       ok_ = false;
@@ -352,31 +351,22 @@ class Reader {
     return ok_;
   }
 
-  Value remember(std::size_t place, Value value) {
-    constexpr std::size_t kUsualTexts = 24;
-    if (pool_ == nullptr) return value;
-    if (read_.empty()) read_.reserve(kUsualTexts);
-    read_.push_back({place, value});
-    return value;
+  // What an array or dictionary holds must not hold the dictionary that is built.
+  Value text(std::string_view bytes, int depth) {
+    return builder_ == nullptr || depth > 0 ? Value(bytes) : builder_->text(bytes);
   }
 
-  // The text at a place before `begin`; an empty one when there is none.
-  Value earlier(std::size_t begin) {
+  // The text that stands at a place before `begin`; an empty one when there is none.
+  std::string_view earlier(std::size_t begin) {
     const std::uint64_t place = number();
-    if (place >= begin) {
-      ok_ = false;
-      return Value("");
-    }
-    for (const Read& one : read_) {
-      if (one.place == place) return one.value;
-    }
-    Reader reader({whole_, begin}, static_cast<std::size_t>(place), begin, pool_);
-    if (reader.byte() == kText) {
-      const std::string_view text = reader.bytes();
-      if (reader.ok()) return remember(static_cast<std::size_t>(place), Value(text));
+    if (place < begin) {
+      Reader reader({whole_, begin}, static_cast<std::size_t>(place), begin, nullptr);
+      const bool isText = reader.byte() == kText;
+      const std::string_view found = reader.bytes();
+      if (isText && reader.ok()) return found;
     }
     ok_ = false;
-    return Value("");
+    return {};
   }
 
   // Each element takes a byte at least, so a count that cannot be is found before it is believed.
@@ -388,10 +378,10 @@ class Reader {
 
   Value array(int depth) {
     const std::size_t size = count(depth);
-    std::vector<Value> values;
+    Array values;
     values.reserve(size);
     for (std::size_t i = 0; i < size && ok_; ++i) values.push_back(value(depth + 1));
-    return Value(Array(std::move(values)));
+    return Value(std::move(values));
   }
 
   Value dictionary(int depth) {
@@ -410,7 +400,7 @@ class Reader {
   const char* at_;
   const char* const end_;
   const ValuePool* const pool_;
-  std::vector<Read> read_;
+  DictionaryBuilder* builder_ = nullptr;
   bool ok_ = true;
 };
 
@@ -504,6 +494,10 @@ class Walk {
   }
 
   const ValuePool::Entry* shape() const { return shape_; }
+  Dictionary shapeAttributes() const {
+    return shape_ == nullptr ? Dictionary() : *shape_->value.asDictionary();
+  }
+  void makeTextsIn(DictionaryBuilder& builder) { reader_.makeTextsIn(builder); }
   AttributeKey key() const { return static_cast<AttributeKey>(key_); }
 
   /// To the next attribute with a known key; false at the end.
@@ -545,21 +539,18 @@ class Walk {
 };
 
 // Both halves of a record, in the order of the names; only what is wanted is read. `earlier` gives
-// what was visited under an attribute's number, null for one that was not.
-template <typename Wanted, typename Earlier, typename Visit>
-void visitRecord(std::string_view record, const ValuePool& pool, const Wanted& isWanted,
-                 const Earlier& earlier, const Visit& visit) {
-  Walk walk(record, pool);
-  const Dictionary shape =
-      walk.shape() == nullptr ? Dictionary() : *walk.shape()->value.asDictionary();
-  const std::vector<AttributeKey> none;
-  const std::vector<AttributeKey>& keys = walk.shape() == nullptr ? none : walk.shape()->keys;
+// what was visited under an attribute's number, null for one that was not. Both visitors may end
+// the walk with false.
+template <typename Wanted, typename Earlier, typename VisitShape, typename Visit>
+void visitRecord(Walk& walk, std::string_view record, const ValuePool& pool, const Wanted& isWanted,
+                 const Earlier& earlier, const VisitShape& visitShape, const Visit& visit) {
+  const Dictionary shape = walk.shapeAttributes();
+  const AttributeKey* keys = shape.empty() ? nullptr : walk.shape()->keys.data();
   std::size_t place = 0;
+  const auto& ranks = nameRanks();
   const auto visitShapeBelow = [&](std::uint16_t rank) {
-    for (; place < keys.size() && rankOf(keys[place]) < rank; ++place) {
-      if (isWanted(keys[place]) && !visit(keys[place], Value(shape.begin()[place].value))) {
-        return false;
-      }
+    for (; place < shape.size() && ranks[static_cast<std::size_t>(keys[place])] < rank; ++place) {
+      if (isWanted(keys[place]) && !visitShape(keys[place], shape.begin()[place])) return false;
     }
     return true;
   };
@@ -578,14 +569,110 @@ template <typename Wanted>
 void visitEach(std::string_view record, const ValuePool& pool, const Wanted& isWanted,
                const std::function<bool(AttributeKey key, const Value& value)>& visit) {
   std::array<Value, kKeys> seen;
+  Walk walk(record, pool);
+  const auto visitOne = [&](AttributeKey key, Value value) {
+    const bool goesOn = visit(key, value);
+    seen[static_cast<std::size_t>(key)] = std::move(value);
+    return goesOn;
+  };
   visitRecord(
-      record, pool, isWanted, [&seen](std::uint8_t number) { return seen[number]; },
-      [&](AttributeKey key, Value value) {
-        const bool goesOn = visit(key, value);
-        seen[static_cast<std::size_t>(key)] = std::move(value);
-        return goesOn;
-      });
+      walk, record, pool, isWanted, [&seen](std::uint8_t number) { return seen[number]; },
+      [&](AttributeKey key, const Dictionary::Entry& entry) { return visitOne(key, entry.value); },
+      visitOne);
 }
+
+// Makes the dictionary of a record's attributes.
+class AttributesOfRecord {
+ public:
+  AttributesOfRecord(std::string_view record, const ValuePool& pool,
+                     const AttributeSelection& wanted, std::string_view identifier)
+      : record_(record),
+        pool_(pool),
+        wanted_(wanted),
+        identifier_(identifier),
+        walk_(record, pool),
+        builder_(std::min(kMostAttributes, wanted.count()), record.size() + kMoreTextBytes,
+                 walk_.shapeAttributes()) {
+    walk_.makeTextsIn(builder_);
+  }
+
+  Dictionary make() {
+    visitRecord(
+        walk_, record_, pool_, [this](AttributeKey key) { return isWanted(key); },
+        [this](std::uint8_t number) { return earlier(number); },
+        [this](AttributeKey key, const Dictionary::Entry& entry) {
+          putIdentifierBefore(rank(key));
+          putShared(key, entry);
+          return true;
+        },
+        [this](AttributeKey key, Value value) {
+          putIdentifierBefore(rank(key));
+          put(key, std::move(value));
+          return true;
+        });
+    putIdentifierBefore(UINT16_MAX);
+    return disordered_ ? std::move(*disordered_) : builder_.finish();
+  }
+
+ private:
+  // All that there are.
+  static constexpr std::size_t kMostAttributes =
+      static_cast<std::size_t>(AttributeKey::kFetchedCount) +
+      static_cast<std::size_t>(AttributeKey::kEnd) -
+      static_cast<std::size_t>(AttributeKey::kBeforeQueryOnly);
+  static_assert(kMostAttributes <= DictionaryBuilder::kMostEntries);
+  // The heads of texts, and those that a record has in a shorter form.
+  static constexpr std::size_t kMoreTextBytes = 1024;
+
+  bool isWanted(AttributeKey key) const { return wanted_[static_cast<std::size_t>(key)]; }
+
+  int rank(AttributeKey key) const { return ranks_[static_cast<std::size_t>(key)]; }
+
+  // In the order of the names, unless the record is not what was written.
+  bool isNext(AttributeKey key) {
+    if (disordered_) return false;
+    if (rank(key) > last_) {
+      last_ = rank(key);
+      return true;
+    }
+    disordered_ = builder_.finish();
+    places_.fill(0);
+    return false;
+  }
+
+  void put(AttributeKey key, Value value) {
+    if (!isNext(key)) return disordered_->set(keyText(key), std::move(value));
+    builder_.append(keyText(key), std::move(value));
+    places_[static_cast<std::size_t>(key)] = static_cast<std::uint8_t>(builder_.size());
+  }
+
+  void putShared(AttributeKey key, const Dictionary::Entry& entry) {
+    if (!isNext(key)) return disordered_->set(entry.key, entry.value);
+    builder_.appendLent(entry);
+  }
+
+  void putIdentifierBefore(int next) {
+    if (!isIdentifierDue_ || next < rank(AttributeKey::kExternalID)) return;
+    isIdentifierDue_ = false;
+    put(AttributeKey::kExternalID, builder_.text(identifier_));
+  }
+
+  Value earlier(std::uint8_t number) const {
+    return places_[number] == 0 ? Value() : builder_.begin()[places_[number] - 1].value;
+  }
+
+  const std::string_view record_;
+  const ValuePool& pool_;
+  const AttributeSelection& wanted_;
+  const std::string_view identifier_;
+  Walk walk_;
+  DictionaryBuilder builder_;
+  std::optional<Dictionary> disordered_;
+  std::array<std::uint8_t, kKeys> places_{};  // of a key's entry, counted from 1
+  const std::array<std::uint16_t, kKeys>& ranks_ = nameRanks();
+  int last_ = -1;
+  bool isIdentifierDue_ = isWanted(AttributeKey::kExternalID);
+};
 
 }  // namespace
 
@@ -711,43 +798,8 @@ void forEachInRecord(std::string_view record, const ValuePool& pool,
 }
 
 Dictionary recordAttributes(std::string_view record, const ValuePool& pool,
-                            const AttributeSelection& wanted, const Value& identifier) {
-  const auto isWanted = [&wanted](AttributeKey key) {
-    return wanted[static_cast<std::size_t>(key)];
-  };
-  constexpr std::size_t kUsualAttributes = 64;
-  Dictionary attributes;
-  attributes.reserve(std::min(kUsualAttributes, wanted.count()));
-  std::array<std::uint8_t, kKeys> places{};  // of a key's entry, counted from 1
-  int last = -1;
-  // In the order of the names, unless the record is not what was written.
-  const auto put = [&](AttributeKey key, Value value) {
-    const int rank = rankOf(key);
-    if (rank <= last) {
-      attributes.set(keyText(key), std::move(value));
-      places.fill(0);
-      return;
-    }
-    last = rank;
-    attributes.append(keyText(key), std::move(value));
-    places[static_cast<std::size_t>(key)] = static_cast<std::uint8_t>(attributes.size());
-  };
-  bool isIdentifierDue = isWanted(AttributeKey::kExternalID);
-  const auto putIdentifierBefore = [&](std::uint16_t rank) {
-    if (!isIdentifierDue || rank < rankOf(AttributeKey::kExternalID)) return;
-    put(AttributeKey::kExternalID, identifier);
-    isIdentifierDue = false;
-  };
-  const auto earlier = [&](std::uint8_t number) {
-    return places[number] == 0 ? Value() : attributes.begin()[places[number] - 1].value;
-  };
-  visitRecord(record, pool, isWanted, earlier, [&](AttributeKey key, Value value) {
-    putIdentifierBefore(rankOf(key));
-    put(key, std::move(value));
-    return true;
-  });
-  putIdentifierBefore(UINT16_MAX);
-  return attributes.empty() ? Dictionary() : attributes;
+                            const AttributeSelection& wanted, std::string_view identifier) {
+  return AttributesOfRecord(record, pool, wanted, identifier).make();
 }
 
 std::string encodeValue(const Value& value) {

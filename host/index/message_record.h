@@ -45,7 +45,7 @@ using AttributeSelection = std::bitset<256>;
 /// Those of `wanted` that the record has, and `identifier`, which no record has by itself, as
 /// kExternalID when that is wanted.
 Dictionary recordAttributes(std::string_view record, const ValuePool& pool,
-                            const AttributeSelection& wanted, const Value& identifier);
+                            const AttributeSelection& wanted, std::string_view identifier);
 
 /// Calls `visit` with each attribute in the order of the names, until it returns false. Shared
 /// values stay shared.

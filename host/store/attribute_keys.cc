@@ -19,7 +19,7 @@ struct KeyTable {
   KeyTable() {
     for (const query::AttributeInfo& info : query::attributes()) {
       if (!info.number) continue;
-      texts[*info.number] = Text(info.name);
+      texts[*info.number] = Text::forever(info.name);
       byName.emplace(info.name, static_cast<AttributeKey>(*info.number));
     }
   }
