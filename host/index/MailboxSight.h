@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+//
+// A mailbox as it is on disk now, beside what the library has of it. Values; any thread.
 #pragma once
 
 #include <cstdint>

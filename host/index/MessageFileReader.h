@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+//
+// From a message file to what the index takes. Values; any thread.
 #pragma once
 
 #include <cstddef>

@@ -13,7 +13,8 @@
 namespace thmp {
 
 struct FileStamp {
-  std::int64_t size = 0;
+  std::int64_t size = 0;  // bytes
+  // Of the last modification, since 1970 UTC.
   std::int64_t seconds = 0;
   std::int64_t nanoseconds = 0;
   std::uint64_t inode = 0;
@@ -23,10 +24,12 @@ struct FileStamp {
 std::optional<FileStamp> stampOf(const std::string& path);
 FileStamp stampOf(const FileFacts& facts);
 
+/// Stands for the content: the same for two stamps that are the same.
 std::uint64_t contentMark(const FileStamp& stamp);
 /// No file has this mark: what bears it is read again by the next update.
 inline constexpr std::uint64_t kUnsettledMark = 0;
 
+/// Stands for the mailbox's folder and the file's name, flags included.
 std::uint64_t placeMark(const MailFolder& folder, const MessageEntry& entry);
 
 }  // namespace thmp
