@@ -55,7 +55,8 @@ function(thmp_library name)
 endfunction()
 
 # thmp_test(name [ONE_THREAD] SOURCES a_test.cc ... LINK target ...): one test program, each of its cases a test of
-# ctest's. ThreadSanitizer has nothing to see in one with ONE_THREAD.
+# ctest's; with sanitizers, where to start a process takes longer than most cases, all of them are one test.
+# ThreadSanitizer has nothing to see in one with ONE_THREAD.
 function(thmp_test name)
   cmake_parse_arguments(arg "ONE_THREAD" "" "SOURCES;LINK" ${ARGN})
   if(NOT THMP_TESTS OR (arg_ONE_THREAD AND THMP_SANITIZE STREQUAL "thread"))
@@ -69,7 +70,23 @@ function(thmp_test name)
   endif()
   target_link_libraries(${name} PRIVATE thmp_test_flags ${arg_LINK} GTest::gtest GTest::gmock GTest::gtest_main)
   target_compile_definitions(${name} PRIVATE THMP_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+  if(THMP_SANITIZE)
+    add_test(NAME ${name} COMMAND ${name} --gtest_brief=1)
+    set_tests_properties(${name} PROPERTIES TIMEOUT 600)
+  else()
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+  endif()
+endfunction()
+
+# thmp_test_size(name DEFINITION usual sanitized): how large a test is; with sanitizers it takes many times as long.
+function(thmp_test_size name definition usual sanitized)
+  if(TARGET ${name})
+    set(size ${usual})
+    if(THMP_SANITIZE)
+      set(size ${sanitized})
+    endif()
+    target_compile_definitions(${name} PRIVATE ${definition}=${size})
+  endif()
 endfunction()
 
 # thmp_completions(program): what the shells complete of its command line, printed by the program itself, for the places

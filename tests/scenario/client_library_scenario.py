@@ -55,6 +55,15 @@ class TheClientLibrary(Scenario):
         self.assertEqual(probe.hear(), "connected to version 1")
         return probe
 
+    def gathered(self, name, lineage="-"):
+        """A host with one message, and a probe whose search has found it."""
+        self.world.deliver("Plum cake")
+        host = self.world.serve()
+        probe = self.connected()
+        probe.say(f"search {name} {lineage} {PLUM}")
+        probe.hear_until(f"{name} gathered")
+        return host, probe
+
     def requests_are_taken(self):
         wait_for(lambda: not list(self.world.inbox.iterdir()), "the requests to be taken")
 
@@ -128,11 +137,7 @@ class TheClientLibrary(Scenario):
         self.left_nothing(host)
 
     def test_tells_when_the_plug_in_does_not_take_note_of_the_end_and_has_it_cancelled_still(self):
-        self.world.deliver("Plum cake")
-        host = self.world.serve()
-        probe = self.connected()
-        probe.say(f"search a - {PLUM}")
-        probe.hear_until("a gathered")
+        host, probe = self.gathered("a")
         self.requests_are_taken()
         with host.stopped():
             probe.say("patience 100")
@@ -150,11 +155,7 @@ class TheClientLibrary(Scenario):
         self.left_nothing(host)
 
     def test_a_newer_search_of_the_lineage_ends_the_older_one(self):
-        self.world.deliver("Plum cake")
-        host = self.world.serve()
-        probe = self.connected()
-        probe.say(f"search a tree {PLUM}")
-        probe.hear_until("a gathered")
+        host, probe = self.gathered("a", lineage="tree")
         # A Clear that comes after its search's end is told as an error.
         self.requests_are_taken()
         probe.say(f"search b tree {PLUM}")
@@ -165,11 +166,7 @@ class TheClientLibrary(Scenario):
         self.left_nothing(host)
 
     def test_a_batch_that_is_kept_stays_until_it_is_cleared(self):
-        self.world.deliver("Plum cake")
-        host = self.world.serve()
-        probe = self.connected()
-        probe.say(f"search a+ - {PLUM}")
-        probe.hear_until("a+ gathered")
+        host, probe = self.gathered("a+")
         self.assertEqual(self.filled_pasteboards(), 1)
         probe.say("clear a+")
         wait_for(lambda: self.filled_pasteboards() == 0, "the batch to be taken back")
@@ -180,20 +177,12 @@ class TheClientLibrary(Scenario):
         return sum(any((self.world.pasteboards / name).iterdir()) for name in self.world.pasteboard_names())
 
     def test_a_search_ends_with_its_host(self):
-        self.world.deliver("Plum cake")
-        host = self.world.serve()
-        probe = self.connected()
-        probe.say(f"search a - {PLUM}")
-        probe.hear_until("a gathered")
+        host, probe = self.gathered("a")
         host.quit()
         self.assertEqual(probe.hear(), "a ended host-gone 0 the mail host has quit")
 
     def test_a_search_whose_host_was_killed_ends_when_the_next_one_starts(self):
-        self.world.deliver("Plum cake")
-        host = self.world.serve()
-        probe = self.connected()
-        probe.say(f"search a - {PLUM}")
-        probe.hear_until("a gathered")
+        host, probe = self.gathered("a")
         host.kill()
         self.world.serve()
         self.assertEqual(probe.hear(), "a ended host-gone 0 the mail host has quit")
