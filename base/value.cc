@@ -63,10 +63,11 @@ void destroyNode(Node* node) noexcept {
     if (dying->kind == static_cast<std::uint8_t>(Value::Kind::kArray)) {
       for (std::size_t i = 0; i < dying->size; ++i) dropHeld(valuesOf(dying)[i], pending);
     } else {
+      const Dictionary::Entry* entries = entriesOf(dying);
       for (std::size_t i = 0; i < dying->size; ++i) {
-        dropHeld(Access::node(entriesOf(dying)[i].key), pending);
+        dropHeld(Access::node(entries[i].key), pending);
         const bool isLent = i < ContainerNode::kMostLent && dying->lent[i];
-        if (!isLent) dropHeld(entriesOf(dying)[i].value, pending);
+        if (!isLent) dropHeld(entries[i].value, pending);
       }
       dropHeld(dying->lender, pending);
     }
