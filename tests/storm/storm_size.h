@@ -1,0 +1,14 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// How large a storm is: small on each commit, and in full when THMP_STORM is set.
+#pragma once
+
+#include <cstdlib>
+
+namespace thmp::storm {
+
+inline int storm(int small, int large) {
+  return std::getenv("THMP_STORM") != nullptr ? large : small;
+}
+
+}  // namespace thmp::storm
