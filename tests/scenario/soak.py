@@ -16,6 +16,7 @@ import pathlib
 import plistlib
 import random
 import re
+import signal
 import sys
 import time
 import urllib.parse
@@ -127,6 +128,7 @@ class LiveQuery:
         self.pending = set()  # names of pasteboards with results that the host has not taken back
         self.numbers = {"QueryHasUpdates": set(), "QueryHasRemovals": set()}
         self.kinds = collections.Counter()
+        self.is_read = True  # until its client ends it: then its pasteboards may go at any moment
 
     def take_results(self, batch):
         for item in batch["messages"]:
@@ -188,6 +190,7 @@ class Client:
 
     def end(self, kind, **user_info):
         query, self.query = self.query, None
+        query.is_read = False
 
         def ended():
             self.soak.look()
@@ -279,12 +282,12 @@ class Soak:
             query.numbers[kind].add(info["batchNumber"])
         if kind == "QueryHasUpdates":
             query.pending.add(info["batchName"])
-            if query.client.alive:
+            if query.client.alive and query.is_read:
                 query.take_results(self.read(info, "ResultsBatch"))
-            if query.client.alive and query.client.kind != "forgets":
+            if query.client.alive and query.is_read and query.client.kind != "forgets":
                 self.post("Clear", then=lambda: query.pending.discard(info["batchName"]), uniqueName=query.unique,
                           clientName=query.client.name, batchName=info["batchName"])
-        elif kind == "QueryHasRemovals" and query.client.alive:
+        elif kind == "QueryHasRemovals" and query.client.alive and query.is_read:
             query.take_removals(self.read(info, "RemovalBatch"))
 
     def read(self, info, kind):
@@ -478,7 +481,12 @@ class Soak:
             time.sleep(0.01)
         self.rate = done / passed
         self.check_flat()
-        status = self.host.quit()
+        names = len(self.world.pasteboard_names())
+        began = time.monotonic()
+        self.host.send(signal.SIGTERM)
+        wait_for(lambda: self.host.process.poll() is not None, "the end of the host", patience=1800)
+        self.quitting = f"{time.monotonic() - began:.1f} s, with {names} pasteboards"
+        status = self.host.wait()
         self.read_lines()
         if status != 0 or self.world.pasteboard_names() or list(self.world.inbox.iterdir()):
             raise Wrong(f"the host ended with {status} and left something")
@@ -491,6 +499,11 @@ class Soak:
             rows.append((f"still at {at['minute']:.1f} min", f"{at['descriptors']} descriptors, {at['threads']} threads, "
                          f"{at['rss'] / 1024:.1f} MiB, {at['anonymous'] / 1024:.1f} of its own, {at['pasteboards']} pasteboards: "
                          f"{at['pending']} pending, {at['removals']} removals, {at['idle']} idle"))
+        first, last = self.halted[0], self.halted[-1]
+        if last["pasteboards"] > first["pasteboards"] and last["minute"] > 5:
+            grown = (last["anonymous"] - first["anonymous"]) * 1024 / (last["pasteboards"] - first["pasteboards"])
+            rows.append(("growth of memory", f"{grown:.0f} bytes for each pasteboard that has come to be out"))
+        rows.append(("quit", self.quitting))
         for name, value in rows:
             print(f"{name:24} {value}")
 
@@ -506,9 +519,8 @@ def main():
     with contextlib.closing(soak.world):
         try:
             soak.run()
-        except (Wrong, AssertionError) as error:
+        except (Wrong, AssertionError, OSError) as error:
             print(f"WRONG: {error}", flush=True)
-            soak.print_table() if hasattr(soak, "rate") else None
             return 1
         soak.print_table()
     return 0
