@@ -16,6 +16,7 @@
 #include "host/store/message_attributes.h"
 #include "host/store/message_body.h"
 #include "host/store/mime_limits.h"
+#include "platform/linux/Descriptor.h"
 
 namespace thmp {
 
@@ -88,20 +89,6 @@ ParsedMessage parseMessage(std::string_view bytes, const MessagePlace& place,
   return parsed;
 }
 
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 bool fileFacts(int fd, FileFacts& facts) {
   struct stat status {};
   if (::fstat(fd, &status) != 0) return false;
@@ -144,7 +131,7 @@ void renameMessage(const MessagePlace& place, Dictionary& attributes, Dictionary
 Result<MessageBytes> readMessageFile(const std::string& path, std::size_t maxBytes) {
   const Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
   MessageBytes message;
-  if (file.get() < 0) return Error::posix(errno, "cannot open " + path);
+  if (!file) return Error::posix(errno, "cannot open " + path);
   if (!fileFacts(file.get(), message.facts)) return Error::posix(errno, "cannot read " + path);
   const auto size = static_cast<std::size_t>(std::max<std::int64_t>(0, message.facts.size));
   message.bytes.resize(std::min(maxBytes, size));
