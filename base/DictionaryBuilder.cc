@@ -16,20 +16,20 @@ namespace {
 using value_internal::Access;
 using value_internal::ContainerNode;
 using value_internal::entriesOf;
+using value_internal::Loan;
+using value_internal::loanOf;
 using value_internal::Node;
 
 using Entry = Dictionary::Entry;
 using Kind = Value::Kind;
 
-static_assert(DictionaryBuilder::kMostEntries <= ContainerNode::kMostLent);
+static_assert(DictionaryBuilder::kMostEntries <= Loan::kMostEntries);
 
 constexpr std::size_t kStep = 8;  // of Node::place
 
 std::size_t textSize(std::size_t bytes) {
   return (sizeof(Node) + bytes + kStep - 1) / kStep * kStep;
 }
-
-ContainerNode* container(Node* node) { return static_cast<ContainerNode*>(node); }
 
 }  // namespace
 
@@ -38,11 +38,13 @@ DictionaryBuilder::DictionaryBuilder(std::size_t entries, std::size_t textBytes,
   entries = std::min(entries, kMostEntries);
   used_ = sizeof(ContainerNode) + entries * sizeof(Entry);
   allocated_ = used_ + textBytes;
-  auto* node = new (::operator new(allocated_)) ContainerNode;
+  auto* loan = new (::operator new(sizeof(Loan) + allocated_)) Loan;
+  loan->lender = Access::node(lender);
+  value_internal::retainNode(loan->lender);
+  auto* node = new (static_cast<void*>(loan + 1)) ContainerNode;
   node->kind = static_cast<std::uint8_t>(Kind::kDictionary);
+  node->hasLoan = true;
   node->capacity = entries;
-  node->lender = Access::node(lender);
-  value_internal::retainNode(node->lender);
   node_ = node;
 }
 
@@ -76,14 +78,14 @@ bool DictionaryBuilder::isOwn(const Node* node) const noexcept {
 }
 
 void DictionaryBuilder::append(const Text& key, Value value) {
-  assert(size() < container(node_)->capacity && !value.isNull());
+  assert(size() < static_cast<ContainerNode*>(node_)->capacity && !value.isNull());
   Node* held = value.kind() < Kind::kData ? nullptr : Access::node(value);
   const Entry* entry = new (entriesOf(node_) + node_->size) Entry{key, std::move(value)};
   assert(node_->size == 0 || (entry - 1)->key < entry->key);
   static_cast<void>(entry);
   if (isOwn(held)) {
     // The dictionary does not count what it holds of itself.
-    container(node_)->lent.set(node_->size);
+    loanOf(node_)->lent.set(node_->size);
     held->references.store(held->references.load(std::memory_order_relaxed) + 1,
                            std::memory_order_relaxed);
     node_->references.store(node_->references.load(std::memory_order_relaxed) - 1,
@@ -93,7 +95,7 @@ void DictionaryBuilder::append(const Text& key, Value value) {
 }
 
 void DictionaryBuilder::appendLent(const Entry& lent) {
-  assert(size() < container(node_)->capacity);
+  assert(size() < static_cast<ContainerNode*>(node_)->capacity);
   const Value& value = lent.value;
   Entry* place = entriesOf(node_) + node_->size;
   if (value.kind() < Kind::kData) {
@@ -101,7 +103,7 @@ void DictionaryBuilder::appendLent(const Entry& lent) {
   } else {
     new (place) Entry{lent.key, Access::value(value.kind(), Access::node(value))};
   }
-  container(node_)->lent.set(node_->size);
+  loanOf(node_)->lent.set(node_->size);
   ++node_->size;
 }
 

@@ -46,7 +46,7 @@ class DictionaryBuilder {
   bool isOwn(const value_internal::Node* node) const noexcept;
 
   value_internal::Node* node_;  // null when finished
-  std::size_t used_;            // bytes of the allocation
+  std::size_t used_;            // bytes from the node on
   std::size_t allocated_;
 };
 

@@ -21,8 +21,8 @@ namespace thmp {
 namespace {
 
 using value_internal::Access;
-using value_internal::ContainerNode;
 using value_internal::entriesOf;
+using value_internal::Loan;
 using value_internal::Node;
 using value_internal::valuesOf;
 
@@ -273,10 +273,10 @@ bool isAscii(std::string_view text) {
 }
 
 /// Whether the dictionary has the value of entry `i` from its lender.
-bool isLent(const ContainerNode& dictionary, std::size_t i, const Object& value) {
-  if (i >= ContainerNode::kMostLent || !dictionary.lent[i]) return false;
+bool isLent(const Object& dictionary, const Loan& loan, std::size_t i, const Object& value) {
+  if (!loan.lent[i]) return false;
   const bool isOwn = value.kind >= Kind::kData && value.node() != nullptr &&
-                     value_internal::counterOf(value.node()) == &dictionary;
+                     value_internal::counterOf(value.node()) == dictionary.node();
   return !isOwn;
 }
 
@@ -358,7 +358,7 @@ class BinaryWriter {
 
   bool numberValues(const Object& array);
   bool numberEntries(const Object& dictionary);
-  Lender* lenderOf(const ContainerNode& dictionary);
+  Lender* lenderOf(const Loan* loan);
   void writeAll();
   void writeObject(const Object& object);
   void writeInteger(const Object& object);
@@ -390,17 +390,17 @@ bool BinaryWriter::numberValues(const Object& array) {
 }
 
 /// Null for a dictionary without one.
-BinaryWriter::Lender* BinaryWriter::lenderOf(const ContainerNode& dictionary) {
-  if (dictionary.lender == nullptr) return nullptr;
-  if (lastLender_ < lenders_.size() && lenders_[lastLender_].node == dictionary.lender) {
+BinaryWriter::Lender* BinaryWriter::lenderOf(const Loan* loan) {
+  if (loan == nullptr || loan->lender == nullptr) return nullptr;
+  if (lastLender_ < lenders_.size() && lenders_[lastLender_].node == loan->lender) {
     return &lenders_[lastLender_];
   }
   std::uint32_t& place =
-      lenderPlaces_.at({Kind::kDictionary, std::bit_cast<std::uint64_t>(dictionary.lender)});
+      lenderPlaces_.at({Kind::kDictionary, std::bit_cast<std::uint64_t>(loan->lender)});
   if (place == kNoNumber) {
     place = static_cast<std::uint32_t>(lenders_.size());
-    lenders_.push_back({dictionary.lender, entriesOf(dictionary.lender),
-                        std::vector<std::uint32_t>(dictionary.lender->size, kNoNumber)});
+    lenders_.push_back({loan->lender, entriesOf(loan->lender),
+                        std::vector<std::uint32_t>(loan->lender->size, kNoNumber)});
   }
   lastLender_ = place;
   return &lenders_[place];
@@ -416,8 +416,8 @@ bool BinaryWriter::numberEntries(const Object& dictionary) {
   const std::uint32_t* lastValues = lastKeys + lastRow_.size;
   std::size_t last = 0;  // entry of the last row
   std::size_t lent = 0;  // entry of the lender
-  const ContainerNode* node = static_cast<const ContainerNode*>(dictionary.node());
-  Lender* lender = row.size == 0 ? nullptr : lenderOf(*node);
+  const Loan* loan = row.size == 0 ? nullptr : value_internal::loanOf(dictionary.node());
+  Lender* lender = lenderOf(loan);
   for (std::size_t i = 0; i < row.size; ++i) {
     const Entry& entry = row.entries[i];
     if (i + kAhead < row.size) expect(objectOf(row.entries[i + kAhead].value));
@@ -432,7 +432,7 @@ bool BinaryWriter::numberEntries(const Object& dictionary) {
     // One of the two rows may lack a key that the other has.
     const bool isInLast = lastHasKey(last) || (lastHasKey(last + 1) && ++last != 0);
     keys[i] = isInLast ? lastKeys[last] : numberOf(key);
-    if (lender != nullptr && isLent(*node, i, value)) {
+    if (lender != nullptr && isLent(dictionary, *loan, i, value)) {
       // Entries that were left out are passed over: both are in the order of the keys.
       while (objectOf(lender->entries[lent].key) != key) ++lent;
       std::uint32_t& number = lender->numbers[lent++];

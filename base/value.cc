@@ -27,8 +27,9 @@ std::size_t elementSize(Value::Kind kind) {
 }
 
 void freeContainer(ContainerNode* node) {
+  void* allocation = node->hasLoan ? static_cast<void*>(loanOf(node)) : node;
   node->~ContainerNode();
-  ::operator delete(node);
+  ::operator delete(allocation);
 }
 
 void freeBytes(Node* node) {
@@ -64,12 +65,12 @@ void destroyNode(Node* node) noexcept {
       for (std::size_t i = 0; i < dying->size; ++i) dropHeld(valuesOf(dying)[i], pending);
     } else {
       const Dictionary::Entry* entries = entriesOf(dying);
+      const Loan* loan = loanOf(dying);
       for (std::size_t i = 0; i < dying->size; ++i) {
         dropHeld(Access::node(entries[i].key), pending);
-        const bool isLent = i < ContainerNode::kMostLent && dying->lent[i];
-        if (!isLent) dropHeld(entries[i].value, pending);
+        if (loan == nullptr || !loan->lent[i]) dropHeld(entries[i].value, pending);
       }
-      dropHeld(dying->lender, pending);
+      if (loan != nullptr) dropHeld(loan->lender, pending);
     }
     freeContainer(dying);
   }
@@ -114,7 +115,7 @@ template <typename Element>
 ContainerNode* makeOwned(NodeRef& ref, Value::Kind kind, std::size_t capacity) {
   auto* old = static_cast<ContainerNode*>(ref.get());
   const bool sole =
-      old != nullptr && old->references.load(std::memory_order_acquire) == 1 && old->ownsElements();
+      old != nullptr && old->references.load(std::memory_order_acquire) == 1 && !old->hasLoan;
   if (sole && old->capacity >= capacity) return old;
   const std::size_t size = old == nullptr ? 0 : old->size;
   const std::size_t grown = sole ? old->capacity + old->capacity / 2 : size;

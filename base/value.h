@@ -37,6 +37,7 @@ struct Access;
 struct Node {
   std::atomic<std::uint32_t> references{1};
   std::uint8_t kind = 0;  // a Value::Kind
+  bool hasLoan = false;   // a Loan stands before it
   /// 0 when this node is counted and freed by itself; kForever when never. Otherwise it is part of
   /// a dictionary's allocation, so many times 8 bytes behind that node, and counted with it.
   std::uint16_t place = 0;

@@ -16,18 +16,24 @@ namespace thmp::value_internal {
 /// The head of an array or dictionary. Its elements are relocated byte by byte: a Value and an
 /// Entry hold no address of themselves.
 struct ContainerNode : Node {
-  static constexpr std::size_t kMostLent = 128;
-
   std::size_t capacity = 0;
   ContainerNode* nextToFree = nullptr;
-  /// Of a dictionary: the entries whose values it does not count, because they are part of its own
-  /// allocation or belong to `lender`, a dictionary that it holds. See DictionaryBuilder.
-  std::bitset<kMostLent> lent;
-  Node* lender = nullptr;
-
-  /// Whether the elements may be moved elsewhere or changed by a sole owner.
-  bool ownsElements() const noexcept { return lender == nullptr && lent.none(); }
 };
+
+/// Stands before the node of a dictionary that does not count all that it holds: some values are
+/// part of its own allocation or belong to `lender`, a dictionary that it holds as a whole. Its
+/// elements stay where they are and as they are. See DictionaryBuilder.
+struct Loan {
+  static constexpr std::size_t kMostEntries = 128;
+
+  std::bitset<kMostEntries> lent;  // entries whose values are not counted
+  Node* lender = nullptr;
+};
+
+/// Null for a node without one.
+inline Loan* loanOf(Node* node) noexcept {
+  return node->hasLoan ? reinterpret_cast<Loan*>(node) - 1 : nullptr;
+}
 
 inline char* bytesOf(Node* node) noexcept { return reinterpret_cast<char*>(node + 1); }
 inline const char* bytesOf(const Node* node) noexcept {
