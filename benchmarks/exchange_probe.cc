@@ -1,16 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// exchange-probe connect ROUNDS               Connect to PluginReady, microseconds, one a line
-// exchange-probe raw FOLDER ROUNDS            the same by a bare loop in FOLDER
-// exchange-probe search PREDICATE             one search, all read: first batch read
-// (microseconds),
-//                                             all read (microseconds), items
-// exchange-probe arrival PREDICATE FROM TO..  a live search; each FROM is renamed to its TO, and
-// the
-//                                             microseconds until its QueryHasUpdates are printed
+// exchange-probe connect ROUNDS
+//     Connect to PluginReady, microseconds, one a line
+// exchange-probe raw FOLDER ROUNDS
+//     the same by a bare loop in FOLDER
+// exchange-probe search PREDICATE
+//     one search, all read: first batch read (microseconds), all read (microseconds), items
+// exchange-probe arrival PREDICATE FROM TO..
+//     a live search; each FROM is renamed to its TO, and the microseconds until its QueryHasUpdates
+//     are printed
+// exchange-probe live QUERIES RATE FROM TO..
+//     live searches by author, author0@live.example.org and so on; RATE changes a second: each
+//     FROM, by the authors in turn, is renamed to its TO, and later gets a flag, and later goes;
+//     printed as by arrival
 //
 // Writes and reads as tallyhive-mail does, and prints no mail. One thread.
 #include <stdio.h>
+#include <unistd.h>
 
 #include <charconv>
 #include <chrono>
@@ -19,6 +25,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -177,6 +184,45 @@ bool arrival(client::Exchange& exchange, const std::string& predicate,
   return true;
 }
 
+bool live(client::Exchange& exchange, int queries, int rate,
+          const std::vector<std::string>& paths) {
+  std::vector<std::unique_ptr<Search>> searches;
+  for (int i = 0; i < queries; ++i) {
+    const std::string author = "author" + std::to_string(i) + "@live.example.org";
+    searches.push_back(
+        std::make_unique<Search>(exchange, "kMDItemAuthorEmailAddresses == \"" + author + "\""));
+    if (!searches.back()->begin() || !searches.back()->gather()) return false;
+  }
+  // Each message comes, is flagged when `kFlagged` others have come, and goes after as many more.
+  constexpr std::size_t kFlagged = 10;
+  const auto flagged = [](const std::string& path) { return path + ":2,F"; };
+  const auto interval = std::chrono::microseconds(1'000'000 / rate);
+  const std::size_t messages = paths.size() / 2;
+  std::vector<double> times;
+  auto next = Clock::now();
+  const auto pace = [&] { std::this_thread::sleep_until(next += interval); };
+  for (std::size_t i = 0; i < messages; ++i) {
+    pace();
+    const auto begun = Clock::now();
+    Search& search = *searches[i % searches.size()];
+    if (::rename(paths[2 * i].c_str(), paths[2 * i + 1].c_str()) != 0) return false;
+    if (!search.awaitUpdate()) return false;
+    times.push_back(
+        std::chrono::duration<double, std::micro>(search.lastAnnounced() - begun).count());
+    if (i >= kFlagged) {
+      pace();
+      const std::string& path = paths[2 * (i - kFlagged) + 1];
+      if (::rename(path.c_str(), flagged(path).c_str()) != 0) return false;
+    }
+    if (i >= 2 * kFlagged) {
+      pace();
+      if (::unlink(flagged(paths[2 * (i - 2 * kFlagged) + 1]).c_str()) != 0) return false;
+    }
+  }
+  print(times);
+  return true;
+}
+
 int number(const std::string& text) {
   int value = 0;
   std::from_chars(text.data(), text.data() + text.size(), value);
@@ -194,6 +240,9 @@ bool run(const std::vector<std::string>& words) {
   (*exchange)->ignoreOutput();
   if (words[0] == "connect") return connect(**exchange, number(words[1]));
   if (words[0] == "search") return search(**exchange, words[1]);
+  if (words[0] == "live" && words.size() > 3) {
+    return live(**exchange, number(words[1]), number(words[2]), {words.begin() + 3, words.end()});
+  }
   return words[0] == "arrival" && arrival(**exchange, words[1], {words.begin() + 2, words.end()});
 }
 
