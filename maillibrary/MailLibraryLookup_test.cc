@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <limits>
 #include <new>
+#include <random>
 #include <thread>
 
 #include "platform/fake/FakePlatform.h"
@@ -332,6 +333,41 @@ TEST_F(LibraryLookup, TableThatCannotBeReadLeavesTheMessageObject) {
   EXPECT_EQ(database().openStatements(), 0);
 }
 
+TEST_F(LibraryLookup, LockedTableLeavesTheMessageObjectAndIsReadLater) {
+  addMessage(1, 4, "/mail/1.eml");
+  library().setMessage(1, "/object/1.eml");
+  sqlite3* shared = nullptr;
+  sqlite3* writer = nullptr;
+  const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_URI;
+  const char* const name = "file:locked?mode=memory&cache=shared";
+  ASSERT_EQ(sqlite3_open_v2(name, &shared, flags, nullptr), SQLITE_OK);
+  ASSERT_EQ(sqlite3_open_v2(name, &writer, flags, nullptr), SQLITE_OK);
+  const auto run = [writer](const char* sql) {
+    ASSERT_EQ(sqlite3_exec(writer, sql, nullptr, nullptr, nullptr), SQLITE_OK);
+  };
+  run("CREATE TABLE messages (rowid INTEGER PRIMARY KEY, mailbox INTEGER);"
+      "INSERT INTO messages VALUES (1, 4)");
+  database().performReadBlock = [shared](const auto& block) {
+    class Lent : public LibraryConnection {
+     public:
+      explicit Lent(sqlite3* handle) : handle_(handle) {}
+      sqlite3* sqlDB() override { return handle_; }
+
+     private:
+      sqlite3* const handle_;
+    };
+    Lent connection(shared);
+    block(connection);
+  };
+  run("BEGIN EXCLUSIVE; UPDATE messages SET mailbox = 5");
+  EXPECT_THAT(pathsOf({itemWithID(1)}), ElementsAre("/object/1.eml"));
+  EXPECT_EQ(lookup_.emlxPathForMessageWithLibraryID(1), "/object/1.eml");
+  run("ROLLBACK");
+  EXPECT_THAT(pathsOf({itemWithID(1)}), ElementsAre("/mail/1.eml"));
+  EXPECT_EQ(sqlite3_close(shared), SQLITE_OK);
+  EXPECT_EQ(sqlite3_close(writer), SQLITE_OK);
+}
+
 TEST_F(LibraryLookup, RowsReadBeforeAnErrorAreUsedAndTheStatementIsFinalized) {
   // The view's second row fails while it is stepped.
   database().execute(
@@ -418,6 +454,92 @@ TEST_P(AnyCombination, OfMissingFacilitiesLeavesTheNextStrategy) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Probes, AnyCombination, ::testing::Range(0u, 64u));
+
+/// A database in memory that begins as these bytes of a file.
+class DatabaseOfBytes : public LibraryConnection {
+ public:
+  explicit DatabaseOfBytes(std::string bytes) : bytes_(std::move(bytes)) {
+    EXPECT_EQ(sqlite3_open(":memory:", &handle_), SQLITE_OK);
+    const auto size = static_cast<sqlite3_int64>(bytes_.size());
+    EXPECT_EQ(sqlite3_deserialize(handle_, "main", reinterpret_cast<unsigned char*>(bytes_.data()),
+                                  size, size, SQLITE_DESERIALIZE_READONLY),
+              SQLITE_OK);
+  }
+  ~DatabaseOfBytes() override { EXPECT_EQ(sqlite3_close(handle_), SQLITE_OK); }
+  DatabaseOfBytes(const DatabaseOfBytes&) = delete;
+  DatabaseOfBytes& operator=(const DatabaseOfBytes&) = delete;
+
+  sqlite3* sqlDB() override { return handle_; }
+
+ private:
+  std::string bytes_;
+  sqlite3* handle_ = nullptr;
+};
+
+/// A database file with the messages 1 to `count`, in pages of 512 bytes.
+std::string databaseFile(std::int64_t count) {
+  sqlite3* handle = nullptr;
+  EXPECT_EQ(sqlite3_open(":memory:", &handle), SQLITE_OK);
+  std::string sql =
+      "PRAGMA page_size = 512; CREATE TABLE messages (rowid INTEGER PRIMARY KEY, mailbox INTEGER);";
+  for (std::int64_t id = 1; id <= count; ++id) {
+    sql += "INSERT INTO messages VALUES (" + std::to_string(id) + "," + std::to_string(id % 7 + 2) +
+           ");";
+  }
+  EXPECT_EQ(sqlite3_exec(handle, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
+  sqlite3_int64 size = 0;
+  unsigned char* const bytes = sqlite3_serialize(handle, "main", &size, 0);
+  std::string file(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(size));
+  sqlite3_free(bytes);
+  sqlite3_close(handle);
+  return file;
+}
+
+TEST_F(LibraryLookup, DamageAnywhereInTheDatabaseLeavesTheMessageObject) {
+  constexpr std::int64_t kMessages = 600;
+  constexpr std::size_t kPage = 512;
+  const std::string good = databaseFile(kMessages);
+  for (std::int64_t id = 1; id <= kMessages; ++id) {
+    fake_.files.writeFile("/stored/" + std::to_string(id), "mail");
+    library().setDataPath(id, id % 7 + 2, 0, "/stored/" + std::to_string(id));
+    library().setMessage(id, "/objects/" + std::to_string(id));
+  }
+  ASSERT_GT(good.size(), 10 * kPage);
+
+  std::mt19937 random(5);
+  int damaged = 0;
+  std::size_t readAll = 0;
+  for (int round = 0; round < 250; ++round) {
+    std::string bad = good;
+    const std::size_t page = static_cast<std::size_t>(round) % (bad.size() / kPage);
+    // A page of noise, and now and then a few bytes of it only.
+    const std::size_t from = round % 3 == 0 ? random() % (kPage - 8) : 0;
+    const std::size_t to = round % 3 == 0 ? from + 8 : kPage;
+    for (std::size_t at = from; at < to; ++at) bad[page * kPage + at] = static_cast<char>(random());
+    DatabaseOfBytes connection(std::move(bad));
+    database().performReadBlock =
+        [&](const std::function<bool(LibraryConnection & connection)>& block) {
+          block(connection);
+        };
+    std::vector<FoundItem> items;
+    for (std::int64_t id = 1; id <= kMessages; ++id) items.push_back(itemWithID(id));
+    std::uint64_t index = 0;
+    const auto found = lookup_.loadFilePaths(std::move(items), index);
+    ASSERT_EQ(found.size(), static_cast<std::size_t>(kMessages)) << round;
+    std::size_t read = 0;
+    for (std::size_t i = 0; i < found.size(); ++i) {
+      const std::string name = "/" + std::to_string(i + 1);
+      EXPECT_EQ(found[i].index, i);
+      EXPECT_TRUE(found[i].path == "/stored" + name || found[i].path == "/objects" + name) << round;
+      if (found[i].path == "/stored" + name) ++read;
+    }
+    EXPECT_EQ(sqlite3_next_stmt(connection.sqlDB(), nullptr), nullptr);
+    if (read == found.size()) ++readAll;
+    ++damaged;
+  }
+  EXPECT_LT(readAll, 50U);
+  RecordProperty("bad_inputs", damaged);
+}
 
 TEST_F(LibraryLookup, SeveralThreadsMayLookUpAtOnce) {
   for (std::int64_t id = 1; id <= 20; ++id) {

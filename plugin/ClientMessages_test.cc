@@ -612,6 +612,7 @@ TEST_F(Clearing, NamesThatAreNotOursAreClientMismatchesAndReachNoSystem) {
   EXPECT_EQ(fake.log.count("Pasteboard client mismatch: (null) - client"), hostile.size());
   EXPECT_EQ(pendingCount("q"), 1U);
   EXPECT_EQ(fake.pasteboards.made().size(), 1U);
+  RecordProperty("bad_inputs", static_cast<int>(hostile.size()));
 }
 
 TEST_F(Clearing, ReplacedRecordsBatchStaysOutOfThePool) {

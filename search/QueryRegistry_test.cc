@@ -217,6 +217,14 @@ TEST_F(Registry, LineageIsThatOfTheSameClientAndEqual) {
   EXPECT_THAT(registry_.namesOfLineage("c", 5), IsEmpty());
 }
 
+TEST_F(Registry, LineageLeavesOutNamesWhoseQueryEndedUnderAnotherClient) {
+  add("a", "c", "line");
+  registry_.end("a", "else");
+  EXPECT_THAT(registry_.namesOfClient("c"), ElementsAre("a"));
+  EXPECT_THAT(registry_.namesOfLineage("c", "line"), IsEmpty());
+  EXPECT_THAT(registry_.namesOfClient("else"), IsEmpty());
+}
+
 TEST_F(Registry, EmptyLineageNameIsANameToo) {
   add("a", "c", "");
   add("b", "c");
@@ -250,8 +258,9 @@ TEST_F(Registry, PublishRunsOnlyForALiveQuery) {
 }
 
 TEST_F(Registry, PublishPassesOnAFailure) {
-  add("q");
+  const Record record = add("q");
   EXPECT_FALSE(registry_.publishIfAlive("q", [] { return false; }));
+  EXPECT_FALSE(registry_.publishIfAlive(*record, [] { return false; }));
 }
 
 TEST_F(Registry, EachIDIsDeliveredOnce) {

@@ -47,14 +47,13 @@ class ResultBatches::Loan {
 
 namespace {
 
-bool isUnwritable(const Error& error) {
-  return error.domain == kPropertyListErrorDomain &&
-         error.code == static_cast<std::int64_t>(PropertyListError::kNotWritable);
-}
+/// Writing fails in the property lists' domain for one reason only.
+bool isUnwritable(const Error& error) { return error.domain == kPropertyListErrorDomain; }
 
 bool isWritable(const Value& value) { return writeBinaryPropertyList(value).has_value(); }
 
-/// The batch without what no property list can hold: it costs an item the attribute, no more.
+/// The batch without what no property list can hold: it costs an item the attribute, no more. The
+/// texts of a removal batch can all be held.
 Dictionary writablePart(Dictionary batch) {
   std::vector<Value> messages;
   for (const Value& message : batch["messages"].asArray().value_or(Array())) {
@@ -66,12 +65,7 @@ Dictionary writablePart(Dictionary batch) {
     item.set("attributes", Dictionary(std::move(attributes)));
     messages.emplace_back(std::move(item));
   }
-  if (batch.contains("messages")) batch.set("messages", Array(std::move(messages)));
-  std::vector<Value> identifiers;
-  for (const Value& identifier : batch["messageIDs"].asArray().value_or(Array())) {
-    if (isWritable(identifier)) identifiers.push_back(identifier);
-  }
-  if (batch.contains("messageIDs")) batch.set("messageIDs", Array(std::move(identifiers)));
+  batch.set("messages", Array(std::move(messages)));
   return batch;
 }
 

@@ -255,6 +255,16 @@ TEST_F(InFlight, RemovalBatchNobodyHearsOfGivesItsPasteboardBack) {
   EXPECT_EQ(mediator_->idle().size(), 1u);
 }
 
+TEST_F(InFlight, CancelAfterTheLastFullBatchOfRemovalsLeavesNothingToPost) {
+  const Query query = search("q");
+  mediator_->setHook([&](const std::string& step) {
+    if (step == "posted QueryHasRemovals") cancel("q");
+  });
+  query->removed(Array(std::vector<Value>(1000, "x")));
+  mediator_->setHook(nullptr);
+  EXPECT_EQ(removals().size(), 1u);
+}
+
 TEST_F(InFlight, RecordAndEngineQueryEndWhileTheirCallbackRuns) {
   const Query query = search("q");
   const std::weak_ptr<THMPMailPluginQuery> held = record("q");

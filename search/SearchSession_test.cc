@@ -6,6 +6,7 @@
 #include <cmath>
 #include <limits>
 #include <new>
+#include <thread>
 
 #include "search/delivery_order.h"
 #include "search/search_fixture.h"
@@ -82,6 +83,14 @@ TEST_F(FoundItems, LargeDeliveryIsCutWhole) {
   expected.back() = 1250;
   EXPECT_EQ(batchSizes(), expected);
   EXPECT_EQ(deliveredIDs().size(), 20'000u);
+}
+
+TEST_F(FoundItems, ThreadThatDeliversMayBeAnotherEachTime) {
+  for (std::int64_t first = 1; first < 3000; first += 1000) {
+    std::thread([&] { query_->deliver(items(first, 1000)); }).join();
+  }
+  EXPECT_THAT(batchSizes(), ElementsAre(750u, 250u, 750u, 250u, 750u, 250u));
+  EXPECT_THAT(numbers(updates(), "batchNumber"), ElementsAre(1, 2, 3, 4, 5, 6));
 }
 
 TEST_F(FoundItems, ExactBatchLeavesNoRemainder) {

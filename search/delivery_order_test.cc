@@ -77,6 +77,11 @@ TEST(DeliveryOrder, KindsHaveRanks) {
   EXPECT_EQ(orderOf(values, /*ascending=*/false), "ahjbcdiegfk");
 }
 
+TEST(DeliveryOrder, BooleansAreZeroAndOneAndAbsentElementsComeFirst) {
+  EXPECT_EQ(orderOf({true, false, 0.5}), "bca");
+  EXPECT_EQ(orderOf({Array{1}, Array{Value()}}), "ba");
+}
+
 TEST(DeliveryOrder, EqualItemsKeepTheirOrderInBothDirections) {
   EXPECT_EQ(orderOf({2, 1, 2, 1.0, true}), "bdeac");
   EXPECT_EQ(orderOf({2, 1, 2, 1.0, true}, /*ascending=*/false), "acbde");

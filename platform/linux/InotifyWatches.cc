@@ -124,7 +124,6 @@ class InotifyWatches::Registry {
     Outcome outcome;
     {
       const Lock lock(mutex_);
-      if (ended_) return;
       for (const auto& watched : watches_) {
         if (watched->numbers.back() < 0) arm(watched, outcome);
       }

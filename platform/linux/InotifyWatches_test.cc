@@ -282,6 +282,19 @@ TEST_F(InotifyWatchesTest, StartAndStopManyTimesWhileFilesCome) {
   EXPECT_TRUE(reportsFileIn(folder_.at("in")));
 }
 
+TEST_F(InotifyWatchesTest, WatchResumedTwiceIsOneAndOneResumedAfterItsEndIsNone) {
+  testing::makeFolder(folder_.at("in"));
+  const auto twice = watch(watches_, folder_.at("in"), calls_);
+  twice->resume();
+  const auto ended =
+      watches_.makeWatch(folder_.at("in"), onto(queue_), [calls = calls_] { calls->raise(); });
+  ended->cancel();
+  ended->resume();
+  EXPECT_TRUE(reportsFileIn(folder_.at("in")));
+  drain();
+  EXPECT_EQ(calls_->value(), 1);
+}
+
 TEST_F(InotifyWatchesTest, WatchThatOutlivesTheWatchesStaysSilent) {
   testing::makeFolder(folder_.at("in"));
   auto watches = std::make_unique<InotifyWatches>(log_);

@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/linux/LinuxIdentity.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <set>
 
 #include "platform/linux/testing.h"
@@ -72,6 +75,24 @@ TEST(LinuxIdentity, UniqueStringsHave32DigitsInGroupsAndDiffer) {
     for (const std::size_t hyphen : {8U, 13U, 18U, 23U}) EXPECT_EQ(text[hyphen], '-') << text;
     EXPECT_TRUE(seen.insert(text).second) << text;
   }
+}
+
+TEST(LinuxIdentity, UniqueStringsOfAProcessAndOfItsForkDiffer) {
+  LinuxIdentity identity("/h");
+  static_cast<void>(identity.globallyUniqueString());
+  std::array<int, 2> ends{};
+  ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+  const pid_t child = ::fork();
+  ASSERT_NE(child, -1);
+  if (child == 0) {
+    const std::string text = identity.globallyUniqueString();
+    ::_exit(::write(ends[1], text.data(), text.size()) == 36 ? 0 : 1);
+  }
+  std::string childs(36, ' ');
+  EXPECT_EQ(::read(ends[0], childs.data(), childs.size()), 36);
+  EXPECT_NE(identity.globallyUniqueString(), childs);
+  ::waitpid(child, nullptr, 0);
+  for (const int end : ends) ::close(end);
 }
 
 }  // namespace

@@ -206,6 +206,25 @@ TEST_F(PasteboardStoreTest, LockFileThatACleanerTookIsMadeAnew) {
   EXPECT_EQ(read(second->name()), Value(2));
 }
 
+TEST_F(PasteboardStoreTest, PasteboardsWithoutAnyLockFolderAreRemovedAtStart) {
+  testing::makeFolder(root() + "/0123456789abcdef-1");
+  const PasteboardStore store(cache_.path(), log_);
+  EXPECT_TRUE(testing::namesIn(root()).empty());
+  EXPECT_FALSE(testing::exists(locks()));
+}
+
+TEST_F(PasteboardStoreTest, LockFileThatAnotherOneReplacedIsMadeAnew) {
+  PasteboardStore store(cache_.path(), log_);
+  const auto first = makeWith(store, 1);
+  const std::string lock = locks() + "/" + testing::namesIn(locks()).at(0);
+  ASSERT_EQ(::unlink(lock.c_str()), 0);
+  testing::writeFile(lock, "");
+  const auto second = makeWith(store, 2);
+  const PasteboardStore other(cache_.path(), log_);
+  EXPECT_EQ(read(first->name()), Value(1));
+  EXPECT_EQ(read(second->name()), Value(2));
+}
+
 TEST_F(PasteboardStoreTest, PasteboardsOfADeadHostAreRemovedAtStart) {
   Child host([&] {
     auto* store = new PasteboardStore(cache_.path(), log_);
@@ -246,6 +265,12 @@ TEST_F(PasteboardStoreTest, LeftoversWithoutAnyHostAreRemovedAtStart) {
   testing::makeFolder(locks());
   testing::writeFile(locks() + "/0123456789abcdef.tmp-01", "x");
   testing::writeFile(locks() + "/0123456789abcdef", "");
+  // Of hosts whose lock file is none, and of nobody.
+  testing::makeFolder(locks() + "/folder");
+  ASSERT_EQ(::symlink("/dev/null", (locks() + "/link").c_str()), 0);
+  for (const char* name : {"/folder-1", "/link-1", "/-1", "/..1"}) {
+    testing::makeFolder(root() + name);
+  }
   testing::makeFolder(cache_.at("outside"));
   testing::writeFile(cache_.at("outside/kept"), "x");
   ASSERT_EQ(::symlink(cache_.at("outside").c_str(), (root() + "/link").c_str()), 0);
@@ -401,6 +426,7 @@ void expectUsedOrRefused(const Layout& layout, const std::string& cache) {
   if (testing::exists(cache + "/outside")) {
     EXPECT_TRUE(testing::namesIn(cache + "/outside").empty());
   }
+  if (layout.told) ::testing::Test::RecordProperty("bad_inputs", 1);
   if (layout.usable) {
     EXPECT_EQ(testing::modeOf(cache + "/tallyhive"), 0700U);
     EXPECT_EQ(testing::modeOf(cache + "/tallyhive/pasteboards"), 0700U);
@@ -459,6 +485,11 @@ TEST_F(PasteboardStoreTest, ReaderTakesNoNameThatLeadsElsewhere) {
         "/" + pasteboard->name(), pasteboard->name() + std::string("\0", 1)}) {
     Error error;
     EXPECT_FALSE(reader.read(name, kType, kBatchLimits, &error)) << name;
+    EXPECT_TRUE(error.isSet());
+  }
+  for (const char* type : {"", ".", ".."}) {
+    Error error;
+    EXPECT_FALSE(reader.read(pasteboard->name(), type, kBatchLimits, &error)) << type;
     EXPECT_TRUE(error.isSet());
   }
 }

@@ -101,13 +101,9 @@ Descriptor openApplications(const std::string& folder) {
 }  // namespace
 
 RunningApplications::RunningApplications(std::string folder, LinuxExecution& execution, Quit quit)
-    : folder_(std::move(folder)),
-      execution_(execution),
-      quit_(std::move(quit)),
-      self_(std::make_shared<RunningApplications*>(this)) {}
+    : folder_(std::move(folder)), execution_(execution), quit_(std::move(quit)) {}
 
 RunningApplications::~RunningApplications() {
-  *self_ = nullptr;
   while (!entries_.empty()) forget(entries_.begin(), /*tell=*/false);
 }
 
@@ -116,13 +112,8 @@ void RunningApplications::start() {
   // An application that opened its file for writing and ends says so by the close, too.
   watch_ = execution_.watches().makeWatch(
       folder_, [&loop](std::function<void()> closure) { loop.post(std::move(closure)); },
-      [self = self_] {
-        if (*self != nullptr) (*self)->scan();
-      },
-      IN_CLOSE_WRITE,
-      [self = self_](const std::vector<std::string>& names) {
-        if (*self != nullptr) (*self)->tellOfUnseen(names);
-      });
+      [this] { scan(); }, IN_CLOSE_WRITE,
+      [this](const std::vector<std::string>& names) { tellOfUnseen(names); });
   watch_->resume();
   scan();
 }
@@ -244,21 +235,28 @@ void RunningApplications::check(const std::string& fileName) {
     }
     return;
   }
+  if (removeFile(fileName, entry)) return forget(found, /*tell=*/true);
+  const std::string bundleIdentifier = entry.name.bundleIdentifier;
+  if (!std::exchange(entry.told, true) && !firstScan_) quit_(bundleIdentifier);
+}
+
+bool RunningApplications::removeFile(const std::string& fileName, const Entry& entry) const {
   const Descriptor folder = openApplications(folder_);
   struct stat held = {};
-  const auto status = folder ? statAt(folder.get(), fileName) : std::nullopt;
-  if (status && ::fstat(entry.file.get(), &held) == 0 && sameFile(*status, held)) {
-    ::unlinkat(folder.get(), fileName.c_str(), 0);
-  }
-  forget(found, /*tell=*/true);
+  if (!folder || ::fstat(entry.file.get(), &held) != 0) return errno == ENOENT;
+  const auto status = statAt(folder.get(), fileName);
+  if (!status) return errno == ENOENT;
+  return !sameFile(*status, held) || ::unlinkat(folder.get(), fileName.c_str(), 0) == 0 ||
+         errno == ENOENT;
 }
 
 void RunningApplications::forget(std::map<std::string, Entry>::iterator entry, bool tell) {
   unwatchProcess(entry->second);
   const std::string bundleIdentifier = entry->second.name.bundleIdentifier;
+  const bool told = entry->second.told;
   forgotten_.insert(entry->first);
   entries_.erase(entry);
-  if (tell && !firstScan_) quit_(bundleIdentifier);
+  if (tell && !told && !firstScan_) quit_(bundleIdentifier);
 }
 
 }  // namespace thmp

@@ -65,6 +65,7 @@ class RunningApplications {
     Descriptor file;
     Descriptor process;  // none when it has ended, or cannot be had
     bool ended = false;  // the process, or it is another one than the file's
+    bool told = false;
   };
 
   void scan();
@@ -73,7 +74,10 @@ class RunningApplications {
   void tellOfUnseen(const std::vector<std::string>& gone);
   void add(int folder, const std::string& fileName);
   void forget(std::map<std::string, Entry>::iterator entry, bool tell);
-  /// Forgets the entry if it has quit, and removes its file.
+  /// Whether the entry's file has no longer its name.
+  bool removeFile(const std::string& fileName, const Entry& entry) const;
+  /// Tells if the application of the entry has quit, once, and removes its file and the entry. A
+  /// file that cannot be removed now keeps its entry.
   void check(const std::string& fileName);
   void watchProcess(const std::string& fileName, Entry& entry);
   void unwatchProcess(Entry& entry);
@@ -85,9 +89,8 @@ class RunningApplications {
   std::map<std::string, Entry> entries_;
   /// Files that went and were seen to; the watch is still to tell their names.
   std::multiset<std::string> forgotten_;
+  /// Calls nothing once it is gone, as it is called and goes on the main thread.
   std::unique_ptr<DirectoryWatch> watch_;
-  /// Told apart from a later object by what the loop still holds.
-  std::shared_ptr<RunningApplications*> self_;
 };
 
 }  // namespace thmp

@@ -268,6 +268,52 @@ TEST_F(RunningApplicationsTest, StrangeEntriesAreLeftAlone) {
   EXPECT_TRUE(quit_.empty());
 }
 
+TEST_F(RunningApplicationsTest, FileOfAnotherUserIsLeftAlone) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can make a file somebody else's";
+  const std::string path = fileOf("other", ::getpid());
+  testing::writeFile(path, "");
+  ASSERT_EQ(::chown(path.c_str(), 65534, 65534), 0);
+  EXPECT_FALSE(isRunning("other"));
+  start();
+  settle();
+  EXPECT_TRUE(testing::exists(path));
+  EXPECT_TRUE(quit_.empty());
+}
+
+TEST_F(RunningApplicationsTest, FileThatIsReplacedWhileItsProcessLivesIsNoQuit) {
+  const auto client = application();
+  start();
+  const std::string path = fileOf(kClient, client->process());
+  ASSERT_EQ(::unlink(path.c_str()), 0);
+  testing::writeFile(path, "");
+  settle();
+  EXPECT_TRUE(isRunning());
+  EXPECT_TRUE(quit_.empty());
+  client->kill();
+  ASSERT_TRUE(nextQuit());
+  EXPECT_EQ(quit_, std::vector<std::string>{kClient});
+}
+
+TEST_F(RunningApplicationsTest, FileInThePlaceOfTheFolderEndsAll) {
+  const auto client = application();
+  start();
+  std::filesystem::remove_all(applications_);
+  testing::writeFile(applications_, "");
+  ASSERT_TRUE(nextQuit());
+  EXPECT_EQ(quit_, std::vector<std::string>{kClient});
+}
+
+TEST_F(RunningApplicationsTest, ChangeThatComesAfterItsEndIsNotLookedAt) {
+  auto client = application();
+  start();
+  testing::writeFile(applications_ + "/stray", "x");
+  client->kill();
+  running_.reset();
+  loop().post([this] { loop().stop(); });
+  EXPECT_TRUE(testing::runUntilStopped(loop()));
+  EXPECT_TRUE(quit_.empty());
+}
+
 TEST_F(RunningApplicationsTest, FolderThatIsRemovedEndsAllAndIsWatchedAgain) {
   const auto client = application();
   start();

@@ -44,10 +44,14 @@ CLIENT = PROGRAMS / "bin" / "tallyhive-mail"
 SAMPLE = pathlib.Path(os.environ.get("THMP_MAIL_SAMPLE", ROOT.parent / "shared" / "mail-sample"))
 # The host indexes politely, behind all else that a busy machine does.
 PATIENCE = 240.0
-# With sanitizers all is many times as slow: what is only there for its number is scaled down.
-SANITIZED = BUILD.name in ("build-asan", "build-tsan")
+# With sanitizers and other checkers all is many times as slow: what is only there for its number is scaled down.
+SANITIZED = BUILD.name in ("build-asan", "build-tsan", "build-gcc-asan", "build-gcc-tsan", "build-debug-mode",
+                           "build-coverage", "build-valgrind")
 
 sys.path.insert(0, str(ROOT / "tests" / "support"))
+
+# A program that runs host and client, with its arguments, as Valgrind.
+UNDER = os.environ.get("THMP_UNDER", "").split()
 
 PREFIX = " com.quorvane.tallyhive.mailplugin."
 
@@ -122,7 +126,7 @@ class World:
 
     def run(self, program, *arguments, **options):
         options.setdefault("timeout", PATIENCE)
-        return subprocess.run([str(program), *map(str, arguments)], env=self.environment, capture_output=True, text=True,
+        return subprocess.run([*UNDER, str(program), *map(str, arguments)], env=self.environment, capture_output=True, text=True,
                               stdin=subprocess.DEVNULL, **options)
 
     def index(self, *arguments):
@@ -176,7 +180,7 @@ class Host:
         self.world = world
         # Answers of an earlier host, which this one has not taken away yet, are none of its own.
         self.before = {path.name for path in world.outbox.iterdir()} if world.outbox.is_dir() else set()
-        self.process = subprocess.Popen([*prefix, str(HOST), "serve", *arguments], env=environment or world.environment,
+        self.process = subprocess.Popen([*prefix, *UNDER, str(HOST), "serve", *arguments], env=environment or world.environment,
                                         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                         text=True, errors="replace", umask=umask)
         self.lines = []
