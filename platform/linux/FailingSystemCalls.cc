@@ -72,7 +72,7 @@ Result failure() {
 FailingSystemCalls::FailingSystemCalls(FailingCall call)
     : FailingSystemCalls(std::vector<FailingCall>{call}) {}
 
-FailingSystemCalls::FailingSystemCalls(std::vector<FailingCall> calls) {
+FailingSystemCalls::FailingSystemCalls(const std::vector<FailingCall>& calls) {
   Plan& current = plan();
   const std::lock_guard lock(current.mutex);
   for (const FailingCall& call : calls) current.calls.push_back({call});

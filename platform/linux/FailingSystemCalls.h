@@ -26,7 +26,7 @@ struct FailingCall {
 class FailingSystemCalls {
  public:
   explicit FailingSystemCalls(FailingCall call);
-  explicit FailingSystemCalls(std::vector<FailingCall> calls);
+  explicit FailingSystemCalls(const std::vector<FailingCall>& calls);
   ~FailingSystemCalls();
   FailingSystemCalls(const FailingSystemCalls&) = delete;
   FailingSystemCalls& operator=(const FailingSystemCalls&) = delete;
