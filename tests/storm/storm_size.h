@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// How large a storm is: small on each commit, and in full when THMP_STORM is set.
+// How large a storm is: small on each commit, smaller with sanitizers, and in full when THMP_STORM
+// is set.
 #pragma once
 
 #include <cstdlib>
@@ -8,7 +9,7 @@
 namespace thmp::storm {
 
 inline int storm(int small, int large) {
-  return std::getenv("THMP_STORM") != nullptr ? large : small;
+  return std::getenv("THMP_STORM") != nullptr ? large : small / THMP_ONE_OF;
 }
 
 }  // namespace thmp::storm
