@@ -22,7 +22,15 @@ struct ParseLimits {
   std::size_t fileBytes = std::size_t{64} << 20;
   /// Of one header block, that of the message or of a part in it.
   std::size_t headerBytes = std::size_t{1} << 20;
-  std::size_t parts = 10'000;
+  /// Fields of the message's own header block.
+  std::size_t fields = 10'000;
+  /// Addresses, keywords and labels of the message together, by number and length. What may stand
+  /// between two or in one counts, in quotes too.
+  std::size_t listed = 5'000;
+  std::size_t listedBytes = std::size_t{512} << 10;
+  /// Of the fields that say what parts are, in the message and all its parts.
+  std::size_t structureBytes = std::size_t{128} << 10;
+  std::size_t parts = 1'000;
   std::size_t depth = 100;
   std::size_t textBytes = std::size_t{1} << 20;
 };

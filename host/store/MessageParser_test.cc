@@ -15,6 +15,7 @@ namespace thmp {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
@@ -496,7 +497,8 @@ TEST_F(HostileMail, AnEmptyFileIsStillAMessage) {
 }
 
 TEST_F(HostileMail, HeadersBeyondTheLimitAreCutAndTheBodyIsRead) {
-  parse("Subject: found\n" + repeated("X-Header: value of some length\n", 50'000) + "\nthe body\n");
+  parse("Subject: found\n" + repeated("X-Header: " + std::string(490, 'v') + "\n", 3'000) +
+        "\nthe body\n");
   EXPECT_EQ(text("kMDItemSubject"), "found");
   EXPECT_EQ(message_.textContent, "the body");
   EXPECT_THAT(message_.incomplete, ElementsAre("a header longer than 1048576 bytes"));
@@ -508,8 +510,55 @@ TEST_F(HostileMail, ManyTinyHeadersTakeLinearTime) {
 }
 
 TEST_F(HostileMail, ManyAddressesTakeLinearTime) {
-  parse("Subject: found\nTo: " + repeated("a@b.test, ", 90'000) + "z@b.test\n\nbody");
-  EXPECT_EQ(texts("kMDItemPrimaryRecipients").size(), 90'001U);
+  parse("Subject: found\nTo: " + repeated("a@b.test, ", 4'999) + "z@b.test\n\nbody");
+  EXPECT_EQ(texts("kMDItemPrimaryRecipients").size(), 5'000U);
+  EXPECT_THAT(message_.incomplete, ElementsAre());
+}
+
+TEST_F(HostileMail, AddressesKeywordsAndLabelsBeyondTheLimitAreCut) {
+  constexpr const char* kCut =
+      "more than 5000 addresses, keywords and labels, or 524288 bytes of them";
+  parse("To: " + repeated("a@b.test,\n ", 40'000) + "z@b.test\nSubject: found\n\nbody");
+  EXPECT_EQ(texts("kMDItemPrimaryRecipients").size(), 5'000U);
+  EXPECT_EQ(text("kMDItemSubject"), "found");
+  EXPECT_EQ(message_.textContent, "body");
+  EXPECT_THAT(message_.incomplete, ElementsAre(kCut));
+  for (const std::string_view unit : {"g:a@b.test;", "<a@b.test> ", "a@b.test ", "a. "}) {
+    parse("To: " + repeated(unit, 600'000 / unit.size()) + "\n\nbody");
+    EXPECT_THAT(message_.incomplete, ElementsAre(kCut));
+  }
+  parse("From: a@b.test\nKeywords: " + repeated("k,", 20'000) + "\nCc: b@b.test\n\nbody");
+  EXPECT_EQ(texts("kMDItemKeywords").size(), 5'001U);
+  EXPECT_EQ(texts("kMDItemAuthorEmailAddresses").size(), 1U);
+  EXPECT_THAT(texts("kMDItemAdditionalRecipients"), ElementsAre("b@b.test"));
+  EXPECT_THAT(message_.incomplete, ElementsAre(kCut));
+}
+
+TEST_F(HostileMail, HeaderFieldsBeyondTheLimitAreLeftOut) {
+  parse("Subject: found\n" + repeated("X-A: b\n", 9'999) + "To: a@b.test\n folded\n\nbody");
+  EXPECT_EQ(text("kMDItemSubject"), "found");
+  EXPECT_TRUE(texts("kMDItemPrimaryRecipients").empty());
+  EXPECT_EQ(message_.textContent, "body");
+  EXPECT_THAT(message_.incomplete, ElementsAre("more than 10000 header fields"));
+}
+
+TEST_F(HostileMail, ContentFieldsBeyondTheLimitAreLeftOut) {
+  parse("Content-Type: text/plain" + repeated("; p=q\n ", 20'000) + "\nSubject: found\n\nbody");
+  EXPECT_EQ(text("kMDItemSubject"), "found");
+  EXPECT_EQ(message_.textContent, "body");
+  EXPECT_THAT(message_.incomplete, ElementsAre("more than 131072 bytes of Content fields"));
+}
+
+TEST_F(HostileMail, LinesThatLookLikeBoundariesAreComparedOnlySoOften) {
+  std::string mail = "Subject: found\n";
+  for (int i = 10; i < 100; ++i) {
+    const std::string boundary = "b" + std::to_string(i);
+    mail.append("Content-Type: multipart/mixed; boundary=").append(boundary);
+    mail.append("\n\n--").append(boundary).append("\n");
+  }
+  parse(mail + "\n" + repeated("-- \n", 100'000));
+  EXPECT_EQ(text("kMDItemSubject"), "found");
+  EXPECT_THAT(message_.incomplete, ElementsAre("too many lines that look like boundaries"));
 }
 
 TEST_F(HostileMail, ManyEncodedWordsTakeLinearTime) {
@@ -519,20 +568,31 @@ TEST_F(HostileMail, ManyEncodedWordsTakeLinearTime) {
   EXPECT_EQ(text("kMDItemSubject").size(), 980'000U);
   parse("Subject: " + repeated("=?nobody?q?x?= ", 60'000) + "\n\nbody");
   EXPECT_EQ(text("kMDItemSubject").size(), 60'000U);
+  parse("Subject: " + repeated("=?a?x? ", 140'000) + "?=\n\nbody");
+  EXPECT_EQ(text("kMDItemSubject").size(), 980'002U);
+}
+
+TEST_F(HostileMail, CharsetsBeyondAHundredInOneMessageAreTakenAsUnknown) {
+  std::string words;
+  for (int i = 0; i < 40'000; ++i) words += "=?odd-" + std::to_string(i) + "?q?x?= ";
+  parse("Subject: " + words + "=?koi8-r?q?=C1?=\n\nbody");
+  EXPECT_THAT(text("kMDItemSubject"), EndsWith("x\xC3\x81"));
+  parse("Subject: =?koi8-r?q?=C1?=\n\nbody");
+  EXPECT_EQ(text("kMDItemSubject"), "\xD0\xB0");
 }
 
 TEST_F(HostileMail, PartsBeyondTheLimitAreCut) {
   parse("Subject: found\nContent-Type: multipart/mixed; boundary=\"b\"\n\n" +
         repeated("--b\nContent-Type: text/plain\n\nx\n", 20'000));
   EXPECT_EQ(text("kMDItemSubject"), "found");
-  EXPECT_THAT(message_.incomplete, ElementsAre("more than 10000 parts"));
-  EXPECT_EQ(message_.textContent.size(), 2 * 10'000U - 1);
+  EXPECT_THAT(message_.incomplete, ElementsAre("more than 1000 parts"));
+  EXPECT_EQ(message_.textContent.size(), 2 * 1'000U - 1);
 }
 
 TEST_F(HostileMail, PartsOfABoundaryInPiecesAreCountedToo) {
   parse("Subject: found\nContent-Type: multipart/mixed; boundary*0=b; boundary*1=c\n\n" +
         repeated("--bc\n\nx\n", 20'000));
-  EXPECT_THAT(message_.incomplete, ElementsAre("more than 10000 parts"));
+  EXPECT_THAT(message_.incomplete, ElementsAre("more than 1000 parts"));
 }
 
 TEST_F(HostileMail, DeepPartsAreCut) {

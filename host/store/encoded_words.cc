@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/store/encoded_words.h"
 
-#include <gmime/gmime.h>
-
 #include <array>
 #include <cerrno>
 #include <cstdint>
 #include <functional>
 #include <optional>
-#include <unordered_set>
+#include <unordered_map>
 
+#include "host/store/gmime_use.h"
 #include "host/store/header_text.h"
 
 namespace thmp {
@@ -77,19 +76,14 @@ std::optional<Word> wordAt(std::string_view text, std::size_t at) {
   std::string_view charset = text.substr(at + 2, charsetEnd - at - 2);
   if (charset.find(' ') != std::string_view::npos) return std::nullopt;
   charset = charset.substr(0, charset.find('*'));  // a language may follow
+  // Before the end is searched for, which may be far.
+  const bool isQ = encoding == 'Q' || encoding == 'q';
+  if (!isQ && encoding != 'B' && encoding != 'b') return std::nullopt;
   const std::size_t begin = charsetEnd + 3;
   const std::size_t end = text.find("?=", begin);
   if (end == std::string_view::npos) return std::nullopt;
   const std::string_view payload = text.substr(begin, end - begin);
-  Word word{std::string(charset), {}, end + 2};
-  if (encoding == 'Q' || encoding == 'q') {
-    word.bytes = decodeQ(payload);
-  } else if (encoding == 'B' || encoding == 'b') {
-    word.bytes = decodeB(payload);
-  } else {
-    return std::nullopt;
-  }
-  return word;
+  return Word{std::string(charset), isQ ? decodeQ(payload) : decodeB(payload), end + 2};
 }
 
 // Hands stretches of plain text to `plain` and each run of encoded words, decoded, to `words`.
@@ -132,23 +126,53 @@ constexpr gunichar kFirstMask = 0x100000;
 constexpr std::size_t kMostMasks = 0xFFF0;
 constexpr std::string_view kMaskLead = "\xF4";
 
-// Looking for a charset that nobody knows is slow, and one message may ask for it many times; under
-// the lock of GMimeUse.
-std::optional<iconv_t> openConverter(const std::string& charset) {
-  constexpr std::size_t kMostRemembered = 100;
-  static std::unordered_set<std::string>& unknown = *new std::unordered_set<std::string>;
-  if (unknown.contains(charset)) return std::nullopt;
-  const iconv_t converter = g_mime_iconv_open("utf-8", charset.c_str());
-  if (reinterpret_cast<std::intptr_t>(converter) != -1) return converter;
-  if (unknown.size() >= kMostRemembered) unknown.clear();
-  unknown.insert(charset);
-  return std::nullopt;
+// Opening a charset is slow, more so one that nobody knows, and one message may ask for it many
+// times: those of a use of GMime stay open until the next. A message has reason to name a few; all
+// beyond are unknown.
+class Converters {
+ public:
+  /// In its initial state; empty when the charset is not known.
+  std::optional<iconv_t> find(const std::string& charset) {
+    if (use_ != GMimeUse::number()) closeAll();
+    use_ = GMimeUse::number();
+    const auto found = converters_.find(charset);
+    if (found == converters_.end()) return open(charset);
+    if (found->second) iconv(*found->second, nullptr, nullptr, nullptr, nullptr);
+    return found->second;
+  }
+
+ private:
+  static constexpr std::size_t kMost = 100;
+
+  std::optional<iconv_t> open(const std::string& charset) {
+    if (converters_.size() >= kMost) return std::nullopt;
+    const iconv_t opened = g_mime_iconv_open("utf-8", charset.c_str());
+    const bool isKnown = reinterpret_cast<std::intptr_t>(opened) != -1;
+    return converters_[charset] = isKnown ? std::optional(opened) : std::nullopt;
+  }
+
+  void closeAll() {
+    for (const auto& [charset, converter] : converters_) {
+      if (converter) g_mime_iconv_close(*converter);
+    }
+    converters_.clear();
+  }
+
+  std::uint64_t use_ = 0;
+  std::unordered_map<std::string, std::optional<iconv_t>> converters_;
+};
+
+std::optional<iconv_t> converterFrom(const std::string& charset) {
+  static Converters& converters = *new Converters;
+  return converters.find(charset);
 }
 
 }  // namespace
 
+bool isCharset(const std::string& charset) { return converterFrom(charset).has_value(); }
+
 std::string convertToUtf8(std::string_view bytes, const std::string& charset) {
-  const std::optional<iconv_t> opened = openConverter(charset);
+  const std::optional<iconv_t> opened = converterFrom(charset);
   if (!opened) return toUtf8(bytes);
   const iconv_t converter = *opened;
   std::string out;
@@ -172,7 +196,6 @@ std::string convertToUtf8(std::string_view bytes, const std::string& charset) {
     ++from;
     --left;
   }
-  g_mime_iconv_close(converter);
   return cleanUtf8(out);
 }
 

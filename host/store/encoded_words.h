@@ -29,6 +29,9 @@ class EncodedWordMask {
   std::vector<std::string> decoded_;
 };
 
+/// Whether text in that charset can be converted.
+bool isCharset(const std::string& charset);
+
 /// `bytes` as UTF-8, U+FFFD for what the charset does not have; as UTF-8 or Windows-1252 when the
 /// charset is not known.
 std::string convertToUtf8(std::string_view bytes, const std::string& charset);

@@ -11,6 +11,9 @@ std::mutex& gmimeMutex() {
   return mutex;
 }
 
+// Under the mutex.
+std::uint64_t uses = 0;
+
 GMimeParserOptions* makeOptions() {
   GMimeParserOptions* options = g_mime_parser_options_new();
   const char* charsets[] = {"utf-8", "windows-1252", nullptr};
@@ -24,8 +27,11 @@ GMimeParserOptions* makeOptions() {
 
 }  // namespace
 
+std::uint64_t GMimeUse::number() { return uses; }
+
 GMimeUse::GMimeUse() {
   gmimeMutex().lock();
+  ++uses;
   static const bool ready = (g_mime_init(), true);
   static_cast<void>(ready);
 }

@@ -6,6 +6,7 @@
 
 #include <gmime/gmime.h>
 
+#include <cstdint>
 #include <memory>
 
 #include "base/mutex.h"
@@ -19,6 +20,9 @@ class GMimeUse {
   ~GMimeUse();
   GMimeUse(const GMimeUse&) = delete;
   GMimeUse& operator=(const GMimeUse&) = delete;
+
+  /// Another for each use. REQUIRES: a GMimeUse.
+  static std::uint64_t number();
 };
 
 struct GObjectUnref {

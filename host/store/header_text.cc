@@ -44,13 +44,6 @@ std::size_t whiteSpaceAt(std::string_view text, std::size_t at) noexcept {
   return character == 0x85 || g_unichar_isspace(character) != FALSE ? length : 0;
 }
 
-std::string_view fieldName(std::string_view line) noexcept {
-  const std::size_t colon = line.find(':');
-  std::string_view name = line.substr(0, colon == std::string_view::npos ? 0 : colon);
-  while (!name.empty() && (name.back() == ' ' || name.back() == '\t')) name.remove_suffix(1);
-  return name;
-}
-
 // Makes an address field flat for a parser that follows its nesting on the stack: without comments,
 // and without groups in groups.
 class FlatAddresses {
@@ -148,7 +141,7 @@ std::vector<RawHeader> splitHeaders(std::string_view bytes) {
       }
     } else {
       const std::string_view name = fieldName(line);
-      inField = isFieldName(name);
+      inField = !name.empty();
       if (inField) headers.push_back({name, line.substr(line.find(':') + 1)});
     }
     at = end + 1;
@@ -156,7 +149,12 @@ std::vector<RawHeader> splitHeaders(std::string_view bytes) {
   return headers;
 }
 
-bool isHeaderField(std::string_view line) noexcept { return isFieldName(fieldName(line)); }
+std::string_view fieldName(std::string_view line) noexcept {
+  const std::size_t colon = line.find(':');
+  std::string_view name = line.substr(0, colon == std::string_view::npos ? 0 : colon);
+  while (!name.empty() && (name.back() == ' ' || name.back() == '\t')) name.remove_suffix(1);
+  return isFieldName(name) ? name : std::string_view();
+}
 
 bool startsIgnoringCase(std::string_view text, std::string_view prefix) noexcept {
   return text.size() >= prefix.size() && equalsIgnoringCase(text.substr(0, prefix.size()), prefix);
@@ -225,7 +223,8 @@ std::vector<MailAddress> parseAddresses(std::string_view raw) {
 }
 
 std::optional<std::int64_t> parseMailDate(std::string_view text) {
-  const std::string terminated = collapseWhiteSpace(text);
+  constexpr std::size_t kLongest = 1'000;
+  const std::string terminated = collapseWhiteSpace(text.substr(0, kLongest));
   if (terminated.empty()) return std::nullopt;
   GDateTime* date = g_mime_utils_header_decode_date(terminated.c_str());
   if (date == nullptr) return std::nullopt;

@@ -22,8 +22,8 @@ struct RawHeader {
 /// GMime needed.
 std::vector<RawHeader> splitHeaders(std::string_view bytes);
 
-/// Whether a line begins a field: a name, and a colon. No GMime needed.
-bool isHeaderField(std::string_view line) noexcept;
+/// The name of the field that a line begins; empty when it begins none. No GMime needed.
+std::string_view fieldName(std::string_view line) noexcept;
 
 /// ASCII letters without case. No GMime needed.
 bool equalsIgnoringCase(std::string_view a, std::string_view b) noexcept;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <unordered_map>
 
 #include "host/store/encoded_words.h"
 #include "host/store/gmime_use.h"
@@ -190,8 +191,15 @@ class BodyReader {
     return false;
   }
 
+  // Asked for anew at each level above, so it is remembered.
   bool hasPlainText(GMimeObject* part, std::size_t depth) {
     if (part == nullptr || depth > limits_.depth) return false;
+    const auto known = hasPlainText_.find(part);
+    if (known != hasPlainText_.end()) return known->second;
+    return hasPlainText_[part] = findPlainText(part, depth);
+  }
+
+  bool findPlainText(GMimeObject* part, std::size_t depth) {
     if (GMIME_IS_MULTIPART(part)) {
       GMimeMultipart* multipart = GMIME_MULTIPART(part);
       const int count = g_mime_multipart_get_count(multipart);
@@ -234,7 +242,7 @@ class BodyReader {
     const char* named = g_mime_object_get_content_type_parameter(GMIME_OBJECT(part), "charset");
     const std::string charset = named == nullptr ? std::string() : std::string(named);
     GObjectPtr<GMimeFilter> convert;
-    if (!isTakenAsBytes(charset)) {
+    if (!isTakenAsBytes(charset) && isCharset(charset)) {
       convert.reset(g_mime_filter_charset_new(charset.c_str(), "utf-8"));
       if (convert) {
         g_mime_stream_filter_add(GMIME_STREAM_FILTER(filtered.get()), convert.get());
@@ -293,6 +301,7 @@ class BodyReader {
   const ParseLimits& limits_;
   std::vector<std::string>& reasons_;
   MessageBody body_;
+  std::unordered_map<GMimeObject*, bool> hasPlainText_;
   bool full_ = false;
 };
 

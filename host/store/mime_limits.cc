@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 
 #include "host/store/header_text.h"
@@ -43,6 +44,8 @@ class Scan {
   }
 
  private:
+  static constexpr std::size_t kMostCompared = 1'000'000;
+
   struct Level {
     std::string_view boundary;
     // The boundary is spelled in pieces: any line that looks like one may be it.
@@ -64,6 +67,12 @@ class Scan {
   }
 
   bool boundaryLine(std::string_view text) {
+    // The parser compares them all, too.
+    compared_ += levels_.size();
+    if (compared_ > kMostCompared) {
+      cut("too many lines that look like boundaries");
+      return false;
+    }
     const std::string_view name = text.substr(2);
     for (std::size_t i = levels_.size(); i-- > 0;) {
       const Level& level = levels_[i];
@@ -113,6 +122,50 @@ class Scan {
 
   enum class Field : std::uint8_t { kNone, kOther, kContent, kContentType };
 
+  static bool isList(std::string_view name) {
+    constexpr std::array<std::string_view, 7> kLists = {
+        "From", "Sender", "To", "Cc", "Bcc", "Keywords", "X-Gmail-Labels"};
+    return std::any_of(kLists.begin(), kLists.end(),
+                       [&](std::string_view list) { return equalsIgnoringCase(list, name); });
+  }
+
+  // Whether the line begins a field that is read.
+  void beginField(std::string_view line) {
+    const std::string_view name = fieldName(line);
+    field_ = fieldOf(name);
+    inList_ = isTop_ && isList(name);
+    if (field_ == Field::kNone || !isTop_) return;
+    if (++fields_ > limits_.fields) {
+      note(fmt::format("more than {} header fields", limits_.fields));
+      field_ = Field::kNone;
+    } else if (inList_ && lists_++ >= limits_.listed) {
+      endList();
+    }
+  }
+
+  void endList() {
+    note(fmt::format("more than {} addresses, keywords and labels, or {} bytes of them",
+                     limits_.listed, limits_.listedBytes));
+    field_ = Field::kNone;
+  }
+
+  // The line up to where too much is listed. Addresses need no comma between them, but each has one
+  // of these signs.
+  std::string_view listedIn(std::string_view line) {
+    constexpr std::string_view kSigns = ",;<@";
+    for (std::size_t at = 0; at < line.size(); ++at) {
+      const std::size_t sign = kSigns.find(line[at]);
+      if (++listedBytes_ <= limits_.listedBytes &&
+          (sign == std::string_view::npos || ++signs_[sign] <= limits_.listed)) {
+        continue;
+      }
+      endList();
+      const std::size_t last = line.find_last_of(",; \t", at);
+      return line.substr(0, last == std::string_view::npos ? 0 : last);
+    }
+    return line;
+  }
+
   void headerLine(std::string_view whole) {
     const std::size_t room = limits_.headerBytes - std::min(limits_.headerBytes, headerBytes_);
     headerBytes_ += whole.size();
@@ -122,20 +175,29 @@ class Scan {
       if (whole.empty()) return;
     }
     const bool continues = whole[0] == ' ' || whole[0] == '\t';
-    if (!continues) field_ = fieldOf(whole);
+    if (!continues) beginField(whole);
     if (field_ == Field::kNone) return;
-    std::string clean(whole);
+    const Field field = field_;
+    std::string clean(inList_ ? listedIn(whole) : whole);
+    if (clean.empty()) return;
     std::replace(clean.begin(), clean.end(), '\0', ' ');
     if (clean.back() != '\n') clean.push_back('\n');
     if (isTop_) out_.headers.append(clean);
-    if (field_ != Field::kOther) out_.mime.append(clean);
-    if (field_ == Field::kContentType) contentType(whole);
+    if (field == Field::kOther) return;
+    structureBytes_ += clean.size();
+    if (structureBytes_ > limits_.structureBytes) {
+      return note(fmt::format("more than {} bytes of Content fields", limits_.structureBytes));
+    }
+    out_.mime.append(clean);
+    if (field == Field::kContentType) contentType(whole);
   }
 
-  static Field fieldOf(std::string_view line) {
-    if (!isHeaderField(line)) return Field::kNone;
-    if (startsIgnoringCase(line, "content-type")) return Field::kContentType;
-    return startsIgnoringCase(line, "content-") ? Field::kContent : Field::kOther;
+  static Field fieldOf(std::string_view name) {
+    if (name.empty()) return Field::kNone;
+    if (startsIgnoringCase(name, "content-type")) return Field::kContentType;
+    const bool isContent = startsIgnoringCase(name, "content-disposition") ||
+                           startsIgnoringCase(name, "content-transfer-encoding");
+    return isContent ? Field::kContent : Field::kOther;
   }
 
   void contentType(std::string_view text) {
@@ -176,11 +238,18 @@ class Scan {
   LimitedMessage out_;
   std::vector<Level> levels_;
   std::size_t headerBytes_ = 0;
+  std::size_t fields_ = 0;
+  std::size_t lists_ = 0;
+  std::size_t listedBytes_ = 0;
+  std::array<std::size_t, 4> signs_{};
+  std::size_t structureBytes_ = 0;
+  std::size_t compared_ = 0;
   std::size_t parts_ = 0;
   Field field_ = Field::kNone;
   bool isTop_ = true;
   bool inHeader_ = true;
   bool isMessage_ = false;
+  bool inList_ = false;
   bool cut_ = false;
 };
 
