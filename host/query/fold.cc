@@ -4,6 +4,8 @@
 #include <utf8proc.h>
 
 #include <algorithm>
+#include <array>
+#include <numeric>
 
 #include "host/query/characters.h"
 
@@ -11,6 +13,7 @@ namespace thmp::query {
 
 namespace {
 
+constexpr char32_t kFirstMark = 0x300;
 constexpr char32_t kFirstCodePointWithLastingMarks = 0x510;
 
 const utf8proc_property_t& property(char32_t codePoint) {
@@ -31,21 +34,43 @@ bool isUnmovedByNfc(std::u32string_view text) {
   return std::all_of(text.begin(), text.end(), [](char32_t c) { return isUnmovedByNfc(c); });
 }
 
-/// Marks after one base into the canonical order. Sorting each run keeps a text of marks alone from
-/// taking quadratic time.
+constexpr std::size_t kCombiningClasses = 256;
+
+std::uint8_t combiningClass(char32_t c) {
+  return c < kFirstMark ? std::uint8_t{0} : static_cast<std::uint8_t>(property(c).combining_class);
+}
+
+/// Sorts marks by their classes, those of one class in their order, in linear time.
+void sortByClass(std::u32string& text, std::size_t begin, std::size_t end) {
+  const std::u32string marks = text.substr(begin, end - begin);
+  std::array<std::size_t, kCombiningClasses + 1> places{};
+  for (const char32_t c : marks) ++places[combiningClass(c) + 1U];
+  std::partial_sum(places.begin(), places.end(), places.begin());
+  for (const char32_t c : marks) text[begin + places[combiningClass(c)]++] = c;
+}
+
+/// Marks after one base into the canonical order. A text may be nothing but marks.
 void orderMarks(std::u32string& text) {
-  const auto classOf = [](char32_t c) { return property(c).combining_class; };
   std::size_t begin = 0;
   while (begin < text.size()) {
     std::size_t end = begin;
-    while (end < text.size() && text[end] >= 0x300 && classOf(text[end]) != 0) ++end;
-    if (end - begin > 1) {
-      std::stable_sort(text.begin() + static_cast<std::ptrdiff_t>(begin),
-                       text.begin() + static_cast<std::ptrdiff_t>(end),
-                       [&](char32_t a, char32_t b) { return classOf(a) < classOf(b); });
+    std::uint8_t highest = 0;
+    bool ordered = true;
+    for (; end < text.size(); ++end) {
+      const std::uint8_t next = combiningClass(text[end]);
+      if (next == 0) break;
+      ordered = ordered && next >= highest;
+      highest = std::max(highest, next);
     }
+    if (!ordered) sortByClass(text, begin, end);
     begin = std::max(end, begin + 1);
   }
+}
+
+/// What neither NFD nor case folding changes. Syllables of Hangul are taken apart by rule.
+bool isUnmoved(char32_t c) {
+  const bool isSyllable = c >= 0xAC00 && c <= 0xD7A3;
+  return (classOf(c) & kUnmovedByFolds) != 0 && !isSyllable;
 }
 
 /// NFD; with `foldCase` each code point is case-folded on the way.
@@ -56,6 +81,10 @@ std::u32string decomposed(std::u32string_view text, bool foldCase) {
   std::u32string result;
   result.reserve(text.size());
   for (const char32_t c : text) {
+    if (isUnmoved(c)) {
+      result.push_back(c);
+      continue;
+    }
     utf8proc_int32_t parts[kLongestDecomposition];
     int boundaryClass = 0;
     const utf8proc_ssize_t count = utf8proc_decompose_char(
@@ -72,11 +101,15 @@ std::u32string decomposed(std::u32string_view text, bool foldCase) {
 
 /// Joins what NFD has taken apart.
 void compose(std::u32string& text) {
-  std::vector<utf8proc_int32_t> points(text.begin(), text.end());
+  if (isUnmovedByNfc(text)) return;
+  std::array<utf8proc_int32_t, 32> few;
+  std::vector<utf8proc_int32_t> many(text.size() > few.size() ? text.size() : 0);
+  utf8proc_int32_t* const points = many.empty() ? few.data() : many.data();
+  std::copy(text.begin(), text.end(), points);
   const utf8proc_ssize_t length =
-      utf8proc_normalize_utf32(points.data(), static_cast<utf8proc_ssize_t>(points.size()),
+      utf8proc_normalize_utf32(points, static_cast<utf8proc_ssize_t>(text.size()),
                                static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_COMPOSE));
-  if (length >= 0) text.assign(points.begin(), points.begin() + length);
+  if (length >= 0) text.assign(points, points + length);
 }
 
 std::u32string decode(std::string_view text) {
@@ -90,12 +123,19 @@ std::u32string decode(std::string_view text) {
 
 void dropMarks(std::u32string& character) {
   std::erase_if(character, [](char32_t c) {
-    return c < kFirstCodePointWithLastingMarks && property(c).category == UTF8PROC_CATEGORY_MN;
+    return c >= kFirstMark && c < kFirstCodePointWithLastingMarks &&
+           property(c).category == UTF8PROC_CATEGORY_MN;
   });
 }
 
 /// Folds one character of a text in NFC.
 void appendFolded(std::u32string_view character, Folding folding, std::string& out) {
+  if (character.size() == 1 && character[0] < 0x80) {
+    const char c = static_cast<char>(character[0]);
+    const bool isCapital = c >= 'A' && c <= 'Z';
+    out.push_back(folding.foldCase && isCapital ? static_cast<char>(c - 'A' + 'a') : c);
+    return;
+  }
   const bool folds = folding.foldCase || folding.dropMarks;
   const bool simple =
       !folds || (character.size() == 1 && (classOf(character[0]) & kUnmovedByFolds) != 0);
@@ -104,8 +144,9 @@ void appendFolded(std::u32string_view character, Folding folding, std::string& o
     return;
   }
   const bool hasBase = !isMark(character[0]);
-  std::u32string folded = decomposed(character, /*foldCase=*/false);
-  if (folding.foldCase) folded = decomposed(folded, /*foldCase=*/true);
+  // A single code point is folded and taken apart at once, with the same outcome.
+  std::u32string folded = decomposed(character, folding.foldCase && character.size() == 1);
+  if (folding.foldCase && character.size() > 1) folded = decomposed(folded, /*foldCase=*/true);
   if (folding.dropMarks && hasBase) dropMarks(folded);
   compose(folded);
   for (const char32_t c : folded) appendUtf8(c, out);
@@ -134,10 +175,15 @@ std::string foldText(std::string_view text, Folding folding) {
 }
 
 std::string foldText(std::u32string_view text, Folding folding) {
-  std::string utf8;
-  utf8.reserve(text.size());
-  for (const char32_t c : text) appendUtf8(c, utf8);
-  return foldText(utf8, folding);
+  std::string folded;
+  folded.reserve(text.size());
+  const std::u32string whole = composed(std::u32string(text));
+  for (std::size_t begin = 0; begin < whole.size();) {
+    const std::size_t end = characterEnd(whole, begin);
+    appendFolded(std::u32string_view(whole).substr(begin, end - begin), folding, folded);
+    begin = end;
+  }
+  return folded;
 }
 
 void FoldedText::assign(std::string_view text, Folding folding) {

@@ -113,6 +113,7 @@ class Parser {
   Lexer lexer_;
   Token current_;
   std::size_t takenEnd_ = 0;  // where the last token taken ends
+  std::size_t tokens_ = 0;
   std::size_t depth_ = 0;
   SyntaxError error_;
 };
@@ -121,6 +122,12 @@ class Parser {
 
 void Parser::advance() {
   current_ = lexer_.next();
+  if (!at(Kind::kEnd) && ++tokens_ > kMaxTokens) {
+    current_.kind = Kind::kInvalid;
+    fail(current_.offset,
+         "the query goes on after " + std::to_string(kMaxTokens) + " words and signs");
+    return;
+  }
   if (!at(Kind::kInvalid)) return;
   const SyntaxError& error = lexer_.error();
   fail(error.offset, error.message, error.hint);

@@ -32,6 +32,8 @@ namespace thmp::query {
 
 /// How deep groups and "!" may nest.
 inline constexpr std::size_t kMaxNesting = 256;
+/// How many words, strings and signs a query may have.
+inline constexpr std::size_t kMaxTokens = 100'000;
 
 /// The query that `text` says; empty, with `error` filled, when it says none. Names that no message
 /// has and values of another type than their attribute are no errors.
