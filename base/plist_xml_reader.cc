@@ -5,6 +5,7 @@
 // exist, no other file is opened, and nothing grows beyond the bytes that came in.
 #include <expat.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
@@ -22,6 +23,8 @@ namespace {
 
 using Entry = Dictionary::Entry;
 
+constexpr int kLongestTag = 1 << 16;
+constexpr std::size_t kMostAttributes = 1'000;
 constexpr std::string_view kSpace = " \t\r\n";
 
 std::string_view trimmed(std::string_view text) {
@@ -140,6 +143,8 @@ class XmlReader {
   bool failWith(PropertyListError code, std::string_view what);
   bool damaged(std::string_view what) { return failWith(PropertyListError::kDamaged, what); }
 
+  XML_Status parse(std::string_view bytes);
+  bool countAttributes(const XML_Char** attributes);
   bool begin(Element element);
   bool end();
   bool finishScalar();
@@ -183,6 +188,7 @@ class XmlReader {
   std::vector<Container> containers_;
   std::optional<Value> root_;
   std::size_t nodes_ = 0;
+  std::size_t attributes_ = 0;
   std::array<Text, 256> recentKeys_;
 };
 
@@ -222,8 +228,7 @@ std::optional<Value> XmlReader::read(std::string_view bytes) {
   XML_SetEntityDeclHandler(parser, onEntity);
   XML_SetAttlistDeclHandler(parser, onAttributeDeclaration);
   XML_SetSkippedEntityHandler(parser, onSkippedEntity);
-  const XML_Status status =
-      XML_Parse(parser, bytes.data(), static_cast<int>(bytes.size()), /*isFinal=*/1);
+  const XML_Status status = parse(bytes);
   if (thrown_ != nullptr) std::rethrow_exception(thrown_);
   if (stopped_) return std::nullopt;
   if (status != XML_STATUS_OK) {
@@ -232,6 +237,25 @@ std::optional<Value> XmlReader::read(std::string_view bytes) {
   }
   if (!root_) damaged("no value");
   return std::move(root_);
+}
+
+/// Piece by piece, to see a tag that does not end.
+XML_Status XmlReader::parse(std::string_view bytes) {
+  XML_Parser parser = parser_.get();
+  std::size_t fed = 0;
+  while (bytes.size() - fed > kLongestTag) {
+    const XML_Status status = XML_Parse(parser, bytes.data() + fed, kLongestTag, /*isFinal=*/0);
+    fed += kLongestTag;
+    if (status != XML_STATUS_OK) return status;
+    const auto reached =
+        static_cast<std::size_t>(std::max<XML_Index>(0, XML_GetCurrentByteIndex(parser)));
+    if (fed - std::min(fed, reached) <= kLongestTag) continue;
+    damaged("a tag or comment that is too long");
+    stopped_ = true;
+    return XML_STATUS_ERROR;
+  }
+  return XML_Parse(parser, bytes.data() + fed, static_cast<int>(bytes.size() - fed),
+                   /*isFinal=*/1);
 }
 
 bool XmlReader::begin(Element element) {
@@ -267,6 +291,14 @@ bool XmlReader::begin(Element element) {
   } else {
     scalar_ = element;
     characters_.clear();
+  }
+  return true;
+}
+
+/// None says anything here but the version of the plist element, and each costs its share.
+bool XmlReader::countAttributes(const XML_Char** attributes) {
+  for (; *attributes != nullptr; attributes += 2) {
+    if (++attributes_ > kMostAttributes) return damaged("too many attributes");
   }
   return true;
 }
@@ -343,8 +375,10 @@ Text XmlReader::shared(std::string_view text) {
   return recent;
 }
 
-void XmlReader::onStart(void* self, const XML_Char* name, const XML_Char** /*attributes*/) {
-  guarded(self, [&](XmlReader& reader) { return reader.begin(elementNamed(name)); });
+void XmlReader::onStart(void* self, const XML_Char* name, const XML_Char** attributes) {
+  guarded(self, [&](XmlReader& reader) {
+    return reader.countAttributes(attributes) && reader.begin(elementNamed(name));
+  });
 }
 
 void XmlReader::onEnd(void* self, const XML_Char* /*name*/) {
