@@ -10,7 +10,6 @@
 
 #include "base/format.h"
 #include "paths/full_disk_access_lists.h"
-#include "paths/path_components.h"
 #include "paths/resolved_links.h"
 
 namespace thmp {
@@ -155,9 +154,7 @@ bool FullDiskAccess::thmp_checkHasFullDiskAccess() const {
 std::string FullDiskAccess::stringByResolvingSymlinksInPath(const std::string& path) const {
   const std::string expanded = paths_.stringByExpandingTildeInPath(path);
   if (expanded.starts_with('/')) {
-    if (const auto resolved = resolvedLinks(files_, pathComponents(expanded))) {
-      return pathWithComponents(*resolved);
-    }
+    if (auto resolved = resolvedLinks(files_, expanded)) return *std::move(resolved);
   }
   return paths_.stringByStandardizingPath(expanded);
 }

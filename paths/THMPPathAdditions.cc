@@ -11,21 +11,22 @@
 namespace thmp {
 namespace {
 
-using Components = std::vector<std::string>;
-
 /// The home of the user whom a first component "~name" names; empty for none.
-std::optional<std::string> homeOfNamedUser(Identity& identity, const std::string& component) {
-  const std::optional<UserRecord> user = identity.userByName(component.substr(1));
+std::optional<std::string> homeOfNamedUser(Identity& identity, std::string_view component) {
+  const std::optional<UserRecord> user = identity.userByName(std::string(component.substr(1)));
   return user ? user->home : std::nullopt;
 }
 
 /// Puts `home` in the place of the first component, if there is a home.
-std::string withHome(const std::string& path, Components components,
+std::string withHome(const std::string& path, PathComponents components,
                      const std::optional<std::string>& home) {
   if (!home || home->empty()) return path;
   components.front() = *home;
   return pathWithComponents(components);
 }
+
+/// Whether the first component begins with a tilde.
+bool hasTilde(const std::string& path) { return path.starts_with('~'); }
 
 }  // namespace
 
@@ -35,8 +36,10 @@ bool THMPPathAdditions::thmp_isPathString(std::string_view path) const noexcept 
 
 std::optional<std::string> THMPPathAdditions::thmp_commonAncestorWithPath(
     const std::string& path, const std::string& other) const {
-  Components shared = pathComponents(stringByStandardizingPath(path));
-  const Components others = pathComponents(stringByStandardizingPath(other));
+  const std::string standard = stringByStandardizingPath(path);
+  const std::string otherStandard = stringByStandardizingPath(other);
+  PathComponents shared = pathComponents(standard);
+  const PathComponents others = pathComponents(otherStandard);
   const auto end = std::mismatch(shared.begin(), shared.end(), others.begin(), others.end()).first;
   shared.erase(end, shared.end());
   if (shared.empty()) return std::nullopt;
@@ -50,16 +53,18 @@ bool THMPPathAdditions::thmp_hasPathPrefix(const std::string& path,
 
 bool THMPPathAdditions::thmp_hasPathPrefix(const std::string& path, const std::string& prefix,
                                            bool strict) const {
-  const Components whole = pathComponents(stringByStandardizingPath(path));
-  const Components start = pathComponents(stringByStandardizingPath(prefix));
+  const std::string standard = stringByStandardizingPath(path);
+  const std::string standardPrefix = stringByStandardizingPath(prefix);
+  const PathComponents whole = pathComponents(standard);
+  const PathComponents start = pathComponents(standardPrefix);
   if (start.size() > whole.size() || (strict && start.size() == whole.size())) return false;
   return std::equal(start.begin(), start.end(), whole.begin());
 }
 
 std::string THMPPathAdditions::thmp_stringByExpandingTildeInPath(const std::string& path) const {
-  Components components = pathComponents(path);
-  if (components.empty() || !components.front().starts_with('~')) return path;
-  const std::string first = components.front();
+  if (!hasTilde(path)) return path;
+  PathComponents components = pathComponents(path);
+  const std::string_view first = components.front();
   if (first == "~") {
     return withHome(path, std::move(components), processPaths_.THMPUserHomeDirectory());
   }
@@ -72,7 +77,7 @@ std::string THMPPathAdditions::thmp_stringByAbbreviatingWithTildeInPath(
   if (home.empty() || !thmp_hasPathPrefix(path, home)) return path;
   // Deliberate: the prefix is tested on standardized paths, the cut is made by count on the path as
   // it stands.
-  Components components = pathComponents(path);
+  PathComponents components = pathComponents(path);
   const std::size_t cut = std::min(pathComponents(home).size(), components.size());
   components.erase(components.begin(), components.begin() + static_cast<std::ptrdiff_t>(cut));
   components.insert(components.begin(), "~");
@@ -80,16 +85,16 @@ std::string THMPPathAdditions::thmp_stringByAbbreviatingWithTildeInPath(
 }
 
 std::string THMPPathAdditions::stringByExpandingTildeInPath(const std::string& path) const {
-  Components components = pathComponents(path);
-  if (components.empty() || !components.front().starts_with('~')) return path;
-  const std::string first = components.front();
+  if (!hasTilde(path)) return path;
+  PathComponents components = pathComponents(path);
+  const std::string_view first = components.front();
   return withHome(path, std::move(components),
                   first == "~" ? identity_.processHome() : homeOfNamedUser(identity_, first));
 }
 
 std::string THMPPathAdditions::stringByStandardizingPath(const std::string& path) const {
-  return pathWithComponents(
-      standardizedComponents(pathComponents(stringByExpandingTildeInPath(path))));
+  const std::string expanded = stringByExpandingTildeInPath(path);
+  return pathWithComponents(standardizedComponents(pathComponents(expanded)));
 }
 
 }  // namespace thmp

@@ -1,28 +1,30 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "paths/path_components.h"
 
-#include <utility>
+#include <algorithm>
+#include <cstddef>
 
 namespace thmp {
 
-std::vector<std::string> pathComponents(std::string_view path) {
-  std::vector<std::string> components;
+PathComponents pathComponents(std::string_view path) {
+  PathComponents components;
+  components.reserve(static_cast<std::size_t>(std::count(path.begin(), path.end(), '/')) + 1);
   if (path.starts_with('/')) {
-    components.emplace_back("/");
+    components.push_back(path.substr(0, 1));
     path.remove_prefix(1);
   }
   while (!path.empty()) {
     const std::size_t slash = path.find('/');
-    components.emplace_back(path.substr(0, slash));
+    components.push_back(path.substr(0, slash));
     if (slash == std::string_view::npos) break;
     path.remove_prefix(slash + 1);
   }
   return components;
 }
 
-std::string pathWithComponents(const std::vector<std::string>& components) {
+std::string pathWithComponents(const PathComponents& components) {
   std::string path;
-  for (const std::string& component : components) {
+  for (const std::string_view component : components) {
     if (component.empty()) continue;
     if (!path.empty() && path.back() != '/') path += '/';
     path += component;
@@ -30,18 +32,19 @@ std::string pathWithComponents(const std::vector<std::string>& components) {
   return path;
 }
 
-std::vector<std::string> standardizedComponents(std::vector<std::string> components) {
-  std::vector<std::string> result;
+PathComponents standardizedComponents(PathComponents components) {
   const bool absolute = !components.empty() && components.front() == "/";
-  for (std::string& component : components) {
+  std::size_t kept = 0;
+  for (const std::string_view component : components) {
     if (component.empty() || component == ".") continue;
     if (absolute && component == "..") {
-      if (result.size() > 1) result.pop_back();
+      if (kept > 1) --kept;
       continue;
     }
-    result.push_back(std::move(component));
+    components[kept++] = component;
   }
-  return result;
+  components.resize(kept);
+  return components;
 }
 
 }  // namespace thmp

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "paths/resolved_links.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <deque>
 #include <utility>
 
@@ -11,32 +13,37 @@ namespace {
 
 // As many as systems follow.
 constexpr int kMostLinks = 40;
+// Longer than any that systems take: nothing is there, so nothing is asked for.
+constexpr std::size_t kLongestPath = 4096;
 
 }  // namespace
 
-std::optional<std::vector<std::string>> resolvedLinks(Files& files,
-                                                      const std::vector<std::string>& components) {
+std::optional<std::string> resolvedLinks(Files& files, const std::string& path) {
+  const PathComponents components = pathComponents(path);
   std::deque<std::string> left(components.begin(), components.end());
-  std::vector<std::string> resolved;
+  std::string resolved;
   int links = 0;
   while (!left.empty()) {
     std::string component = std::move(left.front());
     left.pop_front();
     if (component.empty() || component == ".") continue;
     if (component == "..") {
-      if (resolved.size() > 1) resolved.pop_back();
+      resolved.resize(std::max<std::size_t>(1, resolved.rfind('/')));
       continue;
     }
     if (component == "/") {  // the path begins, or a link leads to an absolute one
-      resolved = {"/"};
+      resolved = component;
       continue;
     }
-    resolved.push_back(std::move(component));
-    const std::optional<std::string> target = files.linkTarget(pathWithComponents(resolved));
+    const std::size_t folder = resolved.size();
+    if (resolved.back() != '/') resolved += '/';
+    resolved += component;
+    if (resolved.size() > kLongestPath) continue;
+    const std::optional<std::string> target = files.linkTarget(resolved);
     if (!target) continue;
     if (++links > kMostLinks) return std::nullopt;
-    resolved.pop_back();
-    const std::vector<std::string> inserted = pathComponents(*target);
+    resolved.resize(folder);
+    const PathComponents inserted = pathComponents(*target);
     left.insert(left.begin(), inserted.begin(), inserted.end());
   }
   return resolved;

@@ -5,17 +5,15 @@
 
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "platform/files.h"
 
 namespace thmp {
 
-/// The components of an absolute path with each link replaced by what it leads to, and without dots
+/// An absolute path with each link replaced by what it leads to, and without dots
 /// and empty names; a double dot leaves the folder that a link led to. What is missing, or hides
 /// from this process, counts as no link, so that a path is told by where it would lead. Empty
 /// optional for a loop of links.
-std::optional<std::vector<std::string>> resolvedLinks(Files& files,
-                                                      const std::vector<std::string>& components);
+std::optional<std::string> resolvedLinks(Files& files, const std::string& path);
 
 }  // namespace thmp
