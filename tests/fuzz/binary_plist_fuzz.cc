@@ -9,8 +9,13 @@
 #include "tests/fuzz/fuzzing.h"
 
 namespace thmp::fuzz {
+namespace {
 
-const Bounds kBounds{1, 64 * kMiB};
+void parseOnce(std::string_view bytes) { readBinaryPropertyList(bytes, kMessageLimits); }
+
+}  // namespace
+
+const Bounds kBounds{1, 64 * kMiB, parseOnce};
 
 void runInput(std::string_view bytes) {
   Error error;

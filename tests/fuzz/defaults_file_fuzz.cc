@@ -45,14 +45,24 @@ void checkKept(const Dictionary& before, LinuxPreferences& now) {
   }
 }
 
+const ScratchFolder& scratch() {
+  static const ScratchFolder only;
+  return only;
+}
+
+void parseOnce(std::string_view bytes) {
+  scratch().write(kFile, bytes);
+  RecordingLog log;
+  LinuxPreferences(client::StoredLog(scratch().path()).folder(), log).get(PluginLog::kStoredLogKey);
+}
+
 }  // namespace
 
-const Bounds kBounds{1, 64 * kMiB};
+const Bounds kBounds{1, 64 * kMiB, parseOnce};
 
 void runInput(std::string_view bytes) {
-  static const ScratchFolder scratch;
-  const client::StoredLog stored(scratch.path());
-  scratch.write(kFile, bytes);
+  const client::StoredLog stored(scratch().path());
+  scratch().write(kFile, bytes);
   const auto root = readPropertyList(bytes, kGenerous);
   const auto before = root ? root->asDictionary() : std::nullopt;
 

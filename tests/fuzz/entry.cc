@@ -38,8 +38,7 @@ constexpr std::size_t kBoundedSize = kMiB;
 #ifdef THMP_FUZZ_SLOW
 constexpr double kSlowness = 20;
 #else
-// Processor time, too, is longer where other tests share caches and cores.
-constexpr double kSlowness = 4;
+constexpr double kSlowness = 1;
 #endif
 
 Cost worst;

@@ -21,9 +21,15 @@ void runInput(std::string_view bytes);
 struct Bounds {
   double seconds;     // of processor time, in an optimised build; sanitizers get twenty times that
   std::size_t bytes;  // allocated at a time; held where AddressSanitizer counts
+  /// What the product does with such bytes, once; null where that is no one thing. The replay
+  /// holds it to the bounds below.
+  void (*parse)(std::string_view bytes) = nullptr;
 };
 extern const Bounds kBounds;
 inline constexpr std::size_t kMiB = std::size_t{1} << 20;
+/// For one parse of up to 1 MiB.
+inline constexpr double kParseSeconds = 0.05;
+inline constexpr std::size_t kParseBytes = 64 * kMiB;
 
 /// Says what is broken and where, and ends the process, so that libFuzzer keeps the input.
 [[noreturn]] void reportBroken(const char* property, const char* file, int line);

@@ -230,6 +230,11 @@ def filled(unit, end="", begin=""):
     return (begin + unit * ((LARGE - len((begin + end).encode())) // len(unit.encode())) + end).encode()
 
 
+def counted(form, count):
+    """As many of `form` as fit, each with its own number."""
+    return "".join(form.format(i) for i in range(count)).encode()[:LARGE]
+
+
 def large_binary_plist():
     def container(kind, count):
         return bytes([kind | 0xF, 0x12]) + struct.pack(">I", count)
@@ -237,57 +242,159 @@ def large_binary_plist():
     def references(count):
         return b"".join(struct.pack(">I", i + 1)[1:] for i in range(count))
 
-    for name, shared in {"booleans": b"\x09", "texts": b"\x5f\x10\x14" + b"x" * 20, "dictionaries": b"\xd0"}.items():
+    for name, shared in {"booleans": b"\x09", "texts": b"\x5f\x10\x14" + b"x" * 20, "dictionaries": b"\xd0", "reals": b"\x23" + bytes(8)}.items():
         yield f"shared-{name}", binary_with([container(0xA0, 999_000) + b"\x01" * 999_000, shared], offset_size=4)
-    for name, own in {"arrays": b"\xa0", "dictionaries": b"\xd0"}.items():
-        yield f"own-{name}", binary_with([container(0xA0, 140_000) + references(140_000)] + [own] * 140_000, refs=3, offset_size=3)
+    for name, own in {"arrays": b"\xa0", "dictionaries": b"\xd0", "texts": b"\x51x", "wide-texts": b"\x61\0x"}.items():
+        yield f"own-{name}", binary_with([container(0xA0, 110_000) + references(110_000)] + [own] * 110_000, refs=3, offset_size=3)
+    # One level of many that share many, as far as the limits let it come.
+    yield "shared-arrays", binary_with([container(0xA0, 400_000) + b"\1" * 400_000, b"\xa8" + b"\2" * 8, b"\x09"], offset_size=3)
+    yield "shared-pairs", binary_with([container(0xA0, 400_000) + b"\1" * 400_000, b"\xd1\2\3", b"\x51k", b"\x09"], offset_size=3)
+    yield "pairs", binary_with([container(0xA0, 75_000) + references(75_000)] + [b"\xd1\x01\x24\xf9\x01\x24\xf9"] * 75_000 + [b"\x51k"],
+                               refs=3, offset_size=3)
+    yield "one-text", binary_with([b"\x5f\x12" + struct.pack(">I", 1_000_000) + b"x" * 1_000_000], offset_size=4)
+    yield "one-wide-text", binary_with([b"\x6f\x12" + struct.pack(">I", 500_000) + b"\x30\x42" * 500_000], offset_size=4)
     yield "integers", plistlib.dumps(list(range(85_000)), fmt=plistlib.FMT_BINARY)
     yield "texts", plistlib.dumps([f"t{i}" for i in range(70_000)], fmt=plistlib.FMT_BINARY)
     yield "keys", plistlib.dumps({f"t{i}": i for i in range(40_000)}, fmt=plistlib.FMT_BINARY)
+    yield "keys-backwards", binary_keys(40_000)
+
+
+def binary_keys(count):
+    """A dictionary whose keys come in falling order."""
+    keys = list(range(count, 0, -1))
+    body = bytes([0xDF, 0x12]) + struct.pack(">I", count) + b"".join(i.to_bytes(3, "big") for i in keys) + b"\0\0\1" * count
+    return binary_with([body] + [b"\x56" + b"%06d" % i for i in range(count)], refs=3, offset_size=3)
 
 
 def large_xml_plist():
-    for name, unit in {"booleans": "<true/>", "arrays": "<array/>", "integers": "<integer>1</integer>", "texts": "<string>é</string>"}.items():
+    for name, unit in {"booleans": "<true/>", "arrays": "<array/>", "integers": "<integer>1</integer>", "texts": "<string>é</string>",
+                       "empty-texts": "<string/>", "dictionaries": "<dict/>", "reals": "<real>.1</real>", "pairs": "<dict><key>k</key><true/></dict>",
+                       "dates": "<date>2024-03-13T10:20:30Z</date>", "data": "<data>AA==</data>", "comments": "<!---->"}.items():
         yield name, filled(unit, "</array></plist>", "<plist><array>")
     yield "keys", ("<plist><dict>" + "".join(f"<key>{i}</key><true/>" for i in range(43_000)) + "</dict></plist>").encode()
+    yield "keys-backwards", ("<plist><dict>" + "".join(f"<key>{i}</key><true/>" for i in range(40_000, 0, -1)) + "</dict></plist>").encode()
     yield "deep", filled("<array>")
     yield "digits", filled("7", "</integer></plist>", "<plist><integer>")
+    yield "real-digits", filled("7", "</real></plist>", "<plist><real>0.")
     yield "characters", filled("&#65;", "</string></plist>", "<plist><string>")
+    yield "sections", filled("<![CDATA[x]]>", "</string></plist>", "<plist><string>")
     yield "base64", filled("AAAA", "</data></plist>", "<plist><data>")
+    yield "base64-blanks", filled("A \n", "</data></plist>", "<plist><data>")
+    yield "attributes", ("<plist " + "".join(f"a{i}='' " for i in range(100_000)))[:LARGE - 10].encode() + b"><true/></plist>"
+    yield "one-name", filled("x", "/>", "<")
+    yield "blanks", filled(" ", "<true/></plist>", "<plist>")
 
 
 def large_query_text():
     for number, unit in enumerate(["a==1&&", "a==x||", 'a=="x*y"cd||', 'b=="x y*"cdwt||', "true||", "!a==x||", "a>$time.iso(2024-03-13)||", "a>$time.now||",
-                                   "InRange(a,1,2)||", "(" * 200 + "a==1" + ")" * 200 + "||", 'kMDItemSubject=="*x*"cd||']):
+                                   "InRange(a,1,2)||", "(" * 200 + "a==1" + ")" * 200 + "||", 'kMDItemSubject=="*x*"cd||', "!!!!true||", "a==2024-03-13||",
+                                   'a=="$time.now"||', "InRange(a,$time.today,$time.now)||", "a==1&&b==1||", "FieldMatch(a,1)||", "subject==é||"]):
         yield f"operands-{number:02}", filled(unit, "true")
     yield "names", ("".join(f"a{i}==x||" for i in range(90_000)) + "true").encode()
-    yield "values", filled(",x", ")", "FieldMatch(a")
-    for name, unit in {"literal": "x", "words": "x ", "stars": "x*", "ones": "?", "mixed": "?x", "marks": "\u0301"}.items():
+    for name, unit in {"values": ",x", "numbers": ",1", "dates": ",2024-03-13", "modified": ',"x*"cdwt', "times": ",$time.now"}.items():
+        yield name, filled(unit, ")", "FieldMatch(a")
+    for name, unit in {"literal": "x", "words": "x ", "stars": "x*", "ones": "?", "mixed": "?x", "marks": "\u0301", "sharp": "ß", "escapes": "\\x",
+                       "composed": "e\u0301", "hangul": "\u1100\u1161\u11a8", "ligature": "\ufdfa"}.items():
         yield name, filled(unit, '"cdw', 'a=="')
+    yield "digits", filled("7", "", "a==")
+    yield "name", filled("a", "==1")
+    yield "bound", filled("x", '",1)', 'InRange(a,"')
+    yield "time", filled("9", ")", "a==$time.now(")
+    yield "iso", filled("9", ")", "a==$time.iso(")
     yield "blanks", filled(" ", "true")
 
 
 def large_mail_file():
     for name, unit in {"headers": "X-A: b\n", "addresses": "a@b, ", "references": "<a@b> ", "words": "=?utf-8?q?a?= ", "folded": "\n\tx", "comments": "("}.items():
         yield name, filled(unit, "\n\nbody\n", "\0From: x@y\nTo: " if unit != "X-A: b\n" else "\0")
+    for name, unit in {"commas": ",", "names": '"" <a@b>,', "groups": "a:b@c;", "angles": "<", "quotes": '"\\"', "routes": "<@a:b@c>,", "dots": "a.",
+                       "words-in-names": "=?utf-8?q?a?= <a@b>,", "short-words": "=?u?q?a?=", "bytes": "\x80@b,", "colons": ":", "at": "@", "semicolons": ";", "blanks": "a@b ",
+                       "quoted-blanks": '"a"@b ', "groups-open": "a:b@c,", "lines": "a@b\n "}.items():
+        yield "to-" + name, filled(unit, "\n\n", "\0To: ")
+    yield "words-unknown", filled("=?a?x? ", "?=\n\n", "\0Subject: ")
+    yield "words-many-charsets", b"\0Subject: " + counted("=?c{}?q?a?= ", 80_000) + b"\n\n"
+    yield "words-charsets", filled("=?iso-2022-jp?q?a?= =?utf-16?q?a?= =?koi8-r?q?a?= ", "\n\n", "\0Subject: ")
+    known = ["iso-8859-%d" % i for i in range(2, 17)] + ["cp125%d" % i for i in range(9)] + ["koi8-u", "big5", "euc-kr", "euc-jp", "gb18030", "tis-620"]
+    yield "words-known-charsets", filled("".join(f"=?{charset}?q?a?= " for charset in known), "\n\n", "\0Subject: ")
+    yield "words-one", filled("=C3", "?=\n\n", "\0Subject: =?utf-8?q?")
+    yield "words-torn", filled("=FF", "?=\n\n", "\0Subject: =?utf-16?q?")
+    yield "blanks", filled("\u2003", "\n\n", "\0Subject: ")
+    for name in ["Keywords", "X-Gmail-Labels", "Comments", "Message-ID", "Date", "X-Priority", "Status"]:
+        yield "field-" + name.lower(), filled("a,", "\n\n", f"\0{name}: ")
+    for name in ["Delivered-To", "To", "Received", "Subject", "References"]:
+        yield "fields-" + name.lower(), filled(f"{name}: a@b;x\n", "\n", "\0")
+    yield "names-of-fields", b"\0" + counted("a{}:b\n", 140_000)
+    yield "date-digits", filled("1 ", "\n\n", "\0Date: ")
     yield "parts", filled("--a\n\nx\n", "--a--\n", "\0Content-Type: multipart/mixed; boundary=a\n\n")
-    yield "nested", "\0".encode() + "".join(f"Content-Type: multipart/mixed; boundary=b{i}\n\n--b{i}\n" for i in range(20_000)).encode()
+    yield "parts-html", filled("--a\nContent-Type: text/html\n\n<\n", "--a--\n", "\0Content-Type: multipart/mixed; boundary=a\n\n")
+    yield "parts-attached", filled("--a\nContent-Disposition: attachment; filename=x\n\n", "", "\0Content-Type: multipart/mixed; boundary=a\n\n")
+    yield "parts-named-in-words", filled("--a\nContent-Type: x/y; name==?utf-8?q?x?=\n\n", "", "\0Content-Type: multipart/mixed; boundary=a\n\n")
+    yield "parts-charsets", filled("--a\nContent-Type: text/plain; charset=koi8-r\n\n\x80\n", "", "\0Content-Type: multipart/mixed; boundary=a\n\n")
+    for kind in ["mixed", "alternative"]:
+        outer = "".join(f"Content-Type: multipart/{kind}; boundary=b{i:02}\n\n--b{i:02}\n" for i in range(98))
+        yield f"nested-{kind}", filled("Content-Type: text/html\n\n--b97\n", "", "\0" + outer)
+        yield f"nested-{kind}-lines", filled("--b\n", "", "\0" + outer + "\n")
+        yield f"nested-{kind}-dashes", filled("--b98\n", "", "\0" + outer + "\n")
+    yield "nested", b"\0" + counted("Content-Type: multipart/mixed; boundary=b{0}\n\n--b{0}\n", 20_000)
     yield "messages", filled("Content-Type: message/rfc822\n\n", "", "\0")
+    yield "digest", filled("--a\n\nTo: x\n\n", "", "\0Content-Type: multipart/digest; boundary=a\n\n")
     yield "parameters", filled("; p*0=a", "\n\nx\n", "\0Content-Type: text/plain")
-    for name, unit in {"tags": "<p><b>", "entities": "&amp;", "comments-open": "<!--", "angles": "<"}.items():
-        yield "html-" + name, filled(unit, "", "\0Content-Type: text/html; charset=utf-8\n\n")
+    yield "parameters-pieces", b"\0Content-Type: text/plain" + counted("; p*{}=a", 80_000) + b"\n\nx\n"
+    yield "parameters-encoded", b"\0Content-Type: text/plain" + counted("; name*{}*=%E9", 60_000) + b"\n\nx\n"
+    yield "parameters-names", b"\0Content-Disposition: attachment" + counted("; p{}=a", 90_000) + b"\n\nx\n"
+    yield "parameters-words", filled("=?utf-8?q?a?= ", "\"\n\nx\n", "\0Content-Type: text/plain; name=\"")
+    yield "content-fields", b"\0" + counted("Content-{}: x\n", 90_000)
+    yield "content-types", filled("Content-Type: text/plain\n", "\n", "\0")
+    yield "boundaries", filled("Content-Type: multipart/mixed; boundary\n", "\n--a\n", "\0")
+    body = "\0Content-Type: text/html; charset=utf-8\n\n"
+    for name, unit in {"tags": "<p><b>", "entities": "&amp;", "comments-open": "<!--", "angles": "<", "quotes": "<a b=\"", "one-quote": "<a b='>", "numbers": "&#x2003;",
+                       "scripts": "<script></b", "tag-open": "<a ", "ampersands": "&", "declarations": "<!a", "closes": "</"}.items():
+        yield "html-" + name, filled(unit, "", body)
+    for charset in ["utf-16", "iso-2022-jp", "utf-7", "gb18030", "koi8-r", "hz", "none"]:
+        yield "charset-" + charset, filled("\u00e9\x1b$B", "", f"\0Content-Type: text/plain; charset={charset}\n\n")
     yield "base64", filled("QUJD\n", "", "\0Content-Transfer-Encoding: base64\n\n")
+    yield "quoted", filled("=41=\n", "", "\0Content-Transfer-Encoding: quoted-printable\n\n")
+    yield "uuencode", filled("M" + "0" * 60 + "\n", "", "\0Content-Transfer-Encoding: x-uuencode\n\nbegin 644 a\n")
+    yield "yenc", filled("=y\n", "", "\0Content-Transfer-Encoding: yenc\n\n=ybegin line=128 size=9 name=a\n")
     yield "line", filled("x", "", "\0\n")
+    yield "lines", filled("\n", "", "\0\n")
+    yield "nul", filled("\0", "", "\0\n")
+    yield "white", filled(" x", "", "\0\n")
+    yield "emlx-trailer", b"\x0210\nSubject: x" + next(large_xml_plist())[1]
 
 
 def large_log_format():
-    yield "objects", b"\1\4\0\3abc" + filled("%@")
-    yield "widths", b"\1\4\0\3abc" + filled("%1024d")
-    yield "positions", b"\1\4\0\3abc" + filled("%1$*1$@")
-    yield "unknown", b"\1\4\0\3abc" + filled("%q")
+    for name, unit in {"objects": "%@", "widths": "%1024d", "positions": "%1$*1$@", "unknown": "%q", "percents": "%%", "reals": "%f", "precise": "%.1024f",
+                       "far": "%99$@", "texts": "%s", "flags": "%-+ #0'd"}.items():
+        yield name, b"\1\4\0\3abc" + filled(unit)
+    yield "one-number", b"\1\4\0\3abc" + filled("9", "d", "%")
+    yield "text", b"\1\4\xff\xff" + b"x" * 0xFFFF + filled("%@")[:LARGE - 0xFFFF]
+    yield "real", b"\1\3" + struct.pack(">d", 1e308) + filled("%f")
+    yield "bytes", b"\0" + b"\xff" * LARGE
 
 
-LARGE_TARGETS = [large_binary_plist, large_xml_plist, large_query_text, large_mail_file, large_log_format]
+def large_pasteboard_entry():
+    for name, content in large_binary_plist():
+        yield name, content
+
+
+def large_defaults_file():
+    for name, content in large_binary_plist():
+        yield name, content
+    for name, content in large_xml_plist():
+        yield "xml-" + name, content
+    yield "log", plistlib.dumps({"THMPMailPlugin.log": [[WHEN, "n", f"line {i}"] for i in range(30_000)]}, fmt=plistlib.FMT_BINARY)
+
+
+def large_paths_and_bookmarks():
+    for name, unit in {"slashes": "/", "dots": "/.", "parents": "/a/..", "parents-after": "../", "names": "/a", "tilde": "~", "one": "a", "nul": "\0"}.items():
+        yield name, filled(unit)
+    yield "bookmark", plistlib.dumps({"path": "/" * 1_000_000, "device": 1, "inode": 1}, fmt=plistlib.FMT_BINARY)
+    yield "bookmark-keys", plistlib.dumps({f"t{i}": i for i in range(40_000)}, fmt=plistlib.FMT_BINARY)
+
+
+LARGE_TARGETS = [large_binary_plist, large_xml_plist, large_query_text, large_mail_file, large_log_format, large_pasteboard_entry, large_defaults_file,
+                 large_paths_and_bookmarks]
 
 
 def main():

@@ -83,25 +83,34 @@ void checkStore(Scene& scene, const Value& value, const std::string& type) {
   THMP_FUZZ_CHECK(!scene.reader.read(scene.board->name(), type).has_value());
 }
 
+Scene& scene() {
+  static Scene only;
+  return only;
+}
+
+void parseOnce(std::string_view bytes) {
+  scene().folder.write(kPasteboards + kName + "/" + kType, bytes);
+  scene().reader.read(kName, kType);
+}
+
 }  // namespace
 
-const Bounds kBounds{1, 64 * kMiB};
+const Bounds kBounds{1, 64 * kMiB, parseOnce};
 
 void runInput(std::string_view bytes) {
-  static Scene scene;
   Decisions decisions(bytes);
   const std::string name(decisions.text());
   const std::string type(decisions.text());
   const std::string_view content = decisions.rest();
-  checkNames(scene, name, type);
+  checkNames(scene(), name, type);
 
-  scene.folder.write(kPasteboards + kName + "/" + kType, content);
-  const auto read = scene.reader.read(kName, kType, kMessageLimits);
+  scene().folder.write(kPasteboards + kName + "/" + kType, content);
+  const auto read = scene().reader.read(kName, kType, kMessageLimits);
   const auto expected = readBinaryPropertyList(content, kMessageLimits);
   THMP_FUZZ_CHECK(read.has_value() == expected.has_value());
   if (!read) return;
   THMP_FUZZ_CHECK(Value::identical(*read, *expected));
-  checkStore(scene, *read, type);
+  checkStore(scene(), *read, type);
 }
 
 }  // namespace thmp::fuzz

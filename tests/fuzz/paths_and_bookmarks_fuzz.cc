@@ -107,10 +107,15 @@ void checkResolved(LinuxApplication& application, const Data& bookmark) {
   THMP_FUZZ_CHECK(std::filesystem::is_directory(resolved->url.path()));
 }
 
-void checkBookmarks(const ScratchFolder& scratch, Decisions& decisions) {
+LinuxApplication& linuxApplication() {
   static FakePlatform fake;
   static LinuxExecution execution(fake.log);
-  static LinuxApplication application(XdgFolders(), execution, fake.log);
+  static LinuxApplication only(XdgFolders(), execution, fake.log);
+  return only;
+}
+
+void checkBookmarks(const ScratchFolder& scratch, Decisions& decisions) {
+  LinuxApplication& application = linuxApplication();
   static const auto made = application.makeBookmark(Url::file(scratch.path()));
   THMP_FUZZ_CHECK(made.has_value());
   const auto back = application.resolveBookmark(*made);
@@ -126,9 +131,19 @@ void checkBookmarks(const ScratchFolder& scratch, Decisions& decisions) {
   checkResolved(application, Data{std::string(decisions.rest())});
 }
 
+// A bookmark comes to a megabyte at once, a path does not.
+void parseOnce(std::string_view bytes) {
+  FakePlatform fake;
+  const THMPPathAdditions paths(fake.identity);
+  const std::string path(bytes);
+  paths.thmp_isPathString(path);
+  paths.stringByStandardizingPath(path);
+  linuxApplication().resolveBookmark(Data{path});
+}
+
 }  // namespace
 
-const Bounds kBounds{1, 64 * kMiB};
+const Bounds kBounds{1, 64 * kMiB, parseOnce};
 
 void runInput(std::string_view bytes) {
   static const ScratchFolder scratch;

@@ -106,9 +106,11 @@ void appendXml(const Value& value, std::string& xml) {
   }
 }
 
+void parseOnce(std::string_view bytes) { readXmlPropertyList(bytes, kMessageLimits); }
+
 }  // namespace
 
-const Bounds kBounds{1, 64 * kMiB};
+const Bounds kBounds{1, 64 * kMiB, parseOnce};
 
 void runInput(std::string_view bytes) {
   Error error;
