@@ -1,13 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What else may happen to a search while it runs, with the whole plug-in: each rival event at each
-// call that a query's life makes of the boundary; then threads of clients, engine and host that
-// take turns at those calls as a seed says.
+// call that a query's life makes of the boundary; any two of them at any two calls, of the life or
+// of the first of them; then threads of clients, engine and host that take turns at those calls as
+// a seed says.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
+#include <sstream>
 
 #include "tests/faults/FaultWorld.h"
 #include "tests/faults/Scheduler.h"
@@ -49,8 +52,12 @@ void checkEnd(FaultWorld& world, const Witness& witness) {
   }
 }
 
+/// Who brings an event about: of each one, one at a time.
+enum class Lane : std::uint8_t { kClients, kHost, kEngine };
+
 struct Rival {
   const char* name;
+  Lane lane;
   /// True when it ends the query "q".
   bool ends;
   std::function<void(FaultWorld& world, Witness& witness, const Engine& query)> happen;
@@ -58,27 +65,27 @@ struct Rival {
 
 const std::vector<Rival>& rivals() {
   static const std::vector<Rival>& all = *new std::vector<Rival>{
-      {"Cancel", true,
+      {"Cancel", Lane::kClients, true,
        [](FaultWorld& world, Witness&, const Engine&) { world.hand(kCancelName, request("q")); }},
-      {"Terminate", true,
+      {"Terminate", Lane::kClients, true,
        [](FaultWorld& world, Witness&, const Engine&) {
          world.hand(kTerminateName,
                     {{kClientNameKey, "c"}, {kActiveNamesKey, Array{"q", "unknown"}}});
        }},
-      {"SameName", false,
+      {"SameName", Lane::kClients, false,
        [](FaultWorld& world, Witness&, const Engine&) { world.hand(kSearchName, request("q")); }},
-      {"SameLineage", true,
+      {"SameLineage", Lane::kClients, true,
        [](FaultWorld& world, Witness&, const Engine&) { world.hand(kSearchName, request("q2")); }},
-      {"ApplicationQuits", true,
+      {"ApplicationQuits", Lane::kHost, true,
        [](FaultWorld& world, Witness&, const Engine&) {
          world.application.endApplication("com.quorvane.tallyhive");
        }},
-      {"HostQuits", false,
+      {"HostQuits", Lane::kHost, false,
        [](FaultWorld& world, Witness& witness, const Engine&) {
          witness.hostQuits();
          world.application.willTerminate();
        }},
-      {"ClearOfThisBatch", false,
+      {"ClearOfThisBatch", Lane::kClients, false,
        [](FaultWorld& world, Witness& witness, const Engine&) {
          const auto made = world.fake.pasteboards.made();
          if (made.empty()) return;
@@ -88,12 +95,12 @@ const std::vector<Rival>& rivals() {
          world.hand(kClearName, userInfo);
          world.hand(kClearName, userInfo);
        }},
-      {"EngineError", true,
+      {"EngineError", Lane::kEngine, true,
        [](FaultWorld&, Witness&, const Engine& query) {
          const auto handler = query->completionHandler();
          if (handler) (*handler)(Error{"CSSearchQueryErrorDomain", -2001, "x", nullptr});
        }},
-      {"SecondCompletion", true,
+      {"SecondCompletion", Lane::kEngine, true,
        [](FaultWorld&, Witness&, const Engine& query) {
          const auto handler = query->completionHandler();
          if (!handler) return;
@@ -114,38 +121,144 @@ void live(FaultWorld& world, const Engine& query) {
   query->complete();
 }
 
-/// False when the life of a query makes fewer calls.
-bool playRivalAt(const Rival& rival, int at) {
-  FaultWorld world;
-  world.start();
-  Witness witness(world);
-  const Engine query = world.search("q", "c", {{kLineageNameKey, "l"}});
+/// Rivals in the order of the calls at which they happen, counted from 0; those that a rival makes
+/// count.
+struct Preemption {
+  const Rival* rival;
+  int at;
+};
+
+struct Played {
   int calls = 0;
-  bool happened = false;
-  world.plan.atEachCall([&](std::string_view call) {
-    if (happened || isLocked(call) || calls++ != at) return;
-    happened = true;
-    const Witness::Known before = witness.known();
-    rival.happen(world, witness, query);
-    if (rival.ends) witness.ended(before, "q");
-  });
-  live(world, query);
-  world.plan.atEachCall(nullptr);
-  SCOPED_TRACE(std::string(rival.name) + " at call " + std::to_string(at));
-  checkEnd(world, witness);
-  return happened;
-}
+  std::size_t happened = 0;
+};
+
+/// A life with what happens meanwhile. A rival that would meet another of its own lane half done
+/// does not happen.
+class Preempted {
+ public:
+  Played play(const std::vector<Preemption>& preemptions) {
+    preemptions_ = preemptions;
+    world_.start();
+    query_ = world_.search("q", "c", {{kLineageNameKey, "l"}});
+    first_ = witness_.known();
+    world_.plan.atEachCall([this](std::string_view call) {
+      if (!isLocked(call)) atCall(played_.calls++);
+    });
+    live(world_, query_);
+    world_.plan.atEachCall(nullptr);
+    checkEnd(world_, witness_);
+    return played_;
+  }
+
+ private:
+  void atCall(int call) {
+    while (next_ < preemptions_.size() && preemptions_[next_].at == call) {
+      const Rival& rival = *preemptions_[next_++].rival;
+      const bool isBusy = std::find(busy_.begin(), busy_.end(), rival.lane) != busy_.end();
+      if (!isBusy) happen(rival);
+    }
+  }
+
+  void happen(const Rival& rival) {
+    busy_.push_back(rival.lane);
+    const Witness::Known before = witness_.known();
+    rival.happen(world_, witness_, query_);
+    // The engine ends its own query, and none that has taken the name since.
+    if (rival.ends) witness_.ended(rival.lane == Lane::kEngine ? first_ : before, "q");
+    busy_.pop_back();
+    ++played_.happened;
+  }
+
+  FaultWorld world_;
+  Witness witness_{world_};
+  Engine query_;
+  Witness::Known first_;
+  std::vector<Preemption> preemptions_;
+  std::size_t next_ = 0;
+  std::vector<Lane> busy_;
+  Played played_;
+};
+
+Played play(const std::vector<Preemption>& preemptions) { return Preempted().play(preemptions); }
 
 TEST(RivalEvents, AtEachCallLeaveNoLateMessageNoGapAndNoOrphan) {
   int cells = 0;
   for (const Rival& rival : rivals()) {
     int at = 0;
-    while (playRivalAt(rival, at)) at += THMP_ONE_OF;
+    for (;; at += THMP_ONE_OF) {
+      SCOPED_TRACE(std::string(rival.name) + " at call " + std::to_string(at));
+      if (play({{&rival, at}}).happened == 0) break;
+    }
     EXPECT_GT(at, 40) << rival.name;
     cells += at / THMP_ONE_OF;
   }
   RecordProperty("cells", cells);
   std::printf("%zu rival events, %d cells\n", rivals().size(), cells);
+}
+
+struct Pair {
+  Preemption a;
+  Preemption b;
+
+  std::string text() const {
+    return std::string(a.rival->name) + "," + std::to_string(a.at) + "," + b.rival->name + "," +
+           std::to_string(b.at);
+  }
+};
+
+/// As text() has it.
+std::optional<Pair> pairFrom(const std::string& text) {
+  std::vector<std::string> words;
+  std::istringstream stream(text);
+  for (std::string word; std::getline(stream, word, ',');) words.push_back(word);
+  if (words.size() != 4) return std::nullopt;
+  const auto preemption = [](const std::string& name, const std::string& at) {
+    const auto rival = std::find_if(rivals().begin(), rivals().end(),
+                                    [&](const Rival& each) { return name == each.name; });
+    return Preemption{rival == rivals().end() ? nullptr : &*rival, std::atoi(at.c_str())};
+  };
+  const Pair pair{preemption(words[0], words[1]), preemption(words[2], words[3])};
+  return pair.a.rival && pair.b.rival ? std::optional(pair) : std::nullopt;
+}
+
+/// Plays `visit` for each pair of rivals at each pair of calls, as long as it says so.
+void forEachPair(const std::function<bool(const Pair& pair)>& visit) {
+  for (const Rival& a : rivals()) {
+    for (int i = 0;; ++i) {
+      const Played alone = play({{&a, i}});
+      if (alone.happened == 0) break;
+      for (const Rival& b : rivals()) {
+        for (int j = i; j < alone.calls; ++j) {
+          if (!visit({{&a, i}, {&b, j}})) return;
+        }
+      }
+    }
+  }
+}
+
+// THMP_PAIRS=all for all of them; THMP_PAIR=A,I,B,J for one.
+TEST(RivalEvents, TwoAtAnyTwoCallsLeaveNoLateMessageNoGapAndNoOrphan) {
+  if (const char* const text = std::getenv("THMP_PAIR")) {
+    const std::optional<Pair> one = pairFrom(text);
+    ASSERT_TRUE(one) << text;
+    EXPECT_EQ(play({one->a, one->b}).happened, 2U);
+    return;
+  }
+  const std::size_t stride = std::getenv("THMP_PAIRS") == nullptr ? 61U * THMP_ONE_OF : 1U;
+  std::size_t pairs = 0;
+  std::size_t played = 0;
+  std::size_t happened = 0;
+  forEachPair([&](const Pair& pair) {
+    if (pairs++ % stride != 0) return true;
+    SCOPED_TRACE("THMP_PAIR=" + pair.text());
+    ++played;
+    if (play({pair.a, pair.b}).happened == 2) ++happened;
+    return !HasFailure();
+  });
+  EXPECT_GT(happened, played / 2);
+  RecordProperty("pairs", static_cast<int>(happened));
+  std::printf("%zu pairs, %zu played, %zu with both events\n", pairs, played, happened);
 }
 
 /// Two engine threads, the exchange queue, the main thread.
