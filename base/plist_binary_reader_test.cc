@@ -290,6 +290,7 @@ TEST(BinaryReader, RefusesEachHostileFileAndSaysWhatAndWhere) {
     EXPECT_NE(error.description.find(" at byte "), std::string::npos) << error.text();
     EXPECT_FALSE(read(file.bytes).has_value());
   }
+  RecordProperty("bad_inputs", static_cast<int>(files.size()));
 }
 
 TEST(BinaryReader, RefusesAFileCutShortAnywhere) {
@@ -300,6 +301,7 @@ TEST(BinaryReader, RefusesAFileCutShortAnywhere) {
     EXPECT_FALSE(readBinaryPropertyList(std::string(good, 0, size), kMessageLimits).has_value())
         << size;
   }
+  RecordProperty("bad_inputs", static_cast<int>(good.size()));
 }
 
 // ---- Limits ----
@@ -352,6 +354,17 @@ TEST(BinaryReader, CountsNodesAfterExpansionKeysIncluded) {
   const std::string keyed = binaryPropertyList({dictionary({1, 2, 1, 1}), ascii("a"), ascii("b")});
   EXPECT_TRUE(readPropertyList(keyed, {1000, 5, 512}).has_value());
   EXPECT_FALSE(readPropertyList(keyed, {1000, 4, 512}).has_value());
+}
+
+TEST(BinaryReader, CountsWhatTheFileSaysBeforeItMakesRoom) {
+  const auto codeOf = [](const std::string& bytes, std::size_t nodes) {
+    Error error;
+    EXPECT_FALSE(readPropertyList(bytes, {1000, nodes, 512}, &error).has_value());
+    return error.code;
+  };
+  const auto tooLarge = static_cast<std::int64_t>(PropertyListError::kTooLarge);
+  EXPECT_EQ(codeOf(binaryPropertyList({array({1}), ascii("a")}), 1), tooLarge);
+  EXPECT_EQ(codeOf(binaryPropertyList({array({1, 1, 1, 1}), byte(0x09)}), 3), tooLarge);
 }
 
 TEST(BinaryReader, BoundsTheBytes) {

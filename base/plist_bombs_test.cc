@@ -310,6 +310,7 @@ TEST(HostileFiles, CostLittleTimeAndMemory) {
     RecordProperty(bomb.what, std::to_string(seconds * 1000) + " ms, " +
                                   std::to_string(memory / 1024) + " KiB");
   }
+  RecordProperty("bad_inputs", static_cast<int>(bombs().size()));
 }
 
 TEST(HostileFiles, ThatAreReadAreAlsoWrittenAndCompared) {

@@ -223,6 +223,7 @@ TEST(XmlReader, RefusesEachHostileDocumentAndSaysWhatAndWhere) {
     EXPECT_EQ(error.code, static_cast<std::int64_t>(PropertyListError::kDamaged));
     EXPECT_NE(error.description.find(" in line "), std::string::npos) << error.text();
   }
+  RecordProperty("bad_inputs", static_cast<int>(documents.size()));
 }
 
 TEST(XmlReader, SaysTheLine) {
@@ -276,12 +277,17 @@ TEST(XmlReader, BoundsTagsCommentsAndAttributesButNoText) {
   EXPECT_THAT(error.description, ::testing::HasSubstr("too many attributes in line 3"));
 }
 
+TEST(XmlReader, WhiteSpaceBetweenElementsIsNothing) {
+  EXPECT_TRUE(Value::identical(readInner("<array>\n \t<true/>\r\n</array>"), Array{true}));
+}
+
 TEST(XmlReader, RefusesAFileCutShortAnywhere) {
   const std::string document = plist("<dict><key>a</key><array><data>QUI=</data></array></dict>");
   const std::size_t end = document.rfind('>');
   for (std::size_t size = 0; size < end; ++size) {
     EXPECT_FALSE(readXml(document.substr(0, size)).has_value()) << size;
   }
+  RecordProperty("bad_inputs", static_cast<int>(end));
 }
 
 }  // namespace

@@ -480,12 +480,10 @@ bool integerIsReal(const Value& integer, double real) {
          static_cast<std::int64_t>(real) == static_cast<std::int64_t>(Access::bits(integer));
 }
 
+/// Of two numbers of different kinds.
 bool sameNumber(const Value& a, const Value& b) {
-  const bool realA = a.kind() == Kind::kReal;
-  const bool realB = b.kind() == Kind::kReal;
-  if (realA && realB) return sameReal(realOf(a), realOf(b));
-  if (realA) return integerIsReal(b, realOf(a));
-  if (realB) return integerIsReal(a, realOf(b));
+  if (a.kind() == Kind::kReal) return integerIsReal(b, realOf(a));
+  if (b.kind() == Kind::kReal) return integerIsReal(a, realOf(b));
   const bool unsignedA = a.kind() == Kind::kUnsigned;
   const bool unsignedB = b.kind() == Kind::kUnsigned;
   return unsignedA == unsignedB && Access::bits(a) == Access::bits(b);

@@ -65,6 +65,48 @@ TEST(Numbers, NaNEqualsItselfAndNothingElse) {
   EXPECT_TRUE(Value::identical(Value(nan), Value(nan)));
   EXPECT_FALSE(Value(nan) == Value(0));
   EXPECT_FALSE(Value(0) == Value(nan));
+  EXPECT_FALSE(Value(nan) == Value(1.0));
+  EXPECT_FALSE(Value(1.0) == Value(nan));
+  EXPECT_FALSE(Value::identical(Value(nan), Value(1.0)));
+  EXPECT_FALSE(Value::identical(Value(1.0), Value(nan)));
+  EXPECT_TRUE(Value::identical(Value(nan), Value(-nan)));
+}
+
+TEST(Numbers, BeyondTheSignedOnesAreComparedWithReals) {
+  EXPECT_EQ(Value(UINT64_MAX - 2047), Value(0x1p64 - 2048));
+  EXPECT_FALSE(Value(UINT64_MAX) == Value(0x1p64 - 2048));
+  EXPECT_FALSE(Value(UINT64_MAX) == Value(0x1p64));
+}
+
+TEST(Numbers, HaveADoubleOfEachKind) {
+  EXPECT_EQ(Value(true).numberValue(), 1.0);
+  EXPECT_EQ(Value(-3).numberValue(), -3.0);
+  EXPECT_EQ(Value(UINT64_MAX).numberValue(), 0x1p64);
+  EXPECT_EQ(Value(2.5).numberValue(), 2.5);
+  EXPECT_EQ(Value("2.5").numberValue(), std::nullopt);
+}
+
+TEST(Numbers, OfDifferentKindsAreComparedEitherWayRound) {
+  for (const auto& [integer, real] : {std::pair(Value(2), Value(2.0)), {Value(true), Value(1.0)}}) {
+    EXPECT_EQ(integer, real);
+    EXPECT_EQ(real, integer);
+  }
+  EXPECT_FALSE(Value(2) == Value(2.5));
+  EXPECT_FALSE(Value(2.5) == Value(2));
+  EXPECT_EQ(Value("+-5").integerValue(), 0);
+  EXPECT_EQ(Value("+5").integerValue(), 5);
+}
+
+TEST(Dictionaries, OfOtherKeysAreDifferent) {
+  EXPECT_FALSE(Value(Dictionary{{"a", 1}}) == Value(Dictionary{{"b", 1}}));
+  EXPECT_FALSE(Value::identical(Dictionary{{"a", 1}}, Dictionary{{"b", 1}}));
+}
+
+TEST(Dictionaries, RoomThatIsThereAlreadyIsNotMade) {
+  Dictionary dictionary{{"a", 1}, {"b", 2}};
+  dictionary.reserve(1);
+  EXPECT_EQ(dictionary.size(), 2U);
+  EXPECT_EQ(dictionary["b"], Value(2));
 }
 
 TEST(Numbers, AreIdenticalOnlyInOneKind) {

@@ -17,12 +17,14 @@ endif()
 add_library(thmp_flags INTERFACE)
 target_include_directories(thmp_flags INTERFACE ${CMAKE_SOURCE_DIR})
 # Two warnings of g++ 12 are off, which it raises falsely when it optimises: overlapping copies in "literal" +
-# std::string, and the empty std::optional as used uninitialized.
+# std::string, and the empty std::optional as used uninitialized. Of sources that are joined it takes all but the one
+# that joins them for headers, whose types must not use an anonymous namespace.
 target_compile_options(
   thmp_flags
   INTERFACE -pthread -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror -Wformat=2 -Werror=format-security
             $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety> $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>
-            $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
+            $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>
+            $<$<AND:$<CXX_COMPILER_ID:GNU>,$<BOOL:${CMAKE_UNITY_BUILD}>>:-Wno-subobject-linkage>)
 if(THMP_SANITIZE)
   # The check of virtual tables needs one address for each type; the bundle hides its symbols and so has its own.
   target_compile_options(thmp_flags INTERFACE -fsanitize=${THMP_SANITIZE} -fno-sanitize-recover=all
@@ -60,7 +62,7 @@ function(thmp_library name)
 endfunction()
 
 # thmp_test(name [ONE_THREAD] SOURCES a_test.cc ... LINK target ...): one test program, each of its cases a test of
-# ctest's; with sanitizers, where to start a process takes longer than most cases, all of them are one test.
+# ctest's; with THMP_SMALL, where to start a process takes longer than most cases, all of them are one test.
 # ThreadSanitizer has nothing to see in one with ONE_THREAD.
 function(thmp_test name)
   cmake_parse_arguments(arg "ONE_THREAD" "" "SOURCES;LINK" ${ARGN})
@@ -75,7 +77,7 @@ function(thmp_test name)
   endif()
   target_link_libraries(${name} PRIVATE thmp_test_flags ${arg_LINK} GTest::gtest GTest::gmock GTest::gtest_main)
   target_compile_definitions(${name} PRIVATE THMP_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
-  if(THMP_SANITIZE)
+  if(THMP_SMALL)
     add_test(NAME ${name} COMMAND ${name} --gtest_brief=1)
     set_tests_properties(${name} PROPERTIES TIMEOUT 600)
   else()
@@ -83,12 +85,12 @@ function(thmp_test name)
   endif()
 endfunction()
 
-# thmp_test_size(name DEFINITION usual sanitized): how large a test is; with sanitizers it takes many times as long.
-function(thmp_test_size name definition usual sanitized)
+# thmp_test_size(name DEFINITION usual small): how large a test is; with sanitizers it takes many times as long.
+function(thmp_test_size name definition usual small)
   if(TARGET ${name})
     set(size ${usual})
-    if(THMP_SANITIZE)
-      set(size ${sanitized})
+    if(THMP_SMALL)
+      set(size ${small})
     endif()
     target_compile_definitions(${name} PRIVATE ${definition}=${size})
   endif()

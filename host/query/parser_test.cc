@@ -168,6 +168,7 @@ class QueryErrors : public ::testing::TestWithParam<Broken> {};
 
 TEST_P(QueryErrors, AreToldAtTheirPlace) {
   EXPECT_EQ(errorOf(GetParam().text).offset, GetParam().offset) << GetParam().text;
+  RecordProperty("bad_inputs", 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(EmptyTexts, QueryErrors,
