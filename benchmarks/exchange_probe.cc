@@ -94,11 +94,10 @@ class Search {
 
   template <typename Condition>
   bool waitUntil(const Condition& holds) {
-    const auto deadline = Clock::now() + kPatience;
     while (!holds()) {
       look();
       if (holds()) break;
-      if (exchange_.wait(deadline) != client::Wake::kFolder) return false;
+      if (exchange_.wait(Clock::now() + kPatience) != client::Wake::kFolder) return false;
     }
     return !failed_;
   }
