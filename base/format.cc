@@ -410,7 +410,7 @@ bool Interpreter::formatInteger(const Directive& directive, const LogArg& argume
     sign = "0x";
   }
   if (directive.conversion == 'X') {
-    for (char& c : digits) c = c >= 'a' && c <= 'f' ? static_cast<char>(c - 'a' + 'A') : c;
+    for (char& c : digits) c = c >= 'a' ? static_cast<char>(c - 'a' + 'A') : c;
     if (sign == "0x") sign = "0X";
   }
   putNumber(directive, sign, std::move(digits), !directive.precision);

@@ -94,7 +94,14 @@ TEST(Numbers, OfDifferentKindsAreComparedEitherWayRound) {
   EXPECT_FALSE(Value(2) == Value(2.5));
   EXPECT_FALSE(Value(2.5) == Value(2));
   EXPECT_EQ(Value("+-5").integerValue(), 0);
+  EXPECT_EQ(Value("+").integerValue(), 0);
   EXPECT_EQ(Value("+5").integerValue(), 5);
+}
+
+TEST(Texts, AreDifferentFromTheEmptyOneEitherWayRound) {
+  EXPECT_FALSE(Value("a") == Value(""));
+  EXPECT_FALSE(Value("") == Value("a"));
+  EXPECT_FALSE(Value(Array{1}) == Value(Array()));
 }
 
 TEST(Dictionaries, OfOtherKeysAreDifferent) {

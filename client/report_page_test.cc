@@ -93,6 +93,58 @@ TEST(ReportPage, OneMessageBesideThousandsIsSeen) {
   EXPECT_NE(page.find("height=\"1.5\" rx=\"1.5\"/></g>"), std::string::npos);
 }
 
+TEST(ReportPage, YearsHaveTheirNamesUnderMailOfManyYears) {
+  MailSummary summary({});
+  for (int year = 1826; year < 2026; ++year) {
+    const std::string date = std::to_string(year) + "-06-05T10:00:00Z";
+    summary.add(message("Ada", "ada@x", "s", date.c_str()));
+  }
+  const std::string page = reportPage(summary, {"", "", "now"});
+  std::size_t years = 0;
+  for (int year = 1820; year < 2026; ++year) {
+    years += count(page, ">" + std::to_string(year) + "</text>");
+  }
+  EXPECT_GE(years, 3U);
+  EXPECT_NE(page.find("<th scope=\"col\">Time</th>"), std::string::npos);
+}
+
+TEST(ReportPage, JanuariesAreNamedUnderMailOfSomeYears) {
+  MailSummary summary({});
+  for (int month = 0; month < 48; ++month) {
+    const std::string number = std::to_string(month % 12 + 1);
+    const std::string date = std::to_string(2020 + month / 12) + (number.size() == 1 ? "-0" : "-") +
+                             number + "-05T10:00:00Z";
+    summary.add(message("Ada", "ada@x", "s", date.c_str()));
+  }
+  const std::string page = reportPage(summary, {"", "", "now"});
+  for (const char* year : {">2020</text>", ">2021</text>", ">2022</text>", ">2023</text>"}) {
+    EXPECT_EQ(count(page, year), 1U) << year;
+  }
+  EXPECT_EQ(page.find(">Feb 2021</text>"), std::string::npos);
+}
+
+TEST(ReportPage, WhatIsMissingHasWordsForIt) {
+  MailSummary summary({});
+  summary.add(message("", "", "", "2026-01-05T10:00:00Z"));
+  summary.add(Dictionary{{"attributes", Dictionary{{"kMDItemDisplayName", "undated"}}}});
+  const std::string page =
+      reportPage(summary, {std::string(500, 'q'), "kMDItemSubject == \"q\"", "now"});
+  EXPECT_NE(page.find("No subject"), std::string::npos);
+  EXPECT_EQ(page.find("Received from"), std::string::npos);
+  EXPECT_NE(page.find("without a date and not shown: 1"), std::string::npos);
+  EXPECT_NE(page.find("<h1 class=\"long\">"), std::string::npos);
+  EXPECT_NE(page.find("The query as a predicate"), std::string::npos);
+  EXPECT_EQ(reportPage(summary, {"p", "p", "now"}).find("as a predicate"), std::string::npos);
+}
+
+TEST(ReportPage, LargeNumbersAreReadInGroups) {
+  MailSummary summary({});
+  for (int i = 0; i < 12'345; ++i) {
+    summary.add(message("Ada", "ada@x", "s", "2026-01-05T10:00:00Z"));
+  }
+  EXPECT_NE(reportPage(summary, {"", "", "now"}).find("12\u202F345"), std::string::npos);
+}
+
 TEST(HtmlText, IsCutByColumnsNotInsideAnEscape) {
   EXPECT_EQ(escapedForHtml("<<<<", 3), "&lt;&lt;…");
   EXPECT_EQ(escapedForHtml("a\tb", 9), "a b");

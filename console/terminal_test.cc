@@ -18,6 +18,8 @@ TEST(ShownText, LineBreaksAndTabsBecomeOneBlank) { EXPECT_EQ(shown("\na\r\n\tb")
 
 TEST(ShownText, DirectionMarksAreLeftOut) {
   EXPECT_EQ(shown("invoice\u202Efdp.exe\u2066\u200F"), "invoicefdp.exe");
+  EXPECT_EQ(shown("a\u061C\u200E\u202A\u2069z"), "az");
+  EXPECT_EQ(shown("a\u2028b\u2029c"), "abc");
 }
 
 TEST(ShownText, BytesThatAreNoUtf8BecomeReplacementCharacters) {

@@ -169,7 +169,9 @@ void RunningApplications::scan() {
     struct stat held = {};
     // A listing may miss names while the folder changes: only the name itself tells.
     const auto status = folder ? statAt(folder.get(), name) : std::nullopt;
-    if (status && ::fstat(entry->second.file.get(), &held) == 0 && sameFile(*status, held)) {
+    const bool replaced =
+        status && ::fstat(entry->second.file.get(), &held) == 0 && !sameFile(*status, held);
+    if (status && !replaced) {
       check(name);
     } else if (status || !folder || errno == ENOENT) {
       forget(entry,

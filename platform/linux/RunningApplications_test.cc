@@ -294,6 +294,19 @@ TEST_F(RunningApplicationsTest, FileThatIsReplacedWhileItsProcessLivesIsNoQuit) 
   EXPECT_EQ(quit_, std::vector<std::string>{kClient});
 }
 
+TEST_F(RunningApplicationsTest, FileThatIsReplacedAgainAndAgainIsNoQuit) {
+  const auto client = application();
+  start();
+  const std::string path = fileOf(kClient, client->process());
+  for (int round = 0; round < 3; ++round) {
+    ASSERT_EQ(::unlink(path.c_str()), 0);
+    testing::writeFile(path, "");
+  }
+  settle();
+  EXPECT_TRUE(isRunning());
+  EXPECT_TRUE(quit_.empty());
+}
+
 TEST_F(RunningApplicationsTest, FileInThePlaceOfTheFolderEndsAll) {
   const auto client = application();
   start();

@@ -528,6 +528,50 @@ TEST_F(FailingApplications, OneWhoseFileCannotBeRemovedIsToldOnce) {
   EXPECT_THAT(quit, ElementsAre("org.example.client"));
 }
 
+TEST_F(FailingApplications, LeftOverThatCannotBeRemovedIsNeverTold) {
+  testing::writeFile(applications_ + "/org.example.client.2147483647", "");
+  testing::CollectingLog log;
+  LinuxExecution execution(log);
+  MainLoop& loop = execution.mainQueue();
+  std::vector<std::string> quit;
+  RunningApplications running(applications_, execution,
+                              [&](const std::string& bundle) { quit.push_back(bundle); });
+  {
+    const FailingSystemCalls failing({.name = "unlinkat", .error = EROFS, .fromThenOn = true});
+    running.start();
+    EXPECT_EQ(failing.failures(), 1);
+  }
+  for (int round = 0; round < 100 && !testing::namesIn(applications_).empty(); ++round) {
+    testing::writeFile(applications_ + "/stray", "x");
+    ::unlink((applications_ + "/stray").c_str());
+    loop.postAfter(std::chrono::milliseconds(5), [&loop] { loop.stop(); });
+    loop.run();
+  }
+  EXPECT_THAT(testing::namesIn(applications_), IsEmpty());
+  EXPECT_THAT(quit, IsEmpty());
+}
+
+TEST_F(FailingApplications, FileInThePlaceOfOneThatHasQuitIsThatOfAnother) {
+  testing::CollectingLog log;
+  LinuxExecution execution(log);
+  MainLoop& loop = execution.mainQueue();
+  std::vector<std::string> quit;
+  RunningApplications running(applications_, execution, [&](const std::string& bundle) {
+    quit.push_back(bundle);
+    loop.stop();
+  });
+  auto child = application();
+  const FailingSystemCalls failing({.name = "syscall", .error = EMFILE, .fromThenOn = true});
+  running.start();
+  const std::string path = applications_ + "/" + testing::namesIn(applications_).at(0);
+  child->kill();
+  EXPECT_EQ(::unlink(path.c_str()), 0);
+  testing::writeFile(path, "");
+  EXPECT_TRUE(testing::runUntilStopped(loop));
+  EXPECT_THAT(quit, ElementsAre("org.example.client", "org.example.client"));
+  EXPECT_THAT(testing::namesIn(applications_), IsEmpty());
+}
+
 TEST_F(FailingApplications, LookTellsWhatItCanSee) {
   const auto child = application();
   withEachCallFailing([&](const FailingCall& call) {
