@@ -105,6 +105,7 @@ class Parser {
 
   // Failing.
   std::nullopt_t fail(std::size_t offset, std::string message, std::string hint = {});
+  std::nullopt_t failAsTooLong(std::size_t offset);
   std::nullopt_t failHere(std::string_view expected, std::string hint = {});
   bool atEndOfPredicate(std::string_view closing);
 
@@ -124,8 +125,7 @@ void Parser::advance() {
   current_ = lexer_.next();
   if (!at(Kind::kEnd) && ++tokens_ > kMaxTokens) {
     current_.kind = Kind::kInvalid;
-    fail(current_.offset,
-         "the query goes on after " + std::to_string(kMaxTokens) + " words and signs");
+    failAsTooLong(current_.offset);
     return;
   }
   if (!at(Kind::kInvalid)) return;
@@ -158,6 +158,10 @@ std::nullopt_t Parser::fail(std::size_t offset, std::string message, std::string
     error_ = {offset, std::move(message), std::move(hint)};
   }
   return std::nullopt;
+}
+
+std::nullopt_t Parser::failAsTooLong(std::size_t offset) {
+  return fail(offset, "the query goes on after " + std::to_string(kMaxTokens) + " words and signs");
 }
 
 std::nullopt_t Parser::failHere(std::string_view expected, std::string hint) {
@@ -347,6 +351,9 @@ std::optional<Literal> Parser::value(Modifiers modifiers, bool forText) {
   if (!trailingModifiers(token.end(), &modifiers) || !atEndOfPredicate("the end")) {
     return std::nullopt;
   }
+  // Each of its words becomes a pattern, and it has at most as many.
+  if (modifiers.has(Modifiers::kTokens)) tokens_ += token.content().size() / 2;
+  if (tokens_ > kMaxTokens) return failAsTooLong(token.offset);
   return textLiteral(token, modifiers, forText);
 }
 

@@ -32,7 +32,7 @@ namespace thmp::query {
 
 /// How deep groups and "!" may nest.
 inline constexpr std::size_t kMaxNesting = 256;
-/// How many words, strings and signs a query may have.
+/// How many words, strings and signs a query may have. Of a value with t each two bytes count.
 inline constexpr std::size_t kMaxTokens = 100'000;
 
 /// The query that `text` says; empty, with `error` filled, when it says none. Names that no message

@@ -289,6 +289,10 @@ TEST(QueryParser, HasAHundredThousandWordsAndSignsAndNoMore) {
   EXPECT_EQ(error.offset, 2 + 24'999 * 5 + 2U);
   EXPECT_EQ(error.message, "the query goes on after 100000 words and signs");
   EXPECT_EQ(errorOf("FieldMatch(a" + times(",1", 500'000) + ")").message, error.message);
+  parsed("a=\"" + times("x ", 99'990) + "\"t");
+  EXPECT_EQ(errorOf("a=\"" + times("x ", 100'000) + "\"t").message, error.message);
+  EXPECT_EQ(errorOf(times("a=\"" + times("x ", 30'000) + "\"t||", 4) + "a=1").offset, 180'023U);
+  parsed("a=\"" + times("x ", 500'000) + "\"");
 }
 
 TEST(QueryParser, GroupsSideBySideDoNotNest) {
