@@ -34,14 +34,20 @@ bool isFieldName(std::string_view name) noexcept {
 std::size_t whiteSpaceAt(std::string_view text, std::size_t at) noexcept {
   const auto byte = static_cast<unsigned char>(text[at]);
   if (byte < 0x80) return byte == ' ' || (byte >= 0x09 && byte <= 0x0D) ? 1 : 0;
-  // U+0085, U+00A0, U+1680, U+2000 to U+205F and U+3000 begin with these.
-  if (byte != 0xC2 && byte != 0xE1 && byte != 0xE2 && byte != 0xE3) return 0;
-  const std::size_t length = byte == 0xC2 ? 2 : 3;
-  if (text.size() - at < length) return 0;
-  const gunichar character =
-      g_utf8_get_char_validated(text.data() + at, static_cast<gssize>(length));
-  if (character >= 0x11'0000) return 0;
-  return character == 0x85 || g_unichar_isspace(character) != FALSE ? length : 0;
+  // U+0085 and U+00A0; U+1680, U+2000 to U+200A, U+2028, U+2029, U+202F, U+205F and U+3000.
+  if (byte == 0xC2) {
+    const std::string_view two = text.substr(at, 2);
+    return two == "\xC2\x85" || two == "\xC2\xA0" ? 2 : 0;
+  }
+  if (byte < 0xE1 || byte > 0xE3 || text.size() - at < 3) return 0;
+  const std::string_view three = text.substr(at, 3);
+  const auto last = static_cast<unsigned char>(three[2]);
+  const bool isGeneral =
+      three.starts_with("\xE2\x80") &&
+      ((last >= 0x80 && last <= 0x8A) || last == 0xA8 || last == 0xA9 || last == 0xAF);
+  const bool isOther =
+      three == "\xE1\x9A\x80" || three == "\xE2\x81\x9F" || three == "\xE3\x80\x80";
+  return isGeneral || isOther ? 3 : 0;
 }
 
 // Makes an address field flat for a parser that follows its nesting on the stack: without comments,
@@ -209,7 +215,8 @@ std::string collapseWhiteSpace(std::string_view text) {
 
 std::string decodeHeaderText(std::string_view raw) {
   if (isAscii(raw) && raw.find("=?") == std::string_view::npos) return collapseWhiteSpace(raw);
-  const std::string unfolded = collapseWhiteSpace(toUtf8(raw));
+  std::string unfolded = collapseWhiteSpace(toUtf8(raw));
+  if (unfolded.find("=?") == std::string::npos) return unfolded;
   return collapseWhiteSpace(decodeEncodedWords(unfolded));
 }
 
