@@ -296,6 +296,9 @@ def large_query_text():
     for name, unit in {"literal": "x", "words": "x ", "stars": "x*", "ones": "?", "mixed": "?x", "marks": "\u0301", "sharp": "ß", "escapes": "\\x",
                        "composed": "e\u0301", "hangul": "\u1100\u1161\u11a8", "ligature": "\ufdfa"}.items():
         yield name, filled(unit, '"cdw', 'a=="')
+    yield "words-each", filled("x ", '"cdwt', 'a=="')
+    yield "words-by-themselves", filled("日", '"cdwt', 'a=="')
+    yield "words-of-many", filled('a=="' + "x " * 1000 + '"cdwt||', "true")
     yield "digits", filled("7", "", "a==")
     yield "name", filled("a", "==1")
     yield "bound", filled("x", '",1)', 'InRange(a,"')
@@ -316,6 +319,7 @@ def large_mail_file():
     yield "words-charsets", filled("=?iso-2022-jp?q?a?= =?utf-16?q?a?= =?koi8-r?q?a?= ", "\n\n", "\0Subject: ")
     known = ["iso-8859-%d" % i for i in range(2, 17)] + ["cp125%d" % i for i in range(9)] + ["koi8-u", "big5", "euc-kr", "euc-jp", "gb18030", "tis-620"]
     yield "words-known-charsets", filled("".join(f"=?{charset}?q?a?= " for charset in known), "\n\n", "\0Subject: ")
+    yield "field-windows", b"\0Subject: " + b"\x82" * 900_000 + b"\n\n"
     yield "words-one", filled("=C3", "?=\n\n", "\0Subject: =?utf-8?q?")
     yield "words-torn", filled("=FF", "?=\n\n", "\0Subject: =?utf-16?q?")
     yield "blanks", filled("\u2003", "\n\n", "\0Subject: ")
