@@ -486,7 +486,8 @@ TEST_F(InboxWatching, InboxThatIsReplacedIsWatchedOn) {
 TEST_F(InboxWatching, NameThatAListingRepeatsIsHandledOnce) {
   fake.files.failFromNowOn(FileOperation::kRemove, EACCES);
   fake.files.onListing([](const std::string&, std::vector<std::string>& names) {
-    names.insert(names.end(), names.begin(), names.end());
+    const std::vector<std::string> again = names;
+    names.insert(names.end(), again.begin(), again.end());
   });
   placeMessage("1.plist");
   fake.files.writeFile(path("broken.plist"), "x");
