@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <ostream>
 #include <thread>
 
 #include "base/plist.h"
@@ -329,6 +330,8 @@ struct Layout {
   bool usable;
   bool told;
 };
+
+void PrintTo(const Layout& layout, std::ostream* out) { *out << layout.name; }
 
 class PasteboardStoreLayouts : public ::testing::TestWithParam<Layout> {};
 
