@@ -80,7 +80,7 @@ bool isParsedWithin(const std::string& bytes) {
   const long before = peakMemory();
   double least = 1e9;
   long memory = 0;
-  for (int round = 0; round < 9 && least > thmp::fuzz::kParseSeconds; ++round) {
+  for (int round = 0; round < 25 && least > thmp::fuzz::kParseSeconds; ++round) {
     const double start = processorSeconds();
     thmp::fuzz::kBounds.parse(bytes);
     least = std::min(least, processorSeconds() - start);
