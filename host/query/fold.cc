@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <array>
+#include <memory>
+#include <mutex>
 #include <numeric>
 
 #include "host/query/characters.h"
@@ -128,28 +130,63 @@ void dropMarks(std::u32string& character) {
   });
 }
 
-/// Folds one character of a text in NFC.
-void appendFolded(std::u32string_view character, Folding folding, std::string& out) {
-  if (character.size() == 1 && character[0] < 0x80) {
-    const char c = static_cast<char>(character[0]);
-    const bool isCapital = c >= 'A' && c <= 'Z';
-    out.push_back(folding.foldCase && isCapital ? static_cast<char>(c - 'A' + 'a') : c);
-    return;
-  }
-  const bool folds = folding.foldCase || folding.dropMarks;
-  const bool simple =
-      !folds || (character.size() == 1 && (classOf(character[0]) & kUnmovedByFolds) != 0);
-  if (simple) {
-    for (const char32_t c : character) appendUtf8(c, out);
-    return;
-  }
+std::string foldedApart(std::u32string_view character, Folding folding) {
   const bool hasBase = !isMark(character[0]);
   // A single code point is folded and taken apart at once, with the same outcome.
   std::u32string folded = decomposed(character, folding.foldCase && character.size() == 1);
   if (folding.foldCase && character.size() > 1) folded = decomposed(folded, /*foldCase=*/true);
   if (folding.dropMarks && hasBase) dropMarks(folded);
   compose(folded);
+  std::string out;
   for (const char32_t c : folded) appendUtf8(c, out);
+  return out;
+}
+
+/// What single code points of the basic plane fold to, a page of them made when it is first needed.
+class FoldTable {
+ public:
+  explicit FoldTable(Folding folding) : folding_(folding) {}
+
+  const std::string& of(char32_t c) {
+    const std::size_t number = c >> 8U;
+    std::call_once(made_[number], [&] {
+      pages_[number] = std::make_unique<Page>();
+      for (char32_t low = 0; low < kPageSize; ++low) {
+        const char32_t each = (c & ~char32_t{kPageSize - 1}) | low;
+        (*pages_[number])[low] = foldedApart(std::u32string_view(&each, 1), folding_);
+      }
+    });
+    return (*pages_[number])[c & (kPageSize - 1)];
+  }
+
+ private:
+  static constexpr std::size_t kPageSize = 256;
+  using Page = std::array<std::string, kPageSize>;
+
+  Folding folding_;
+  std::array<std::once_flag, 256> made_;
+  std::array<std::unique_ptr<Page>, 256> pages_;
+};
+
+FoldTable& tableOf(Folding folding) {
+  static FoldTable& cases = *new FoldTable({true, false});
+  static FoldTable& marks = *new FoldTable({false, true});
+  static FoldTable& both = *new FoldTable({true, true});
+  if (!folding.dropMarks) return cases;
+  return folding.foldCase ? both : marks;
+}
+
+/// Folds one character of a text in NFC.
+void appendFolded(std::u32string_view character, Folding folding, std::string& out) {
+  const bool isOne = character.size() == 1;
+  const bool folds = folding.foldCase || folding.dropMarks;
+  if (!folds || (isOne && (classOf(character[0]) & kUnmovedByFolds) != 0)) {
+    for (const char32_t c : character) appendUtf8(c, out);
+  } else if (isOne && character[0] < 0x10000) {
+    out += tableOf(folding).of(character[0]);
+  } else {
+    out += foldedApart(character, folding);
+  }
 }
 
 /// Where the character that begins at `begin` ends.
