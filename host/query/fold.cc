@@ -133,8 +133,10 @@ void dropMarks(std::u32string& character) {
 std::string foldedApart(std::u32string_view character, Folding folding) {
   const bool hasBase = !isMark(character[0]);
   // A single code point is folded and taken apart at once, with the same outcome.
-  std::u32string folded = decomposed(character, folding.foldCase && character.size() == 1);
-  if (folding.foldCase && character.size() > 1) folded = decomposed(folded, /*foldCase=*/true);
+  const bool isWhole = std::all_of(character.begin(), character.end(), isUnmoved);
+  std::u32string folded(character);
+  if (!isWhole) folded = decomposed(folded, folding.foldCase && character.size() == 1);
+  if (!isWhole && folding.foldCase && character.size() > 1) folded = decomposed(folded, true);
   if (folding.dropMarks && hasBase) dropMarks(folded);
   compose(folded);
   std::string out;
@@ -214,6 +216,11 @@ std::string foldText(std::string_view text, Folding folding) {
 std::string foldText(std::u32string_view text, Folding folding) {
   std::string folded;
   folded.reserve(text.size());
+  if (std::all_of(text.begin(), text.end(), [](char32_t c) { return c < 0x80; })) {
+    for (const char32_t c : text) folded.push_back(static_cast<char>(c));
+    if (folding.foldCase) lowerAscii(folded, folded.data());
+    return folded;
+  }
   const std::u32string whole = composed(std::u32string(text));
   for (std::size_t begin = 0; begin < whole.size();) {
     const std::size_t end = characterEnd(whole, begin);
