@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/store/MountTable.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -76,13 +77,13 @@ TEST_F(MountingFolders, AnotherMountInTheSamePlaceIsTold) {
   testing::whereOneMayMount([this] {
     ASSERT_TRUE(mountOther());
     MountTable table({place_});
-    ASSERT_EQ(::umount(place_.c_str()), 0);
-    // Holds the number of the first, so that the second gets another.
-    fs::create_directories(folder_ / "third");
-    ASSERT_EQ(::mount(other_.c_str(), (folder_ / "third").c_str(), nullptr, MS_BIND, nullptr), 0);
+    // While it is held, the first keeps its number, and the second gets another.
+    const int first = ::open(place_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_GE(first, 0);
+    ASSERT_EQ(::umount2(place_.c_str(), MNT_DETACH), 0);
     ASSERT_TRUE(mountOther());
     EXPECT_THAT(table.changes(), ElementsAre(place_));
-    ::umount((folder_ / "third").c_str());
+    ::close(first);
   });
 }
 

@@ -128,13 +128,17 @@ class HostileClients(Scenario):
         wait_for(lambda: self.client.take(lambda m: m["userInfo"].get("token") == "elsewhere"), "the answer")
 
     def test_full_inbox_is_emptied_at_the_start_but_for_what_cannot_be_read(self):
+        """The start's own scan comes before all handlers, so that what it takes reaches nobody; what a second scan takes beside
+        it, which the removals set off, may be answered, but not twice."""
         self.host.quit()
         poisoned = self.client.post_bytes(b"bplist00", "0 poisoned.plist")
         waiting = [self.client.post("Connect", number=number) for number in range(FLOOD)]
         self.host = self.world.serve()
         self.client.connect()
         self.assertEqual(list(self.world.inbox.iterdir()), [poisoned])
-        self.assertEqual(self.client.take(lambda m: "number" in m["userInfo"]), [], len(waiting))
+        answered = [m["userInfo"]["number"] for m in self.client.take(lambda m: "number" in m["userInfo"])]
+        self.assertEqual(len(answered), len(set(answered)), answered)
+        self.assertLess(len(answered), len(waiting))
         self.assertEqual(self.host.count(READ_FAILURE), 1)
 
     def test_many_broken_files_are_read_once_each_and_hold_up_nobody(self):
