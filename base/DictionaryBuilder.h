@@ -20,8 +20,9 @@ class DictionaryBuilder {
   /// The most entries that one can have room for.
   static constexpr std::size_t kMostEntries = 128;
 
-  /// Room for so many entries, at most kMostEntries, and for some texts of `textBytes` bytes
-  /// together.
+  /// Room for so many entries, at most kMostEntries, and for texts of `textBytes` bytes together,
+  /// their heads of some 20 bytes each included. Holds `lender`. Throws std::bad_alloc, as text()
+  /// and append() may.
   DictionaryBuilder(std::size_t entries, std::size_t textBytes, const Dictionary& lender);
   ~DictionaryBuilder();
   DictionaryBuilder(const DictionaryBuilder&) = delete;
@@ -31,10 +32,11 @@ class DictionaryBuilder {
   /// the dictionary holds may hold it in turn, such as an array: neither would ever be freed.
   Value text(std::string_view bytes);
 
+  /// Of the entries so far; 0 and null once it is finished.
   std::size_t size() const noexcept;
   const Dictionary::Entry* begin() const noexcept;
 
-  // REQUIRES: there is room, the key comes after all others, and the value is not null.
+  /// REQUIRES: there is room, the key comes after all others, and the value is not null.
   void append(const Text& key, Value value);
   /// The same for an entry of the lender's.
   void appendLent(const Dictionary::Entry& lent);

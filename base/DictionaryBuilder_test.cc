@@ -17,6 +17,15 @@ const Text& subject() {
   return key;
 }
 
+/// One value from a lender that is gone by then, and one text of its own.
+Dictionary lentAndOwn() {
+  const Dictionary lender{{"a", "lent"}};
+  DictionaryBuilder builder(2, 100, lender);
+  builder.appendLent(*lender.begin());
+  builder.append(subject(), builder.text("own"));
+  return builder.finish();
+}
+
 TEST(TextForever, IsLikeAnyOther) {
   const Text copy = subject();
   EXPECT_EQ(copy.view(), "subject");
@@ -50,30 +59,51 @@ TEST(BuiltDictionary, WithoutEntriesIsEmpty) {
 }
 
 TEST(BuiltDictionary, KeepsItsLender) {
-  Dictionary built;
-  {
-    const Dictionary lender{{"a", std::string(100, 'x')}};
-    DictionaryBuilder builder(1, 0, lender);
-    builder.appendLent(*lender.begin());
-    built = builder.finish();
-  }
-  EXPECT_EQ(built["a"].asText(), std::string(100, 'x'));
+  const Dictionary built = lentAndOwn();
+  EXPECT_EQ(built["a"].asText(), "lent");
 }
 
 TEST(BuiltDictionary, ValuesTakenFromItOutliveIt) {
   Value own;
   Value lent;
   {
-    const Dictionary lender{{"a", "a lent text"}};
-    DictionaryBuilder builder(2, 100, lender);
-    builder.appendLent(*lender.begin());
-    builder.append("b", builder.text("an own text"));
-    const Dictionary built = builder.finish();
+    const Dictionary built = lentAndOwn();
     lent = built["a"];
-    own = built["b"];
+    own = built["subject"];
   }
-  EXPECT_EQ(lent.asText(), "a lent text");
-  EXPECT_EQ(own.asText(), "an own text");
+  EXPECT_EQ(lent.asText(), "lent");
+  EXPECT_EQ(own.asText(), "own");
+}
+
+TEST(BuiltDictionary, RowsOfSeveralLendersAreWrittenLikeAnyOthers) {
+  const std::vector<Dictionary> lenders{{{"b", "flat"}, {"d", true}, {"f", Array{"one"}}},
+                                        {{"b", "round"}, {"d", true}, {"f", Array{"two"}}}};
+  std::vector<Value> built;
+  std::vector<Value> plain;
+  for (unsigned row = 0; row < 64; ++row) {
+    // Each key is missing in some rows, and the lender changes every third.
+    const Dictionary& lender = lenders[row / 3 % 2];
+    DictionaryBuilder builder(5, 200, lender);
+    std::vector<Dictionary::Entry> entries;
+    const auto put = [&](const char* key, const Value& value) {
+      builder.append(key, value);
+      entries.push_back({key, value});
+    };
+    if (row % 2 == 0) put("a", builder.text("a" + std::to_string(row % 5)));
+    for (unsigned i = 0; i < 3; ++i) {
+      if ((row >> i & 1) != 0) continue;
+      builder.appendLent(lender.begin()[i]);
+      entries.push_back(lender.begin()[i]);
+    }
+    put("g", row % 7);
+    built.emplace_back(builder.finish());
+    plain.emplace_back(Dictionary(std::move(entries)));
+  }
+  const auto bytes = writeBinaryPropertyList(Array(built));
+  ASSERT_TRUE(bytes);
+  const auto read = readPropertyList(*bytes, kBatchLimits);
+  ASSERT_TRUE(read);
+  EXPECT_TRUE(Value::identical(*read, Array(plain)));
 }
 
 TEST(BuiltDictionary, OneTextUnderTwoKeysIsOneObject) {
@@ -113,11 +143,7 @@ TEST(BuiltDictionary, TextsFarBehindItStandByThemselves) {
 }
 
 TEST(BuiltDictionary, IsChangedInACopy) {
-  const Dictionary lender{{"a", "lent"}};
-  DictionaryBuilder builder(2, 100, lender);
-  builder.appendLent(*lender.begin());
-  builder.append(subject(), builder.text("own"));
-  Dictionary built = builder.finish();
+  Dictionary built = lentAndOwn();
   const Dictionary before = built;
   built.set("z", 1);
   built.set("a", "other");
@@ -152,11 +178,7 @@ TEST(BuiltDictionary, GivenUpHalfwayIsFreed) {
 }
 
 TEST(BuiltDictionary, IsSharedBetweenThreads) {
-  const Dictionary lender{{"a", "lent"}};
-  DictionaryBuilder builder(2, 100, lender);
-  builder.appendLent(*lender.begin());
-  builder.append(subject(), builder.text("own"));
-  Dictionary built = builder.finish();
+  Dictionary built = lentAndOwn();
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([copy = built] {

@@ -19,11 +19,11 @@ class RecentTexts {
   void put(std::int64_t id, std::string text) {
     const Lock lock(mutex_);
     std::erase_if(texts_, [id](const Kept& one) { return one.id == id; });
-    bytes_ = text.size();
-    for (const Kept& one : texts_) bytes_ += one.text.size();
     texts_.push_back({id, std::move(text)});
-    while (texts_.size() > kMostTexts || (bytes_ > kMostBytes && !texts_.empty())) {
-      bytes_ -= texts_.front().text.size();
+    std::size_t bytes = 0;
+    for (const Kept& one : texts_) bytes += one.text.size();
+    while (texts_.size() > kMostTexts || bytes > kMostBytes) {
+      bytes -= texts_.front().text.size();
       texts_.pop_front();
     }
   }
@@ -51,7 +51,6 @@ class RecentTexts {
 
   mutable Mutex mutex_;
   std::deque<Kept> texts_ THMP_GUARDED_BY(mutex_);
-  std::size_t bytes_ THMP_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace thmp

@@ -2,10 +2,8 @@
 #include "host/store/sqlite_connection.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 
 #include "platform/linux/posix_io.h"
@@ -199,20 +197,10 @@ void ReadPool::reopen() {
 }
 
 bool makeParentFolders(const std::string& path, Error* error) {
-  for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
-       slash = path.find('/', slash + 1)) {
-    const std::string folder = path.substr(0, slash);
-    if (::mkdir(folder.c_str(), 0700) == 0) {
-      // SQLite syncs its files and their names, nothing above them.
-      syncFolder(path.substr(0, std::max<std::size_t>(path.rfind('/', slash - 1), 1)));
-    } else if (errno != EEXIST) {
-      const int why = errno;
-      struct stat status {};
-      if (::stat(folder.c_str(), &status) == 0) continue;
-      return fail(error, Error::posix(why, "cannot make the folder " + folder));
-    }
-  }
-  return true;
+  // SQLite syncs its files and their names, nothing above them.
+  const std::string folder = path.substr(0, path.rfind('/'));
+  return createFolders(folder) ||
+         fail(error, Error::posix(errno, "cannot make the folder " + folder));
 }
 
 }  // namespace thmp

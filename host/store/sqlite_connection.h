@@ -156,7 +156,8 @@ class ReadPool {
   bool closed_ THMP_GUARDED_BY(mutex_) = false;
 };
 
-/// Makes the folder of `path` and those above it that are missing, each private to the user.
+/// Makes the folder of the absolute `path` and those above it that are missing, each private to the
+/// user and synced into the one above.
 bool makeParentFolders(const std::string& path, Error* error = nullptr);
 
 }  // namespace thmp

@@ -7,11 +7,13 @@ namespace thmp {
 
 FakePlatform::FakePlatform() { files.makeFolder(files.applicationSupportDirectory()); }
 
-Platform FakePlatform::platform() {
-  return Platform{.files = files,
-                  .execution = execution,
+Platform FakePlatform::platform() { return platform(Others{}); }
+
+Platform FakePlatform::platform(const Others& others) {
+  return Platform{.files = others.files != nullptr ? *others.files : files,
+                  .execution = others.execution != nullptr ? *others.execution : execution,
                   .identity = identity,
-                  .preferences = preferences,
+                  .preferences = others.preferences != nullptr ? *others.preferences : preferences,
                   .application = application,
                   .pasteboards = pasteboards,
                   .spotlight = spotlight,

@@ -48,8 +48,16 @@ namespace thmp {
 struct FakePlatform {
   FakePlatform();
 
+  /// What stands in the place of a member, which outlives the platform.
+  struct Others {
+    Files* files = nullptr;
+    Execution* execution = nullptr;
+    Preferences* preferences = nullptr;
+  };
   /// References to the members below.
   Platform platform();
+  /// The same but for `others`.
+  Platform platform(const Others& others);
 
   // The folders of the exchange, in the standard application-support folder. Not made here.
   std::string dataFolder();

@@ -246,6 +246,17 @@ class FailingPasteboards : public FailingSystemCallsTest {
   static Value read(const TemporaryFolder& cache, const std::string& name) {
     return PasteboardReader(cache.path()).read(name, kType).value_or(Value());
   }
+
+  /// A host with one pasteboard that has content.
+  struct Host {
+    explicit Host(const TemporaryFolder& cache, const Value& content = 1)
+        : store(cache.path(), log), made(store.makeUnique(nullptr)) {
+      EXPECT_TRUE(made->setPropertyList(content, kType));
+    }
+    testing::CollectingLog log;
+    PasteboardStore store;
+    const std::shared_ptr<Pasteboard> made;
+  };
 };
 
 TEST_F(FailingPasteboards, ContentIsWholeOrNone) {
@@ -280,43 +291,38 @@ TEST_F(FailingPasteboards, ContentIsWholeOrNone) {
 
 TEST_F(FailingPasteboards, ContentWhoseFileCannotBeClosedIsNone) {
   const TemporaryFolder cache;
-  testing::CollectingLog log;
-  PasteboardStore store(cache.path(), log);
-  const auto made = store.makeUnique(nullptr);
+  const Host host(cache, 0);
   for (int nth = 1; nth < 30; ++nth) {
     bool written = false;
     {
       // The file system has no unnamed files; a close that fails may have lost what was written.
       const FailingSystemCalls failing(
           {{.name = "openat", .nth = nth, .error = EOPNOTSUPP}, {.name = "close", .nth = nth}});
-      written = made->setPropertyList(nth, kType, nullptr);
+      written = host.made->setPropertyList(nth, kType, nullptr);
     }
-    EXPECT_EQ(read(cache, made->name()) == Value(nth), written) << nth;
+    EXPECT_EQ(read(cache, host.made->name()) == Value(nth), written) << nth;
   }
 }
 
 TEST_F(FailingPasteboards, ContentThatIsReplacedIsTheOldTheNewOrNone) {
   withEachCallFailing([](const FailingCall& call) {
     const TemporaryFolder cache;
-    testing::CollectingLog log;
-    PasteboardStore store(cache.path(), log);
-    const auto made = store.makeUnique(nullptr);
-    EXPECT_TRUE(made->setPropertyList("old", kType));
+    const Host host(cache, "old");
     int failures = 0;
     bool written = false;
     {
       const FailingSystemCalls failing(call);
-      written = made->setPropertyList("new", kType, nullptr);
+      written = host.made->setPropertyList("new", kType, nullptr);
       failures = failing.failures();
     }
-    const Value found = read(cache, made->name());
+    const Value found = read(cache, host.made->name());
     if (written) {
       EXPECT_EQ(found, Value("new"));
     } else {
       EXPECT_THAT(found, AnyOf(Value("old"), Value()));
     }
-    made->clearContents();
-    EXPECT_TRUE(read(cache, made->name()).isNull());
+    host.made->clearContents();
+    EXPECT_TRUE(read(cache, host.made->name()).isNull());
     return failures;
   });
 }
@@ -328,13 +334,11 @@ TEST_F(FailingPasteboards, ClearedAndReleasedOnesAreGoneAfterTheNextAttempt) {
     const std::string pasteboards = cache.at("tallyhive/pasteboards");
     int failures = 0;
     {
-      PasteboardStore store(cache.path(), log);
-      const auto made = store.makeUnique(nullptr);
-      EXPECT_TRUE(made->setPropertyList(1, kType));
+      const Host host(cache);
       const FailingSystemCalls failing(call);
-      made->clearContents();
-      made->declareType(kType);
-      made->releaseGlobally();
+      host.made->clearContents();
+      host.made->declareType(kType);
+      host.made->releaseGlobally();
       failures = failing.failures();
     }
     const PasteboardStore next(cache.path(), log);
@@ -345,15 +349,12 @@ TEST_F(FailingPasteboards, ClearedAndReleasedOnesAreGoneAfterTheNextAttempt) {
 
 TEST_F(FailingPasteboards, ReaderGivesAllOrTheError) {
   const TemporaryFolder cache;
-  testing::CollectingLog log;
-  PasteboardStore store(cache.path(), log);
-  const auto made = store.makeUnique(nullptr);
-  EXPECT_TRUE(made->setPropertyList(1, kType));
+  const Host host(cache);
   withEachCallFailing([&](const FailingCall& call) {
     Error error;
     const FailingSystemCalls failing(call);
     const auto found =
-        PasteboardReader(cache.path()).read(made->name(), kType, kBatchLimits, &error);
+        PasteboardReader(cache.path()).read(host.made->name(), kType, kBatchLimits, &error);
     EXPECT_EQ(found.has_value(), !error.isSet());
     return failing.failures();
   });
@@ -363,9 +364,7 @@ TEST_F(FailingPasteboards, SweepNeverTakesThoseOfALivingHost) {
   withEachCallFailing([](const FailingCall& call) {
     const TemporaryFolder cache;
     testing::CollectingLog log;
-    PasteboardStore living(cache.path(), log);
-    const auto made = living.makeUnique(nullptr);
-    EXPECT_TRUE(made->setPropertyList(1, kType));
+    const Host living(cache);
     testing::makeFolder(cache.at("tallyhive/pasteboards/0123456789abcdef-1"));
     int failures = 0;
     {
@@ -373,9 +372,9 @@ TEST_F(FailingPasteboards, SweepNeverTakesThoseOfALivingHost) {
       const PasteboardStore next(cache.path(), log);
       failures = failing.failures();
     }
-    EXPECT_EQ(read(cache, made->name()), Value(1));
+    EXPECT_EQ(read(cache, living.made->name()), Value(1));
     const PasteboardStore after(cache.path(), log);
-    EXPECT_EQ(read(cache, made->name()), Value(1));
+    EXPECT_EQ(read(cache, living.made->name()), Value(1));
     EXPECT_FALSE(testing::exists(cache.at("tallyhive/pasteboards/0123456789abcdef-1")));
     return failures;
   });

@@ -87,6 +87,28 @@ void IndexedMail::remove(int number) {
   paths_.erase(number);
 }
 
+void IndexedMail::makeNewMail() {
+  for (int number = 0; number < 10; ++number) deliver(number);
+}
+
+void IndexedMail::makeChangedMail() {
+  makeNewMail();
+  update();
+  changes_ = {};
+  deliver(10);
+  deliver(11);
+  flag(2);
+  flag(3);
+  remove(5);
+}
+
+void IndexedMail::makeStaleIndex() {
+  makeNewMail();
+  update();
+  for (int number = 0; number < 7; ++number) remove(number);
+  update();
+}
+
 IndexedMail::Opened IndexedMail::open(IndexerOptions options, const Told& told) {
   Opened opened;
   auto library = Library::open(state() + "/data/library.sqlite", Library::Access::kReadWrite);

@@ -33,13 +33,19 @@ class IndexedMail {
   void deliver(int number);
   void flag(int number);
   void remove(int number);
-  /// Forgets what followed() would follow.
-  void settle() { changes_ = {}; }
+
+  // Scenes: mail, and what library and index have of it.
+  /// Mail that no index has seen.
+  void makeNewMail();
+  /// Mail that has come, was flagged and went since the index was up to date, for follow().
+  void makeChangedMail();
+  /// An index of which most is gone, for makeAnew().
+  void makeStaleIndex();
 
   // Operations. `told` hears of each library ID that anybody could have heard of.
   using Told = std::function<void(const std::string& subject, std::int64_t id)>;
   void update(const Told& told = {});
-  /// Brings up to date what deliver(), flag() and remove() have changed since settle().
+  /// Brings up to date what makeChangedMail() has changed.
   void follow(const Told& told = {});
   /// Makes the index anew, as after very many changes.
   void makeAnew(const Told& told = {});

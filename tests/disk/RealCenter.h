@@ -25,16 +25,7 @@ class RealCenter {
  private:
   FakePlatform fake_;
   LinuxFiles files_;
-  const Platform inMemory_ = fake_.platform();
-  Platform platform_{.files = files_,
-                     .execution = inMemory_.execution,
-                     .identity = inMemory_.identity,
-                     .preferences = inMemory_.preferences,
-                     .application = inMemory_.application,
-                     .pasteboards = inMemory_.pasteboards,
-                     .spotlight = inMemory_.spotlight,
-                     .mail = inMemory_.mail,
-                     .log = inMemory_.log};
+  Platform platform_ = fake_.platform({.files = &files_});
   const THMPPathAdditions paths_{fake_.identity};
   THMPCommunicationCenterClass class_{platform_, paths_};
   const std::shared_ptr<THMPCommunicationCenter> center_ = THMPCommunicationCenter::create(class_);

@@ -10,7 +10,6 @@
 
 #include <atomic>
 #include <charconv>
-#include <chrono>
 #include <cstdlib>
 #include <iostream>
 #include <new>
@@ -20,6 +19,7 @@
 
 #include "platform/linux/LinuxPreferences.h"
 #include "platform/linux/testing.h"
+#include "tests/disk/next_start.h"
 
 namespace thmp::disk {
 namespace {
@@ -65,7 +65,7 @@ TEST(KilledAtAnyMoment, UserDefaultsAreThoseOfTheLastWriteOrTheOneUnderWay) {
     const pid_t child = ::fork();
     if (child == 0) writeOn(place, before + 1, written);
     while (written == before) std::this_thread::yield();
-    std::this_thread::sleep_for(std::chrono::microseconds(chance() % 2000));
+    for (auto turns = chance() % 2000; turns > 0; --turns) std::this_thread::yield();
     ASSERT_EQ(::kill(child, SIGKILL), 0);
     ASSERT_EQ(::waitpid(child, nullptr, 0), child);
     halfWay += namesIn(place).size() > 2;
@@ -78,10 +78,7 @@ TEST(KilledAtAnyMoment, UserDefaultsAreThoseOfTheLastWriteOrTheOneUnderWay) {
     EXPECT_GE(number, written);
     EXPECT_LE(number, written + 1);
     EXPECT_EQ((*last)["text"], Value(textOf(number)));
-    preferences.set("later", 1);
-    EXPECT_TRUE(preferences.flush());
-    EXPECT_EQ(namesIn(place), (std::vector<std::string>{"defaults.plist", "defaults.plist.lock"}));
-    EXPECT_TRUE(log.lines().empty());
+    checkDefaultsGoOn(preferences, place, log);
     written = number;
     if (HasFailure()) break;
   }

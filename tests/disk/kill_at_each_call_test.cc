@@ -22,6 +22,7 @@
 #include "tests/disk/FileCalls.h"
 #include "tests/disk/IndexedMail.h"
 #include "tests/disk/RealCenter.h"
+#include "tests/disk/next_start.h"
 
 namespace thmp::disk {
 namespace {
@@ -136,10 +137,7 @@ TEST_F(KilledAtEachCall, BatchIsReadWholeOrNotAtAllAndNothingIsLeftAfterTheNextS
       EXPECT_TRUE(Value::identical(*content, Value(payload())) ||
                   Value::identical(*content, Value(second)));
     }
-    const PasteboardStore next(folder_.path(), log);
-    for (const auto& entry : fs::directory_iterator(folder_.at("tallyhive"))) {
-      EXPECT_TRUE(namesIn(entry.path()).empty()) << entry.path();
-    }
+    checkPasteboardsAreGone(folder_.path());
   };
   for (const bool unnamed : {true, false}) {
     setUnnamedFiles(unnamed);
@@ -162,11 +160,7 @@ void KilledAtEachCall::checkDefaults(const std::set<std::string>& allowed) {
   CollectingLog log;
   LinuxPreferences preferences(folder_.at("defaults"), log);
   EXPECT_TRUE(allowed.contains(std::string(preferences.get("text").asText().value_or(""))));
-  preferences.set("later", 1);
-  EXPECT_TRUE(preferences.flush());
-  EXPECT_EQ(namesIn(folder_.at("defaults")),
-            (std::vector<std::string>{"defaults.plist", "defaults.plist.lock"}));
-  EXPECT_TRUE(log.lines().empty());
+  checkDefaultsGoOn(preferences, folder_.at("defaults"), log);
 }
 
 TEST_F(KilledAtEachCall, UserDefaultsAreTheOldOnesOrTheNew) {
@@ -229,27 +223,17 @@ class IndexKilledAtEachCall : public ::testing::Test {
 };
 
 TEST_F(IndexKilledAtEachCall, FirstBuildIsGoneOnWith) {
-  for (int number = 0; number < 10; ++number) mail_.deliver(number);
+  mail_.makeNewMail();
   killAtEach(&IndexedMail::update);
 }
 
 TEST_F(IndexKilledAtEachCall, ChangesAreMadeGood) {
-  for (int number = 0; number < 10; ++number) mail_.deliver(number);
-  mail_.update();
-  mail_.settle();
-  mail_.deliver(10);
-  mail_.deliver(11);
-  mail_.flag(2);
-  mail_.flag(3);
-  mail_.remove(5);
+  mail_.makeChangedMail();
   killAtEach(&IndexedMail::follow);
 }
 
 TEST_F(IndexKilledAtEachCall, IndexThatIsMadeAnewIsWholeUnderTheIDsOfBefore) {
-  for (int number = 0; number < 10; ++number) mail_.deliver(number);
-  mail_.update();
-  for (int number = 0; number < 7; ++number) mail_.remove(number);
-  mail_.update();
+  mail_.makeStaleIndex();
   killAtEach(&IndexedMail::makeAnew);
 }
 

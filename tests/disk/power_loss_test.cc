@@ -19,6 +19,7 @@
 #include "tests/disk/IndexedMail.h"
 #include "tests/disk/PowerLoss.h"
 #include "tests/disk/RealCenter.h"
+#include "tests/disk/next_start.h"
 
 namespace thmp::disk {
 namespace {
@@ -78,10 +79,7 @@ TEST(PowerLoss, UserDefaultsAreWholeAndThoseThatWereWrittenStay) {
                                               ? std::set{first, second}
                                               : std::set{std::string(), first};
     EXPECT_TRUE(allowed.contains(text)) << text.substr(0, 10);
-    preferences.set("later", 1);
-    EXPECT_TRUE(preferences.flush());
-    EXPECT_EQ(namesIn(place), (std::vector<std::string>{"defaults.plist", "defaults.plist.lock"}));
-    EXPECT_TRUE(log.lines().empty());
+    checkDefaultsGoOn(preferences, place, log);
   });
 }
 
@@ -120,13 +118,7 @@ TEST(PowerLoss, PasteboardsAreGoneAfterTheNextStart) {
     EXPECT_TRUE(board->setPropertyList(Dictionary{{"b", 1}}, "t", nullptr));
   }
   disk.stop();
-  atEachMoment(disk, 1, [&](std::size_t) {
-    const PasteboardStore next(folder.path(), log);
-    if (!thmp::testing::exists(folder.at("tallyhive"))) return;
-    for (const auto& entry : fs::directory_iterator(folder.at("tallyhive"))) {
-      EXPECT_TRUE(namesIn(entry.path()).empty()) << entry.path();
-    }
-  });
+  atEachMoment(disk, 1, [&](std::size_t) { checkPasteboardsAreGone(folder.path()); });
 }
 
 class IndexAfterPowerLoss : public ::testing::Test {
@@ -162,26 +154,17 @@ class IndexAfterPowerLoss : public ::testing::Test {
 };
 
 TEST_F(IndexAfterPowerLoss, FirstBuildIsGoneOnWith) {
-  for (int number = 0; number < 10; ++number) mail_.deliver(number);
+  mail_.makeNewMail();
   losePowerDuring(&IndexedMail::update);
 }
 
 TEST_F(IndexAfterPowerLoss, ChangesAreMadeGood) {
-  for (int number = 0; number < 10; ++number) mail_.deliver(number);
-  mail_.update();
-  mail_.settle();
-  mail_.deliver(10);
-  mail_.deliver(11);
-  mail_.flag(2);
-  mail_.remove(5);
+  mail_.makeChangedMail();
   losePowerDuring(&IndexedMail::follow);
 }
 
 TEST_F(IndexAfterPowerLoss, IndexThatIsMadeAnewIsWholeUnderTheIDsOfBefore) {
-  for (int number = 0; number < 10; ++number) mail_.deliver(number);
-  mail_.update();
-  for (int number = 0; number < 7; ++number) mail_.remove(number);
-  mail_.update();
+  mail_.makeStaleIndex();
   losePowerDuring(&IndexedMail::makeAnew);
 }
 

@@ -24,19 +24,6 @@ constexpr char kFile[] = "tallyhive-mailhost/defaults.plist";
 constexpr char kOwnKey[] = "fuzzed";
 constexpr PropertyListLimits kGenerous = kBatchLimits;
 
-Platform platformWith(FakePlatform& fake, Preferences& preferences) {
-  const Platform platform = fake.platform();
-  return Platform{.files = platform.files,
-                  .execution = platform.execution,
-                  .identity = platform.identity,
-                  .preferences = preferences,
-                  .application = platform.application,
-                  .pasteboards = platform.pasteboards,
-                  .spotlight = platform.spotlight,
-                  .mail = platform.mail,
-                  .log = platform.log};
-}
-
 // All of `before` but the two keys that are written here stands in `now`, too.
 void checkKept(const Dictionary& before, LinuxPreferences& now) {
   for (const Dictionary::Entry& entry : before) {
@@ -70,7 +57,7 @@ void runInput(std::string_view bytes) {
   {
     LinuxPreferences preferences(stored.folder(), fake.log);
     if (before) checkKept(*before, preferences);
-    Platform platform = platformWith(fake, preferences);
+    Platform platform = fake.platform({.preferences = &preferences});
     PluginLog log(platform);
     log.log("name", "line %@", bytes.size());
     preferences.set(kOwnKey, Dictionary{{"size", bytes.size()}});

@@ -116,16 +116,7 @@ class InboxStorm : public ::testing::Test {
   LinuxFiles real_{folder_.path()};
   ListedFiles files_{real_};
   FakePlatform fake_;
-  const Platform inMemory_ = fake_.platform();
-  Platform platform_{.files = files_,
-                     .execution = execution_,
-                     .identity = inMemory_.identity,
-                     .preferences = inMemory_.preferences,
-                     .application = inMemory_.application,
-                     .pasteboards = inMemory_.pasteboards,
-                     .spotlight = inMemory_.spotlight,
-                     .mail = inMemory_.mail,
-                     .log = inMemory_.log};
+  Platform platform_ = fake_.platform({.files = &files_, .execution = &execution_});
   const THMPPathAdditions paths_{fake_.identity};
   THMPCommunicationCenterClass class_{platform_, paths_};
   std::string inbox_;

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <string>
@@ -69,13 +70,14 @@ inline void whereOneMayMount(const std::function<void()>& body) {
   EXPECT_EQ(result, 0);
 }
 
-/// Makes `folder` somebody else's, with no rights for us. Only where one may mount.
-inline void giveAway(const std::string& folder) {
+/// Makes a folder somebody else's, with no rights for us, or a file. Only where one may mount.
+inline void giveAway(const std::string& path) {
   if (::getuid() == 0) {
-    EXPECT_EQ(::chown(folder.c_str(), kNobody, kNobody), 0);
-  } else {
-    EXPECT_EQ(::mount("/root", folder.c_str(), nullptr, MS_BIND, nullptr), 0);
+    EXPECT_EQ(::chown(path.c_str(), kNobody, kNobody), 0);
+    return;
   }
+  const char* const ofRoot = std::filesystem::is_directory(path) ? "/root" : "/etc/passwd";
+  EXPECT_EQ(::mount(ofRoot, path.c_str(), nullptr, MS_BIND, nullptr), 0);
 }
 
 }  // namespace thmp::testing
