@@ -344,14 +344,22 @@ void Columns::setMailbox(Row row, std::int64_t mailbox) {
 }
 
 RowSet Columns::rowsOfShapes(
-    const ValuePool& pool, const std::function<bool(const ValuePool::Entry& shape)>& holds) const {
-  std::vector<std::uint8_t> wanted(shapeNumbers_.size() + 1);
-  for (std::size_t i = 0; i < shapeNumbers_.size(); ++i) {
-    const ValuePool::Entry* shape = pool.at(shapeNumbers_[i]);
-    wanted[i + 1] = shape != nullptr && holds(*shape) ? 1 : 0;
-  }
-  RowSet rows;
-  rows.fill(end_, [&](Row row) { return wanted[shapes_[row]] != 0; });
+    const RowSet& within, const ValuePool& pool,
+    const std::function<bool(const ValuePool::Entry& shape)>& holds) const {
+  enum class Verdict : std::uint8_t { kUnknown, kHolds, kFails };
+  std::vector<Verdict> verdicts(shapeNumbers_.size() + 1);
+  verdicts[0] = Verdict::kFails;
+  RowSet rows = within;
+  within.forEachDescending([&](Row row) {
+    const std::uint32_t ordinal = row < end_ ? shapes_[row] : 0;
+    Verdict& verdict = verdicts[ordinal];
+    if (verdict == Verdict::kUnknown) {
+      const ValuePool::Entry* shape = pool.at(shapeNumbers_[ordinal - 1]);
+      verdict = shape != nullptr && holds(*shape) ? Verdict::kHolds : Verdict::kFails;
+    }
+    if (verdict == Verdict::kFails) rows.erase(row);
+    return true;
+  });
   return rows;
 }
 

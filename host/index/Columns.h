@@ -62,7 +62,8 @@ class Columns {
   void hide(const std::unordered_set<std::int64_t>& mailboxes);
 
   // Sets of rows. Dead, hidden and irregular ones may be among them.
-  RowSet rowsOfShapes(const ValuePool& pool,
+  /// Of `within`, those whose shape `holds`; it is asked once for each shape among them.
+  RowSet rowsOfShapes(const RowSet& within, const ValuePool& pool,
                       const std::function<bool(const ValuePool::Entry& shape)>& holds) const;
   /// The rows for whose number `holds`; it is asked for the few numbers among which nothing changes
   /// between two of `breaks`. REQUIRES: kindOf(key) is kNumber.

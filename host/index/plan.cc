@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <climits>
 #include <functional>
 #include <optional>
 #include <string_view>
@@ -67,19 +68,19 @@ std::optional<Predicate> predicateOf(const Node& node) {
   return std::nullopt;
 }
 
-// How a predicate is answered.
+// How a predicate is answered, the ways that cost least first.
 enum class Way : std::uint8_t {
   kNothing,     // it is true of no message
   kEverything,  // it is true of every message
-  kID,
-  kShapes,
-  kNumbers,
   kEqualTexts,
-  kTexts,
-  kSubjects,
   kIdentifiers,
+  kTexts,
   kWords,
+  kNumbers,
+  kShapes,
+  kSubjects,
   kAny,
+  kID,
   kScan,
 };
 
@@ -186,6 +187,28 @@ std::string_view wayInWords(Way way) {
   return "";
 }
 
+// What it costs to find its messages, in no unit: the ways stand in the order of that.
+int costOf(const Node& node) {
+  const auto costOfAll = [](const std::vector<Node>& nodes, bool isAny) {
+    int cost = isAny ? 0 : INT_MAX;
+    for (const Node& each : nodes) {
+      cost = isAny ? std::max(cost, costOf(each)) : std::min(cost, costOf(each));
+    }
+    return cost;
+  };
+  if (const auto predicate = predicateOf(node)) return static_cast<int>(wayFor(*predicate));
+  if (const auto* negation = std::get_if<query::Not>(&node.predicate)) {
+    return costOf(*negation->operand);
+  }
+  if (const auto* both = std::get_if<query::And>(&node.predicate)) {
+    return costOfAll(both->operands, /*isAny=*/false);
+  }
+  if (const auto* any = std::get_if<query::Or>(&node.predicate)) {
+    return costOfAll(any->operands, /*isAny=*/true);
+  }
+  return 0;
+}
+
 // Every message of which it may be true, and those of them of which it may not.
 struct Found {
   RowSet rows;
@@ -223,21 +246,33 @@ class Planner {
   }
 
  private:
-  Found everything() const { return {present_, {}}; }
-  Found unknown() const { return Found::inDoubt(present_); }
+  Found everything() const { return {*within_, {}}; }
+  Found unknown() const { return Found::inDoubt(*within_); }
 
   Found complement(const Found& found) const {
-    RowSet rows = present_;
+    RowSet rows = *within_;
     rows -= found.certain();
-    return {std::move(rows), found.doubtful};
+    RowSet doubtful = found.doubtful;
+    doubtful &= rows;
+    return {std::move(rows), std::move(doubtful)};
   }
 
+  // What costs least comes first, and what follows is asked about the rows that are left.
   Found intersection(const query::And& node) {
+    std::vector<std::pair<int, const Node*>> operands;
+    operands.reserve(node.operands.size());
+    for (const Node& operand : node.operands) operands.emplace_back(costOf(operand), &operand);
+    std::stable_sort(operands.begin(), operands.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    const RowSet* outer = within_;
     Found all = everything();
-    for (const Node& operand : node.operands) {
-      all = intersection(std::move(all), find(operand));
+    for (const auto& [cost, operand] : operands) {
+      const RowSet left = all.rows;
+      within_ = &left;
+      all = intersection(std::move(all), find(*operand));
       if (all.rows.empty()) break;
     }
+    within_ = outer;
     return all;
   }
 
@@ -308,7 +343,7 @@ class Planner {
   // Shapes are many, the texts of one attribute few.
   RowSet byShapes(const Predicate& predicate, AttributeKey key) {
     std::unordered_map<std::string_view, bool> known;
-    return columns_.rowsOfShapes(pool_, [&](const ValuePool::Entry& shape) {
+    return columns_.rowsOfShapes(*within_, pool_, [&](const ValuePool::Entry& shape) {
       const auto found = std::find(shape.keys.begin(), shape.keys.end(), key);
       if (found == shape.keys.end()) return holdsInShape(predicate, Value());
       // The pool keeps what is viewed.
@@ -331,7 +366,7 @@ class Planner {
 
   Found byID(const Predicate& predicate) {
     Found found;
-    present_.forEachDescending([&](Row row) {
+    within_->forEachDescending([&](Row row) {
       if (holds(predicate, Value(std::to_string(row)))) found.rows.insert(row);
       return true;
     });
@@ -484,7 +519,7 @@ class Planner {
   }
 
   Found byAny(const Predicate& predicate) {
-    RowSet rows = columns_.rowsOfShapes(pool_, [&](const ValuePool::Entry& shape) {
+    RowSet rows = columns_.rowsOfShapes(*within_, pool_, [&](const ValuePool::Entry& shape) {
       const Dictionary attributes = shape.value.asDictionary().value_or(Dictionary());
       return std::any_of(attributes.begin(), attributes.end(), [&](const Dictionary::Entry& entry) {
         return query::isInAnyAttribute(entry.key) && holdsInShape(predicate, entry.value);
@@ -509,6 +544,8 @@ class Planner {
   Connection& reader_;
   int failure_ = SQLITE_OK;
   const RowSet present_;
+  /// The rows that are asked about; of others, what is found does not count.
+  const RowSet* within_ = &present_;
   query::FoldedText scratch_;
 };
 
