@@ -191,20 +191,24 @@ void setPeople(const Fields& fields, AttributeSet& out, AttributeSet& queryOnly)
   if (!everyone.empty()) out.set(Key::kEmailAddresses, Value(Array(std::move(everyone))));
 }
 
+constexpr bool isPlainInUrl(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+         c == '.' || c == '_' || c == '~';
+}
+
 std::string percentEncoded(std::string_view text) {
   constexpr std::string_view kHex = "0123456789ABCDEF";
   std::string out;
-  for (const char c : text) {
-    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                       c == '-' || c == '.' || c == '_' || c == '~';
-    if (plain) {
-      out.push_back(c);
-    } else {
-      const auto byte = static_cast<unsigned char>(c);
-      out.push_back('%');
-      out.push_back(kHex[byte >> 4]);
-      out.push_back(kHex[byte & 0xF]);
-    }
+  out.reserve(text.size() + 8);
+  while (!text.empty()) {
+    const auto* end = std::find_if_not(text.begin(), text.end(), isPlainInUrl);
+    const auto plain = static_cast<std::size_t>(end - text.begin());
+    out += text.substr(0, plain);
+    text.remove_prefix(plain);
+    if (text.empty()) break;
+    const auto byte = static_cast<unsigned char>(text.front());
+    out += {'%', kHex[byte >> 4], kHex[byte & 0xF]};
+    text.remove_prefix(1);
   }
   return out;
 }
