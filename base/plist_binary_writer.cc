@@ -1,19 +1,23 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Writes the binary encoding in two passes: the first gives every object a number, breadth first,
-// and collects the references of the containers in the order in which they will be written; the
-// second writes. Equal scalars and texts get one number, a shared container is written once. Rows
-// of one table usually have nearly the same keys and often the same values as the row before, so
-// that row is looked at before the tables; and the values that many rows were lent by one
-// dictionary are looked up once.
+// Writes the binary encoding in one pass over the values. Every object gets a number when it is
+// first met: a scalar is written at once, and looked up by the bytes that it takes, so that equal
+// ones are written once; a container waits for its turn, when its elements get their numbers. The
+// containers come last, as only then is it known how many bytes a number takes.
+#include <algorithm>
+#include <array>
 #include <bit>
 #include <cmath>
 #include <cstring>
+#include <deque>
+#include <memory>
 #include <span>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include "base/DictionarySource.h"
 #include "base/plist.h"
 #include "base/value_nodes.h"
 
@@ -22,7 +26,6 @@ namespace {
 
 using value_internal::Access;
 using value_internal::entriesOf;
-using value_internal::Loan;
 using value_internal::Node;
 using value_internal::valuesOf;
 
@@ -30,65 +33,30 @@ using Entry = Dictionary::Entry;
 using Kind = Value::Kind;
 using Byte = unsigned char;
 
-/// An object to be written. The bits are those of the number, or the address of the node.
-struct Object {
-  Kind kind;
-  std::uint64_t bits;
+constexpr std::uint64_t kGolden = 0x9E3779B97F4A7C15;
 
-  Node* node() const { return std::bit_cast<Node*>(bits); }
-  std::size_t size() const { return node() == nullptr ? 0 : node()->size; }
-  /// False for a node that only one place refers to, and which therefore does not come again.
-  bool mayComeAgain() const {
-    return kind < Kind::kData || node() == nullptr || node()->place == value_internal::kForever ||
-           node()->references.load(std::memory_order_relaxed) > 1;
-  }
-  friend bool operator==(const Object&, const Object&) = default;
-};
-
-Object objectOf(const Value& value) {
-  if (value.kind() < Kind::kData) return {value.kind(), Access::bits(value)};
-  return {value.kind(), std::bit_cast<std::uint64_t>(Access::node(value))};
-}
-
-Object objectOf(const Text& text) {
-  return {Kind::kText, std::bit_cast<std::uint64_t>(Access::node(text))};
-}
-
-std::string_view bytesOf(const Object& object) {
-  if (object.node() == nullptr) return {};
-  return {value_internal::bytesOf(object.node()), object.size()};
-}
-
-/// Most of the time would go into waiting for nodes that are not in the cache: they are asked for
-/// a few objects ahead.
-void expect(const Object& object) {
-  if (object.kind >= Kind::kData) __builtin_prefetch(object.node());
-}
-
-constexpr std::size_t kAhead = 6;
-
+/// Both halves of the product of two numbers, folded together.
 std::uint64_t mix(std::uint64_t a, std::uint64_t b) {
-  std::uint64_t product = (a ^ (b >> 32 | b << 32)) * 0x9E3779B97F4A7C15;
-  product ^= product >> 32;
-  product *= 0xD6E8FEB86659FD93;
-  return product ^ product >> 29;
+  __extension__ using Wide = unsigned __int128;
+  const Wide product = Wide{a} * b;
+  return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64);
 }
 
 constexpr std::uint32_t kNoNumber = UINT32_MAX;
 
-/// The numbers of objects by kind and bits, with open addressing.
-class IdentityTable {
+/// Numbers by the address of a node, with open addressing.
+class AddressTable {
  public:
-  explicit IdentityTable(std::uint64_t seed, std::size_t slots = 1024)
-      : seed_(seed), slots_(slots) {}
+  /// REQUIRES: a power of two.
+  explicit AddressTable(std::size_t slots) : slots_(slots) {}
 
-  /// The place of an object's number: kNoNumber when it is new, and for the caller to fill then.
-  std::uint32_t& at(const Object& object) {
+  /// The place of its number: kNoNumber when it is new, and for the caller to fill then, before
+  /// another is asked for.
+  std::uint32_t& at(const Node* node) {
     if ((used_ + 1) * 2 > slots_.size()) grow();
-    Slot& slot = slots_[indexOf(object.kind, object.bits)];
+    Slot& slot = slots_[indexOf(node)];
     if (slot.number == kNoNumber) {
-      slot.bits = object.bits;
-      slot.kind = object.kind;
+      slot.node = node;
       ++used_;
     }
     return slot.number;
@@ -96,17 +64,14 @@ class IdentityTable {
 
  private:
   struct Slot {
-    std::uint64_t bits = 0;
+    const Node* node = nullptr;
     std::uint32_t number = kNoNumber;
-    Kind kind = Kind::kNull;
   };
 
-  std::size_t indexOf(Kind kind, std::uint64_t bits) const {
+  std::size_t indexOf(const Node* node) const {
     const std::size_t mask = slots_.size() - 1;
-    std::size_t i = mix(bits + static_cast<std::uint64_t>(kind), seed_) & mask;
-    while (slots_[i].number != kNoNumber && (slots_[i].bits != bits || slots_[i].kind != kind)) {
-      i = (i + 1) & mask;
-    }
+    std::size_t i = (reinterpret_cast<std::uintptr_t>(node) * kGolden >> 32) & mask;
+    while (slots_[i].number != kNoNumber && slots_[i].node != node) i = (i + 1) & mask;
     return i;
   }
 
@@ -114,32 +79,74 @@ class IdentityTable {
     std::vector<Slot> old(slots_.size() * 2);
     old.swap(slots_);
     for (const Slot& slot : old) {
-      if (slot.number != kNoNumber) slots_[indexOf(slot.kind, slot.bits)] = slot;
+      if (slot.number != kNoNumber) slots_[indexOf(slot.node)] = slot;
     }
   }
 
-  std::uint64_t seed_;
   std::vector<Slot> slots_;
   std::size_t used_ = 0;
 };
 
-/// The numbers of texts and data by their bytes, with open addressing.
+/// The bytes written so far.
+class Output {
+ public:
+  std::size_t size() const { return size_; }
+  const char* data() const { return bytes_.get(); }
+  /// Where the next bytes go; up to `count` may be written there, and then taken by growTo().
+  char* room(std::size_t count) {
+    if (capacity_ - size_ < count) reserve(2 * capacity_ + count);
+    return bytes_.get() + size_;
+  }
+  void growTo(const char* end) { size_ = static_cast<std::size_t>(end - bytes_.get()); }
+  void put(unsigned byte) {
+    char* place = room(1);
+    *place = static_cast<char>(byte);
+    growTo(place + 1);
+  }
+  void put(std::string_view bytes) {
+    char* place = room(bytes.size());
+    growTo(std::copy(bytes.begin(), bytes.end(), place));
+  }
+  /// Takes the last bytes away.
+  void shrinkTo(std::size_t size) { size_ = size; }
+
+ private:
+  void reserve(std::size_t capacity) {
+    std::unique_ptr<char[]> bytes(new char[capacity]);
+    std::copy_n(bytes_.get(), size_, bytes.get());
+    bytes_ = std::move(bytes);
+    capacity_ = capacity;
+  }
+
+  static constexpr std::size_t kFirst = 4096;
+
+  std::unique_ptr<char[]> bytes_{new char[kFirst]};
+  std::size_t capacity_ = kFirst;
+  std::size_t size_ = 0;
+};
+
+/// Numbers of scalars by the bytes that they take, with open addressing.
 class ContentTable {
  public:
-  ContentTable(std::uint64_t seed, const std::vector<Object>& objects)
-      : seed_(seed), objects_(objects), slots_(1024) {}
+  ContentTable(std::uint64_t seed, const Output& out, const std::vector<std::uint64_t>& offsets)
+      : seed_(seed), out_(out), offsets_(offsets), slots_(1024) {}
 
-  /// As IdentityTable::at.
-  std::uint32_t& at(const Object& object) {
+  /// The place of the number of the one that stands at `begin` of what was written, up to its end;
+  /// as AddressTable::at.
+  std::uint32_t& at(std::size_t begin) {
     if ((used_ + 1) * 2 > slots_.size()) grow();
-    const std::string_view bytes = bytesOf(object);
+    const std::string_view bytes(out_.data() + begin, out_.size() - begin);
     const std::uint32_t hash = hashOf(bytes);
     const std::size_t mask = slots_.size() - 1;
     std::size_t i = hash & mask;
     for (; slots_[i].number != kNoNumber; i = (i + 1) & mask) {
       if (slots_[i].hash != hash) continue;
-      const Object& other = objects_[slots_[i].number];
-      if (other.kind == object.kind && bytesOf(other) == bytes) return slots_[i].number;
+      // No scalar's bytes begin with all those of another.
+      const std::uint64_t other = offsets_[slots_[i].number];
+      if (begin - other >= bytes.size() &&
+          std::memcmp(out_.data() + other, bytes.data(), bytes.size()) == 0) {
+        return slots_[i].number;
+      }
     }
     slots_[i].hash = hash;
     ++used_;
@@ -152,16 +159,42 @@ class ContentTable {
     std::uint32_t number = kNoNumber;
   };
 
+  template <typename Word>
+  static std::uint64_t wordAt(const char* bytes) {
+    Word word = 0;
+    std::memcpy(&word, bytes, sizeof word);
+    return word;
+  }
+
+  /// REQUIRES: there is a byte at least.
   std::uint32_t hashOf(std::string_view bytes) const {
-    std::uint64_t hash = mix(seed_, bytes.size());
-    std::uint64_t word = 0;
-    for (; bytes.size() > 8; bytes.remove_prefix(8)) {
-      std::memcpy(&word, bytes.data(), 8);
-      hash = mix(hash ^ word, seed_);
+    using Long = std::uint64_t;
+    using Short = std::uint32_t;
+    std::uint64_t hash = seed_ ^ bytes.size();
+    const char* at = bytes.data();
+    const char* end = at + bytes.size();
+    for (; end - at > 16; at += 16) {
+      hash = mix(wordAt<Long>(at) ^ hash, wordAt<Long>(at + 8) ^ seed_);
     }
-    word = 0;
-    if (!bytes.empty()) std::memcpy(&word, bytes.data(), bytes.size());
-    return static_cast<std::uint32_t>(mix(hash ^ word, seed_));
+    // The last ones, some of them twice.
+    std::uint64_t first = 0;
+    std::uint64_t last = 0;
+    if (bytes.size() >= 16) {
+      first = wordAt<Long>(end - 16);
+      last = wordAt<Long>(end - 8);
+    } else if (bytes.size() >= 8) {
+      first = wordAt<Long>(at);
+      last = wordAt<Long>(end - 8);
+    } else if (bytes.size() >= 4) {
+      first = wordAt<Short>(at);
+      last = wordAt<Short>(end - 4);
+    } else {
+      first = static_cast<Byte>(*at);
+      last = static_cast<std::uint64_t>(static_cast<Byte>(at[bytes.size() / 2])) << 8 |
+             static_cast<Byte>(end[-1]);
+    }
+    hash = mix(first ^ hash, last ^ seed_);
+    return static_cast<std::uint32_t>(mix(hash, kGolden));
   }
 
   void grow() {
@@ -177,7 +210,8 @@ class ContentTable {
   }
 
   std::uint64_t seed_;
-  const std::vector<Object>& objects_;
+  const Output& out_;
+  const std::vector<std::uint64_t>& offsets_;
   std::vector<Slot> slots_;
   std::size_t used_ = 0;
 };
@@ -188,32 +222,36 @@ std::size_t widthFor(std::uint64_t largest) {
   return largest <= UINT32_MAX ? 4 : 8;
 }
 
-void putBig(std::string& out, std::uint64_t number, std::size_t width) {
-  char bytes[8];
-  for (std::size_t i = 0; i < width; ++i) {
-    bytes[i] = static_cast<char>(number >> (8 * (width - 1 - i)) & 0xFF);
-  }
-  out.append(bytes, width);
+static_assert(std::endian::native == std::endian::little, "numbers are turned into big-endian");
+
+/// Returns the place after it. Writes eight bytes, of which `width` count.
+inline char* storeBig(char* place, std::uint64_t number, std::size_t width) {
+  const std::uint64_t big = __builtin_bswap64(number << (64 - 8 * width));
+  std::memcpy(place, &big, sizeof big);
+  return place + width;
+}
+
+void putBig(Output& out, std::uint64_t number, std::size_t width) {
+  out.growTo(storeBig(out.room(sizeof number), number, width));
 }
 
 template <std::size_t kWidth, typename Number>
-void storeBig(char* out, std::span<const Number> numbers) {
+void storeAllBig(char* out, std::span<const Number> numbers) {
   for (const Number number : numbers) {
-    for (std::size_t i = 0; i < kWidth; ++i) {
-      *out++ = static_cast<char>(number >> (8 * (kWidth - 1 - i)) & 0xFF);
-    }
+    const std::uint64_t big = __builtin_bswap64(std::uint64_t{number} << (64 - 8 * kWidth));
+    std::memcpy(out, &big, kWidth);
+    out += kWidth;
   }
 }
 
 template <typename Number>
-void putAllBig(std::string& out, std::span<const Number> numbers, std::size_t width) {
-  const std::size_t start = out.size();
-  out.resize(start + numbers.size() * width);
-  char* place = out.data() + start;
-  if (width == 1) return storeBig<1>(place, numbers);
-  if (width == 2) return storeBig<2>(place, numbers);
-  if (width == 4 || sizeof(Number) == 4) return storeBig<4>(place, numbers);
-  storeBig<sizeof(Number)>(place, numbers);
+void putAllBig(Output& out, std::span<const Number> numbers, std::size_t width) {
+  char* place = out.room(numbers.size() * width);
+  out.growTo(place + numbers.size() * width);
+  if (width == 1) return storeAllBig<1>(place, numbers);
+  if (width == 2) return storeAllBig<2>(place, numbers);
+  if (width == 4 || sizeof(Number) == 4) return storeAllBig<4>(place, numbers);
+  storeAllBig<sizeof(Number)>(place, numbers);
 }
 
 constexpr std::uint32_t kReplacement = 0xFFFD;
@@ -259,31 +297,120 @@ class CodePoints {
   std::size_t next_ = 0;
 };
 
-bool isAscii(std::string_view text) {
-  std::size_t i = 0;
-  for (; i + 8 <= text.size(); i += 8) {
+/// Copies `text`; whether it is ASCII.
+inline bool copyAscii(char* to, std::string_view text) {
+  std::uint64_t all = 0;
+  const char* from = text.data();
+  const char* end = from + text.size();
+  for (; end - from >= 8; from += 8, to += 8) {
     std::uint64_t word = 0;
-    std::memcpy(&word, text.data() + i, 8);
-    if ((word & 0x8080808080808080) != 0) return false;
+    std::memcpy(&word, from, sizeof word);
+    std::memcpy(to, &word, sizeof word);
+    all |= word;
   }
-  for (; i < text.size(); ++i) {
-    if (static_cast<Byte>(text[i]) >= 0x80) return false;
+  for (; from != end; ++from, ++to) {
+    *to = *from;
+    all |= static_cast<Byte>(*from);
   }
-  return true;
+  return (all & 0x8080808080808080) == 0;
 }
 
-/// Whether the dictionary has the value of entry `i` from its lender.
-bool isLent(const Object& dictionary, const Loan& loan, std::size_t i, const Object& value) {
-  if (!loan.lent[i]) return false;
-  const bool isOwn = value.kind >= Kind::kData && value.node() != nullptr &&
-                     value_internal::counterOf(value.node()) == dictionary.node();
-  return !isOwn;
+constexpr std::size_t kLongestCount = 10;  // what storeCount() may write
+constexpr std::size_t kTrailerSize = 32;
+
+/// Returns the place after it.
+inline char* storeCount(char* place, unsigned type, std::size_t count) {
+  *place++ = static_cast<char>(type | std::min(count, std::size_t{0x0F}));
+  if (count < 0x0F) return place;
+  const std::size_t width = widthFor(count);
+  *place++ = static_cast<char>(0x10 + std::countr_zero(width));
+  return storeBig(place, count, width);
 }
 
-class BinaryWriter {
+void putCount(Output& out, unsigned type, std::size_t count) {
+  out.growTo(storeCount(out.room(kLongestCount), type, count));
+}
+
+void putEight(Output& out, unsigned type, std::uint64_t bits) {
+  char* place = out.room(1 + sizeof bits);
+  *place = static_cast<char>(type);
+  out.growTo(storeBig(place + 1, bits, sizeof bits));
+}
+
+/// Up to four bytes are read as unsigned, eight as signed, so a number above the largest signed one
+/// takes sixteen.
+void putInteger(Output& out, Kind kind, std::uint64_t bits) {
+  if (kind == Kind::kUnsigned) {
+    putEight(out, 0x14, 0);
+    return putBig(out, bits, sizeof bits);
+  }
+  const std::size_t width = widthFor(bits);  // a negative number has its highest bit set
+  out.put(0x10 + static_cast<unsigned>(std::countr_zero(width)));
+  putBig(out, bits, width);
+}
+
+void putText(Output& out, std::string_view text) {
+  char* place = storeCount(out.room(kLongestCount + text.size()), 0x50, text.size());
+  if (copyAscii(place, text)) return out.growTo(place + text.size());
+  std::size_t units = 0;
+  for (CodePoints points(text); !points.atEnd();) units += points.take() >= 0x10000 ? 2 : 1;
+  putCount(out, 0x60, units);
+  for (CodePoints points(text); !points.atEnd();) {
+    const std::uint32_t point = points.take();
+    if (point < 0x10000) {
+      putBig(out, point, 2);
+    } else {
+      putBig(out, 0xD800 + ((point - 0x10000) >> 10), 2);
+      putBig(out, 0xDC00 + (point & 0x3FF), 2);
+    }
+  }
+}
+
+/// REQUIRES: it is no array and no dictionary, or one without elements.
+void putScalar(Output& out, const Value& value) {
+  const std::uint64_t bits = Access::bits(value);
+  switch (value.kind()) {
+    case Kind::kNull:  // refused before
+      break;
+    case Kind::kBoolean:
+      out.put(bits != 0 ? 0x09 : 0x08);
+      break;
+    case Kind::kInteger:
+    case Kind::kUnsigned:
+      putInteger(out, value.kind(), bits);
+      break;
+    case Kind::kReal:
+      putEight(out, 0x23, bits);
+      break;
+    case Kind::kDate:
+      putEight(out, 0x33, bits);
+      break;
+    case Kind::kData:
+      putCount(out, 0x40, value.asData()->size());
+      out.put(*value.asData());
+      break;
+    case Kind::kText:
+      putText(out, *value.asText());
+      break;
+    case Kind::kArray:
+      out.put(0xA0);
+      break;
+    case Kind::kDictionary:
+      out.put(0xD0);
+      break;
+  }
+}
+
+bool isWritable(const Value& value) {
+  if (value.kind() == Kind::kDate) return std::isfinite(value.asDate()->secondsSinceReference);
+  return !value.isNull();
+}
+
+class BinaryWriter final : private EntrySink {
  public:
-  explicit BinaryWriter(Error* error)
-      : error_(error), identities_(seedOf(this)), contents_(seedOf(this), objects_) {}
+  explicit BinaryWriter(Error* error) : error_(error), contents_(seedOf(this), out_, offsets_) {
+    out_.put("bplist00");
+  }
   BinaryWriter(const BinaryWriter&) = delete;
   BinaryWriter& operator=(const BinaryWriter&) = delete;
 
@@ -292,30 +419,39 @@ class BinaryWriter {
       refuse(root, "as the root");
       return std::nullopt;
     }
-    numberOf(objectOf(root));
-    for (std::size_t i = 0; i < objects_.size(); ++i) {
-      const Object object = objects_[i];
-      if (i + kAhead < objects_.size()) expect(objects_[i + kAhead]);
-      if (object.kind == Kind::kArray && !numberValues(object)) return std::nullopt;
-      if (object.kind == Kind::kDictionary && !numberEntries(object)) return std::nullopt;
-    }
-    writeAll();
-    return std::move(out_);
+    numberOf(root);
+    for (std::size_t i = 0; i < containers_.size() && !isRefused_; ++i) numberElements(i);
+    if (isRefused_) return std::nullopt;
+    writeContainers();
+    writeTable();
+    return std::string(out_.data(), out_.size());
   }
 
  private:
-  /// A dictionary whose members have their numbers.
-  struct Row {
-    const Entry* entries = nullptr;
-    std::size_t size = 0;
-    std::size_t firstReference = 0;
+  struct Container {
+    Node* node;  // null when its elements have their numbers
+    std::uint32_t number;
+    bool isArray;
+    std::size_t firstReference;
+    std::size_t references;  // those of a dictionary's keys first
   };
 
-  /// A dictionary that lends its values to others, and the numbers of those that were met.
-  struct Lender {
-    const Node* node;
-    const Entry* entries;
-    std::vector<std::uint32_t> numbers;
+  /// Elements of the container whose turn it is, from a place of the row on.
+  struct Begun {
+    std::size_t place;
+    bool isArray;
+  };
+
+  /// The numbers of a layout's keys and values; of open ones none.
+  struct KnownLayout {
+    std::vector<std::uint32_t> keys;
+    std::vector<std::uint32_t> values;
+  };
+
+  struct Recent {
+    std::uint64_t bits = 0;
+    Kind kind = Kind::kNull;
+    std::uint32_t number = kNoNumber;
   };
 
   /// Differs from run to run, so that nobody outside can choose texts or numbers of one hash.
@@ -323,241 +459,261 @@ class BinaryWriter {
     return mix(reinterpret_cast<std::uintptr_t>(writer), 0x2545F4914F6CDD1D);
   }
 
-  static bool isWritable(const Value& value) {
-    if (value.kind() == Kind::kDate) return std::isfinite(value.asDate()->secondsSinceReference);
-    return !value.isNull();
-  }
-
-  bool refuse(const Value& value, const std::string& where) {
+  void refuse(const Value& value, const std::string& where) {
+    if (std::exchange(isRefused_, true)) return;
     const std::string what =
         value.isNull() ? "A null value stands " : "A date that is no time stands ";
-    return fail(error_, Error{std::string(kPropertyListErrorDomain),
-                              static_cast<std::int64_t>(PropertyListError::kNotWritable),
-                              what + where + "; property lists have no form for it", nullptr});
+    fail(error_, Error{std::string(kPropertyListErrorDomain),
+                       static_cast<std::int64_t>(PropertyListError::kNotWritable),
+                       what + where + "; property lists have no form for it", nullptr});
   }
 
-  std::uint32_t append(const Object& object) {
-    objects_.push_back(object);
-    return static_cast<std::uint32_t>(objects_.size() - 1);
+  static Node* nodeOf(const Value& value) {
+    return value.kind() < Kind::kData ? nullptr : Access::node(value);
   }
 
-  std::uint32_t numberOf(const Object& object) {
-    if (!object.mayComeAgain()) return newNumber(object);
-    std::uint32_t& number = identities_.at(object);
-    if (number == kNoNumber) number = newNumber(object);
+  std::uint32_t nextNumber(std::uint64_t offset) {
+    offsets_.push_back(offset);
+    return static_cast<std::uint32_t>(offsets_.size() - 1);
+  }
+
+  /// Of the scalar whose bytes stand at the end from `begin` on, and are taken away when they stand
+  /// there already.
+  std::uint32_t numberOfScalar(std::size_t begin) {
+    std::uint32_t& number = contents_.at(begin);
+    if (number == kNoNumber) {
+      number = nextNumber(begin);
+    } else {
+      out_.shrinkTo(begin);
+    }
     return number;
   }
 
-  /// The number of an object whose identity is new. Texts and data are looked up by their bytes.
-  std::uint32_t newNumber(const Object& object) {
-    if (object.kind != Kind::kText && object.kind != Kind::kData) return append(object);
-    std::uint32_t& number = contents_.at(object);
-    if (number == kNoNumber) number = append(object);
+  std::uint32_t newNumber(const Value& value, Node* node) {
+    if (node != nullptr && value.kind() >= Kind::kArray) {
+      const std::uint32_t number = nextNumber(0);
+      containers_.push_back({node, number, value.kind() == Kind::kArray, 0, 0});
+      return number;
+    }
+    const std::size_t begin = out_.size();
+    putScalar(out_, value);
+    return numberOfScalar(begin);
+  }
+
+  /// Of a value that is no object. Dates and numbers often come again at once.
+  std::uint32_t numberOfPlain(const Value& value) {
+    const std::uint64_t bits = Access::bits(value);
+    Recent& recent = recent_[(bits + static_cast<std::uint64_t>(value.kind())) * kGolden >> 58];
+    if (recent.number == kNoNumber || recent.kind != value.kind() || recent.bits != bits) {
+      recent = {bits, value.kind(), newNumber(value, nullptr)};
+    }
+    return recent.number;
+  }
+
+  /// Of a value that lives until all is written.
+  std::uint32_t numberOf(const Value& value) {
+    Node* node = nodeOf(value);
+    if (node == nullptr) return numberOfPlain(value);
+    std::uint32_t& number = numbers_.at(node);
+    if (number == kNoNumber) number = newNumber(value, node);
     return number;
   }
 
-  bool numberValues(const Object& array);
-  bool numberEntries(const Object& dictionary);
-  Lender* lenderOf(const Loan* loan);
-  void writeAll();
-  void writeObject(const Object& object);
-  void writeInteger(const Object& object);
-  void writeCount(unsigned type, std::size_t count);
-  void writeText(std::string_view text);
-  void writeReferences(std::size_t count);
+  /// The same for an element of the container that is looked at: when it is all that holds the
+  /// element's node, that does not come again.
+  std::uint32_t numberOfElement(const Value& value) {
+    Node* node = nodeOf(value);
+    const bool isSole = node != nullptr && !node->isForever &&
+                        node->references.load(std::memory_order_relaxed) == 1;
+    return isSole ? newNumber(value, node) : numberOf(value);
+  }
+
+  std::uint32_t numberOfText(std::string_view bytes) {
+    const std::size_t begin = out_.size();
+    putText(out_, bytes);
+    return numberOfScalar(begin);
+  }
+
+  std::uint32_t numberOfKey(const Text& key) {
+    const Node* node = Access::node(key);
+    if (node == nullptr || !node->isForever) return numberOfText(key);
+    std::uint32_t& number = names_.at(node);
+    if (number == kNoNumber) number = numberOfText(key);
+    return number;
+  }
+
+  Handle push(std::uint32_t number) {
+    row_.push_back(number);
+    return number;
+  }
+
+  void numberElements(std::size_t place);
+  void takeRow(Container& container, std::size_t from);
+  void takeEntries(Container& container);
+  bool isAccepted(const Text& key, const Value& value);
+  const KnownLayout& known(const EntryLayout& layout);
+  void writeContainers();
+  void writeTable();
+
+  void begin(const EntryLayout& layout) override { layout_ = &known(layout); }
+  Handle add(Value value) override;
+  Handle addText(std::string_view bytes) override { return push(numberOfText(bytes)); }
+  Handle addLent(const Value& value) override;
+  void addAgain(Handle value) override { push(value); }
+  void beginArray() override { begun_.push_back({row_.size(), true}); }
+  void beginDictionary() override { begun_.push_back({row_.size(), false}); }
+  Handle end() override;
 
   Error* error_;
-  std::vector<Object> objects_;
+  bool isRefused_ = false;
+  Output out_;
+  std::vector<std::uint64_t> offsets_;  // by number
+  std::vector<Container> containers_;   // in the order in which they were met
   std::vector<std::uint32_t> references_;
-  IdentityTable identities_;
+  AddressTable numbers_{4096};
+  AddressTable names_{256};  // of keys that are never freed
   ContentTable contents_;
-  Row lastRow_;
-  std::vector<Lender> lenders_;
-  IdentityTable lenderPlaces_{0, 64};
-  std::size_t lastLender_ = 0;
-  std::string out_;
-  std::size_t referenceSize_ = 0;
-  std::size_t nextReference_ = 0;
+  std::array<Recent, 64> recent_;
+  std::vector<std::uint32_t> row_;  // of elements: their numbers
+  std::vector<Begun> begun_;
+  std::vector<Value> kept_;              // their addresses must not become those of others
+  const KnownLayout* layout_ = nullptr;  // of the dictionary whose turn it is
+  std::deque<KnownLayout> layouts_;
+  std::unordered_map<const EntryLayout*, const KnownLayout*> layoutsByAddress_;
 };
 
-bool BinaryWriter::numberValues(const Object& array) {
-  for (std::size_t i = 0; i < array.size(); ++i) {
-    const Value& value = valuesOf(array.node())[i];
-    if (!isWritable(value)) return refuse(value, "at index " + std::to_string(i) + " of an array");
-    references_.push_back(numberOf(objectOf(value)));
+void BinaryWriter::numberElements(std::size_t place) {
+  Node* node = containers_[place].node;
+  if (node == nullptr) return;
+  row_.clear();
+  if (const DictionarySource* source = value_internal::unusedSource(node)) {
+    layout_ = nullptr;
+    source->give(*this);
+    return takeEntries(containers_[place]);
   }
-  return true;
-}
-
-/// Null for a dictionary without one.
-BinaryWriter::Lender* BinaryWriter::lenderOf(const Loan* loan) {
-  if (loan == nullptr || loan->lender == nullptr) return nullptr;
-  if (lastLender_ < lenders_.size() && lenders_[lastLender_].node == loan->lender) {
-    return &lenders_[lastLender_];
-  }
-  std::uint32_t& place =
-      lenderPlaces_.at({Kind::kDictionary, std::bit_cast<std::uint64_t>(loan->lender)});
-  if (place == kNoNumber) {
-    place = static_cast<std::uint32_t>(lenders_.size());
-    lenders_.push_back({loan->lender, entriesOf(loan->lender),
-                        std::vector<std::uint32_t>(loan->lender->size, kNoNumber)});
-  }
-  lastLender_ = place;
-  return &lenders_[place];
-}
-
-bool BinaryWriter::numberEntries(const Object& dictionary) {
-  const Row row{dictionary.size() == 0 ? nullptr : entriesOf(dictionary.node()), dictionary.size(),
-                references_.size()};
-  references_.resize(references_.size() + 2 * row.size);
-  std::uint32_t* keys = references_.data() + row.firstReference;
-  std::uint32_t* values = keys + row.size;
-  const std::uint32_t* lastKeys = references_.data() + lastRow_.firstReference;
-  const std::uint32_t* lastValues = lastKeys + lastRow_.size;
-  std::size_t last = 0;  // entry of the last row
-  std::size_t lent = 0;  // entry of the lender
-  const Loan* loan = row.size == 0 ? nullptr : value_internal::loanOf(dictionary.node());
-  Lender* lender = lenderOf(loan);
-  for (std::size_t i = 0; i < row.size; ++i) {
-    const Entry& entry = row.entries[i];
-    if (i + kAhead < row.size) expect(objectOf(row.entries[i + kAhead].value));
-    if (!isWritable(entry.value)) {
-      return refuse(entry.value, "under the key \"" + entry.key.str() + "\"");
+  if (containers_[place].isArray) {
+    for (std::size_t i = 0; i < node->size; ++i) {
+      const Value& value = valuesOf(node)[i];
+      if (!isWritable(value))
+        return refuse(value, "at index " + std::to_string(i) + " of an array");
+      push(numberOfElement(value));
     }
-    const Object key = objectOf(entry.key);
-    const Object value = objectOf(entry.value);
-    const auto lastHasKey = [&](std::size_t place) {
-      return place < lastRow_.size && objectOf(lastRow_.entries[place].key) == key;
-    };
-    // One of the two rows may lack a key that the other has.
-    const bool isInLast = lastHasKey(last) || (lastHasKey(last + 1) && ++last != 0);
-    keys[i] = isInLast ? lastKeys[last] : numberOf(key);
-    if (lender != nullptr && isLent(dictionary, *loan, i, value)) {
-      // Entries that were left out are passed over: both are in the order of the keys.
-      while (objectOf(lender->entries[lent].key) != key) ++lent;
-      std::uint32_t& number = lender->numbers[lent++];
-      if (number == kNoNumber) number = numberOf(value);
-      values[i] = number;
-    } else if (isInLast && objectOf(lastRow_.entries[last].value) == value) {
-      values[i] = lastValues[last];
+  } else {
+    node = elementsNode(node);
+    for (std::size_t i = 0; i < node->size; ++i) {
+      const Entry& entry = entriesOf(node)[i];
+      if (!isAccepted(entry.key, entry.value)) return;
+      push(numberOfKey(entry.key));
+      push(numberOfElement(entry.value));
+    }
+  }
+  takeRow(containers_[place], 0);
+}
+
+/// Makes the row from a place on the elements of a container.
+void BinaryWriter::takeRow(Container& container, std::size_t from) {
+  container.firstReference = references_.size();
+  const std::uint32_t* row = row_.data() + from;
+  const std::size_t size = row_.size() - from;
+  if (container.isArray) {
+    references_.insert(references_.end(), row, row + size);
+  } else {
+    const std::size_t entries = size / 2;
+    references_.resize(references_.size() + 2 * entries);
+    std::uint32_t* keys = references_.data() + container.firstReference;
+    for (std::size_t i = 0; i < entries; ++i) {
+      keys[i] = row[2 * i];
+      keys[entries + i] = row[2 * i + 1];
+    }
+  }
+  container.references = references_.size() - container.firstReference;
+  row_.resize(from);
+}
+
+/// Makes the layout, with the row in its open places, the entries of a dictionary.
+void BinaryWriter::takeEntries(Container& container) {
+  container.firstReference = references_.size();
+  if (layout_ == nullptr) return;
+  references_.insert(references_.end(), layout_->keys.begin(), layout_->keys.end());
+  std::size_t open = 0;
+  for (std::uint32_t number : layout_->values) {
+    if (number == kNoNumber) {
+      number = open < row_.size() ? row_[open] : numberOfText({});
+      ++open;
+    }
+    references_.push_back(number);
+  }
+  container.references = references_.size() - container.firstReference;
+}
+
+const BinaryWriter::KnownLayout& BinaryWriter::known(const EntryLayout& layout) {
+  const KnownLayout*& known = layoutsByAddress_[&layout];
+  if (known == nullptr) {
+    KnownLayout& made = layouts_.emplace_back();
+    for (std::size_t i = 0; i < layout.keys.size(); ++i) {
+      const Value& value = layout.values[i];
+      const bool isOpen = value.isNull();
+      made.keys.push_back(numberOfKey(layout.keys[i]));
+      made.values.push_back(!isOpen && isAccepted(layout.keys[i], value) ? numberOf(value)
+                                                                         : kNoNumber);
+    }
+    known = &made;
+  }
+  return *known;
+}
+
+bool BinaryWriter::isAccepted(const Text& key, const Value& value) {
+  if (isWritable(value)) return true;
+  refuse(value, "under the key \"" + key.str() + "\"");
+  return false;
+}
+
+EntrySink::Handle BinaryWriter::add(Value value) {
+  if (nodeOf(value) == nullptr) return addLent(value);
+  kept_.push_back(std::move(value));
+  return addLent(kept_.back());
+}
+
+EntrySink::Handle BinaryWriter::addLent(const Value& value) {
+  if (isWritable(value)) return push(numberOf(value));
+  refuse(value, "in a dictionary");
+  return push(0);
+}
+
+EntrySink::Handle BinaryWriter::end() {
+  const Begun begun = begun_.back();
+  begun_.pop_back();
+  containers_.push_back({nullptr, nextNumber(0), begun.isArray, 0, 0});
+  takeRow(containers_.back(), begun.place);
+  return push(containers_.back().number);
+}
+
+void BinaryWriter::writeContainers() {
+  const std::size_t width = widthFor(offsets_.size() - 1);
+  out_.room(references_.size() * width + containers_.size() * kLongestCount +
+            offsets_.size() * sizeof(std::uint32_t) + kTrailerSize);
+  const std::span<const std::uint32_t> all = references_;
+  for (const Container& container : containers_) {
+    offsets_[container.number] = out_.size();
+    if (container.isArray) {
+      putCount(out_, 0xA0, container.references);
     } else {
-      values[i] = numberOf(value);
+      putCount(out_, 0xD0, container.references / 2);
     }
-    if (isInLast) ++last;
+    putAllBig(out_, all.subspan(container.firstReference, container.references), width);
   }
-  lastRow_ = row;
-  return true;
 }
 
-void BinaryWriter::writeAll() {
-  referenceSize_ = widthFor(objects_.size() - 1);
-  std::vector<std::uint64_t> offsets;
-  offsets.reserve(objects_.size());
-  out_.reserve(references_.size() * referenceSize_ + objects_.size() * 24 + 64);
-  out_ = "bplist00";
-  for (std::size_t i = 0; i < objects_.size(); ++i) {
-    if (i + kAhead < objects_.size()) expect(objects_[i + kAhead]);
-    offsets.push_back(out_.size());
-    writeObject(objects_[i]);
-  }
+void BinaryWriter::writeTable() {
   const std::uint64_t table = out_.size();
   const std::size_t offsetSize = widthFor(table);
-  putAllBig(out_, std::span<const std::uint64_t>(offsets), offsetSize);
-  out_.append(6, '\0');
-  out_ += static_cast<char>(offsetSize);
-  out_ += static_cast<char>(referenceSize_);
-  putBig(out_, objects_.size(), 8);
+  putAllBig(out_, std::span<const std::uint64_t>(offsets_), offsetSize);
+  putBig(out_, 0, 6);
+  out_.put(static_cast<unsigned>(offsetSize));
+  out_.put(static_cast<unsigned>(widthFor(offsets_.size() - 1)));
+  putBig(out_, offsets_.size(), 8);
   putBig(out_, 0, 8);
   putBig(out_, table, 8);
-}
-
-void BinaryWriter::writeObject(const Object& object) {
-  switch (object.kind) {
-    case Kind::kNull:  // refused before
-      break;
-    case Kind::kBoolean:
-      out_ += object.bits != 0 ? '\x09' : '\x08';
-      break;
-    case Kind::kInteger:
-    case Kind::kUnsigned:
-      writeInteger(object);
-      break;
-    case Kind::kReal:
-      out_ += '\x23';
-      putBig(out_, object.bits, 8);
-      break;
-    case Kind::kDate:
-      out_ += '\x33';
-      putBig(out_, object.bits, 8);
-      break;
-    case Kind::kData:
-      writeCount(0x40, object.size());
-      out_ += bytesOf(object);
-      break;
-    case Kind::kText:
-      writeText(bytesOf(object));
-      break;
-    case Kind::kArray:
-      writeCount(0xA0, object.size());
-      writeReferences(object.size());
-      break;
-    case Kind::kDictionary:
-      writeCount(0xD0, object.size());
-      writeReferences(2 * object.size());
-      break;
-  }
-}
-
-/// Up to four bytes are read as unsigned, eight as signed, so a number above the largest signed one
-/// takes sixteen.
-void BinaryWriter::writeInteger(const Object& object) {
-  if (object.kind == Kind::kUnsigned) {
-    out_ += '\x14';
-    putBig(out_, 0, 8);
-    putBig(out_, object.bits, 8);
-    return;
-  }
-  const std::size_t width = widthFor(object.bits);  // a negative number has its highest bit set
-  out_ += static_cast<char>(0x10 + std::countr_zero(width));
-  putBig(out_, object.bits, width);
-}
-
-void BinaryWriter::writeCount(unsigned type, std::size_t count) {
-  if (count < 0x0F) {
-    out_ += static_cast<char>(type | count);
-    return;
-  }
-  const std::size_t width = widthFor(count);
-  out_ += static_cast<char>(type | 0x0F);
-  out_ += static_cast<char>(0x10 + std::countr_zero(width));
-  putBig(out_, count, width);
-}
-
-void BinaryWriter::writeText(std::string_view text) {
-  if (isAscii(text)) {
-    writeCount(0x50, text.size());
-    out_ += text;
-    return;
-  }
-  std::size_t units = 0;
-  for (CodePoints points(text); !points.atEnd();) units += points.take() >= 0x10000 ? 2 : 1;
-  writeCount(0x60, units);
-  for (CodePoints points(text); !points.atEnd();) {
-    const std::uint32_t point = points.take();
-    if (point < 0x10000) {
-      putBig(out_, point, 2);
-    } else {
-      putBig(out_, 0xD800 + ((point - 0x10000) >> 10), 2);
-      putBig(out_, 0xDC00 + (point & 0x3FF), 2);
-    }
-  }
-}
-
-void BinaryWriter::writeReferences(std::size_t count) {
-  const auto references =
-      std::span<const std::uint32_t>(references_).subspan(nextReference_, count);
-  nextReference_ += count;
-  putAllBig(out_, references, referenceSize_);
 }
 
 }  // namespace

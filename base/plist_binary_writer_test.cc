@@ -34,9 +34,10 @@ Value written(const Value& value) {
 TEST(BinaryWriter, WritesTheseBytes) {
   const Value value = Dictionary{{"a", Array{true, "a", 256}}, {"b", true}};
   EXPECT_EQ(*writeBinaryPropertyList(value),
-            binaryPropertyList({dictionary({1, 3, 2, 4}), ascii("a"), array({4, 1, 5}), ascii("b"),
-                                byte(0x09), byte(0x11) + std::string("\x01\x00", 2)},
-                               {.offsetSize = 1}));
+            binaryPropertyList(
+                {ascii("a"), ascii("b"), byte(0x09), byte(0x11) + std::string("\x01\x00", 2),
+                 dictionary({1, 3, 2, 4}), array({4, 1, 5})},
+                {.offsetSize = 1, .offsets = {{16, 8, 21, 10, 12, 13}}}));
 }
 
 TEST(BinaryWriter, RoundTripsEachScalar) {

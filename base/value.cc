@@ -11,6 +11,7 @@
 #include <limits>
 #include <new>
 
+#include "base/DictionarySource.h"
 #include "base/value_nodes.h"
 
 namespace thmp {
@@ -27,9 +28,8 @@ std::size_t elementSize(Value::Kind kind) {
 }
 
 void freeContainer(ContainerNode* node) {
-  void* allocation = node->hasLoan ? static_cast<void*>(loanOf(node)) : node;
   node->~ContainerNode();
-  ::operator delete(allocation);
+  ::operator delete(node);
 }
 
 void freeBytes(Node* node) {
@@ -40,8 +40,7 @@ void freeBytes(Node* node) {
 /// Drops one reference that a dying container held: bytes are freed at once, a container is put
 /// before `pending`.
 void dropHeld(Node* node, ContainerNode*& pending) {
-  node = counterOf(node);
-  if (node == nullptr || !dropReference(node)) return;
+  if (node == nullptr || node->isForever || !dropReference(node)) return;
   if (!isContainer(node)) return freeBytes(node);
   auto* container = static_cast<ContainerNode*>(node);
   container->nextToFree = pending;
@@ -52,7 +51,84 @@ void dropHeld(const Value& value, ContainerNode*& pending) {
   if (value.kind() >= Value::Kind::kData) dropHeld(Access::node(value), pending);
 }
 
+/// Makes the entries of a dictionary that was looked into.
+class EntryCollector final : public EntrySink {
+ public:
+  void begin(const EntryLayout& layout) override { layout_ = &layout; }
+  Handle add(Value value) override {
+    row_.push_back(value);
+    given_.push_back(std::move(value));
+    return static_cast<Handle>(given_.size() - 1);
+  }
+  Handle addText(std::string_view bytes) override { return add(Value(bytes)); }
+  Handle addLent(const Value& value) override { return add(value); }
+  void addAgain(Handle value) override { row_.push_back(given_[value]); }
+  void beginArray() override { begun_.push_back({row_.size(), true}); }
+  void beginDictionary() override { begun_.push_back({row_.size(), false}); }
+  Handle end() override {
+    const Begun begun = begun_.back();
+    begun_.pop_back();
+    std::vector<Value> elements(row_.begin() + static_cast<std::ptrdiff_t>(begun.place),
+                                row_.end());
+    row_.resize(begun.place);
+    if (begun.isArray) return add(Array(std::move(elements)));
+    std::vector<Dictionary::Entry> entries;
+    for (std::size_t i = 0; i + 1 < elements.size(); i += 2) {
+      if (auto key = elements[i].asSharedText()) entries.push_back({*key, elements[i + 1]});
+    }
+    return add(Dictionary(std::move(entries)));
+  }
+
+  Dictionary take() {
+    if (layout_ == nullptr) return {};
+    std::vector<Dictionary::Entry> entries;
+    entries.reserve(layout_->keys.size());
+    std::size_t open = 0;
+    for (std::size_t i = 0; i < layout_->keys.size(); ++i) {
+      const Value& value = layout_->values[i];
+      if (!value.isNull()) {
+        entries.push_back({layout_->keys[i], value});
+      } else {
+        entries.push_back({layout_->keys[i], open < row_.size() ? row_[open] : Value("")});
+        ++open;
+      }
+    }
+    return Dictionary(std::move(entries));
+  }
+
+ private:
+  struct Begun {
+    std::size_t place;
+    bool isArray;
+  };
+
+  const EntryLayout* layout_ = nullptr;
+  std::vector<Value> row_;
+  std::vector<Value> given_;
+  std::vector<Begun> begun_;
+};
+
 }  // namespace
+
+Node* madeNode(SourceNode* node) {
+  Node* made = node->made.load(std::memory_order_acquire);
+  if (made != nullptr) return made;
+  EntryCollector entries;
+  node->source->give(entries);
+  NodeRef fresh = Access::takeNode(entries.take());
+  if (fresh.get() == nullptr) fresh = NodeRef(newContainerNode(Value::Kind::kDictionary, 0));
+  // Another thread may have been faster.
+  if (node->made.compare_exchange_strong(made, fresh.get(), std::memory_order_acq_rel)) {
+    made = fresh.release();
+  }
+  return made;
+}
+
+const DictionarySource* unusedSource(const Node* node) noexcept {
+  if (node == nullptr || !node->hasSource) return nullptr;
+  const auto* holder = static_cast<const SourceNode*>(node);
+  return holder->made.load(std::memory_order_acquire) == nullptr ? holder->source.get() : nullptr;
+}
 
 void destroyNode(Node* node) noexcept {
   if (!isContainer(node)) return freeBytes(node);
@@ -61,16 +137,20 @@ void destroyNode(Node* node) noexcept {
   while (pending != nullptr) {
     ContainerNode* dying = pending;
     pending = dying->nextToFree;
+    if (dying->hasSource) {
+      auto* withSource = static_cast<SourceNode*>(dying);
+      dropHeld(withSource->made.load(std::memory_order_acquire), pending);
+      delete withSource;
+      continue;
+    }
     if (dying->kind == static_cast<std::uint8_t>(Value::Kind::kArray)) {
       for (std::size_t i = 0; i < dying->size; ++i) dropHeld(valuesOf(dying)[i], pending);
     } else {
       const Dictionary::Entry* entries = entriesOf(dying);
-      const Loan* loan = loanOf(dying);
       for (std::size_t i = 0; i < dying->size; ++i) {
         dropHeld(Access::node(entries[i].key), pending);
-        if (loan == nullptr || !loan->lent[i]) dropHeld(entries[i].value, pending);
+        dropHeld(entries[i].value, pending);
       }
-      if (loan != nullptr) dropHeld(loan->lender, pending);
     }
     freeContainer(dying);
   }
@@ -113,9 +193,9 @@ Element* elementsOf(Node* node) {
 /// its elements, or copies them when others hold the container or the elements too.
 template <typename Element>
 ContainerNode* makeOwned(NodeRef& ref, Value::Kind kind, std::size_t capacity) {
-  auto* old = static_cast<ContainerNode*>(ref.get());
+  auto* old = static_cast<ContainerNode*>(elementsNode(ref.get()));
   const bool sole =
-      old != nullptr && old->references.load(std::memory_order_acquire) == 1 && !old->hasLoan;
+      old != nullptr && old == ref.get() && old->references.load(std::memory_order_acquire) == 1;
   if (sole && old->capacity >= capacity) return old;
   const std::size_t size = old == nullptr ? 0 : old->size;
   const std::size_t grown = sole ? old->capacity + old->capacity / 2 : size;
@@ -166,6 +246,7 @@ namespace {
 
 using value_internal::Access;
 using value_internal::ContainerNode;
+using value_internal::elementsNode;
 using value_internal::entriesOf;
 using value_internal::makeOwned;
 using value_internal::Node;
@@ -204,7 +285,7 @@ Text::Text(std::string_view bytes) : node_(value_internal::copyOfBytes(Kind::kTe
 
 Text Text::forever(std::string_view bytes) {
   Text text(bytes);
-  if (!bytes.empty()) text.node_.get()->place = value_internal::kForever;
+  if (!bytes.empty()) text.node_.get()->isForever = true;
   return text;
 }
 
@@ -253,21 +334,48 @@ Dictionary::Dictionary(std::vector<Entry> entries) {
   }
 }
 
-const Value* Dictionary::find(std::string_view key) const noexcept {
+Dictionary::Dictionary(std::shared_ptr<const DictionarySource> source) {
+  assert(source != nullptr);
+  auto* node = new value_internal::SourceNode;
+  node->kind = static_cast<std::uint8_t>(Kind::kDictionary);
+  node->hasSource = true;
+  node->source = std::move(source);
+  node_ = NodeRef(node);
+}
+
+std::size_t Dictionary::size() const {
+  const Node* node = elementsNode(node_.get());
+  return node == nullptr ? 0 : node->size;
+}
+
+const Value* Dictionary::find(std::string_view key) const {
   const std::size_t index = lowerBound(*this, key);
   if (index == size() || begin()[index].key != key) return nullptr;
   return &begin()[index].value;
 }
 
-const Value& Dictionary::operator[](std::string_view key) const noexcept {
+const Value& Dictionary::operator[](std::string_view key) const {
   const Value* value = find(key);
   return value == nullptr ? value_internal::nullValue() : *value;
 }
 
-const Entry* Dictionary::begin() const noexcept {
-  return node_.get() == nullptr ? nullptr : entriesOf(node_.get());
+bool Dictionary::contains(std::string_view key) const {
+  const DictionarySource* source = value_internal::unusedSource(node_.get());
+  return source != nullptr ? source->has(key) : find(key) != nullptr;
 }
-const Entry* Dictionary::end() const noexcept { return begin() + size(); }
+
+Value Dictionary::get(std::string_view key) const {
+  if (const DictionarySource* source = value_internal::unusedSource(node_.get())) {
+    return source->entry(key);
+  }
+  return (*this)[key];
+}
+
+const Entry* Dictionary::begin() const {
+  Node* node = elementsNode(node_.get());
+  return node == nullptr ? nullptr : entriesOf(node);
+}
+const Entry* Dictionary::end() const { return begin() + size(); }
 
 void Dictionary::set(Text key, Value value) {
   if (value.isNull()) return erase(key);
@@ -366,10 +474,11 @@ std::optional<Dictionary> Value::asDictionary() const noexcept {
   return dictionary;
 }
 
-const Value& Value::operator[](std::string_view key) const noexcept {
+const Value& Value::operator[](std::string_view key) const {
   if (kind_ != Kind::kDictionary || scalar_.node == nullptr) return value_internal::nullValue();
-  const Entry* begin = entriesOf(scalar_.node);
-  const Entry* end = begin + scalar_.node->size;
+  Node* node = elementsNode(scalar_.node);
+  const Entry* begin = entriesOf(node);
+  const Entry* end = begin + node->size;
   const Entry* place = std::lower_bound(begin, end, key, keyBefore);
   return place != end && place->key == key ? place->value : value_internal::nullValue();
 }
@@ -513,9 +622,11 @@ Verdict compareShallow(const Value& a, const Value& b, bool byKind) {
   const Node* nodeA = Access::node(a);
   const Node* nodeB = Access::node(b);
   if (nodeA == nodeB) return Verdict::kSame;
-  if (nodeA == nullptr || nodeB == nullptr || nodeA->size != nodeB->size) {
-    return Verdict::kDifferent;
-  }
+  nodeA = elementsNode(Access::node(a));
+  nodeB = elementsNode(Access::node(b));
+  const std::size_t size = nodeA == nullptr ? 0 : nodeA->size;
+  if (size != (nodeB == nullptr ? 0 : nodeB->size)) return Verdict::kDifferent;
+  if (size == 0) return Verdict::kSame;
   if (a.kind() == Kind::kArray || a.kind() == Kind::kDictionary) return Verdict::kLookInside;
   return verdict(std::memcmp(value_internal::bytesOf(nodeA), value_internal::bytesOf(nodeB),
                              nodeA->size) == 0);
@@ -555,7 +666,7 @@ class PairStack {
 
 bool compareInside(const Value& a, const Value& b, bool byKind) {
   PairStack stack;
-  stack.push({Access::node(a), Access::node(b), 0});
+  stack.push({elementsNode(Access::node(a)), elementsNode(Access::node(b)), 0});
   while (!stack.empty()) {
     ComparedPair& pair = stack.top();
     if (pair.next == pair.a->size) {
@@ -569,7 +680,9 @@ bool compareInside(const Value& a, const Value& b, bool byKind) {
     const Value& right = array ? valuesOf(pair.b)[i] : entriesOf(pair.b)[i].value;
     const Verdict verdict = compareShallow(left, right, byKind);
     if (verdict == Verdict::kDifferent) return false;
-    if (verdict == Verdict::kLookInside) stack.push({Access::node(left), Access::node(right), 0});
+    if (verdict == Verdict::kLookInside) {
+      stack.push({elementsNode(Access::node(left)), elementsNode(Access::node(right)), 0});
+    }
   }
   return true;
 }
@@ -582,10 +695,8 @@ bool compare(const Value& a, const Value& b, bool byKind) {
 
 }  // namespace
 
-bool operator==(const Value& a, const Value& b) noexcept { return compare(a, b, /*byKind=*/false); }
+bool operator==(const Value& a, const Value& b) { return compare(a, b, /*byKind=*/false); }
 
-bool Value::identical(const Value& a, const Value& b) noexcept {
-  return compare(a, b, /*byKind=*/true);
-}
+bool Value::identical(const Value& a, const Value& b) { return compare(a, b, /*byKind=*/true); }
 
 }  // namespace thmp

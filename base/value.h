@@ -15,6 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,6 +27,7 @@
 
 namespace thmp {
 
+class DictionarySource;
 class Value;
 
 namespace value_internal {
@@ -36,29 +38,17 @@ struct Access;
 /// the same allocation; value_nodes.h has their layout.
 struct Node {
   std::atomic<std::uint32_t> references{1};
-  std::uint8_t kind = 0;  // a Value::Kind
-  bool hasLoan = false;   // a Loan stands before it
-  /// 0 when this node is counted and freed by itself; kForever when never. Otherwise it is part of
-  /// a dictionary's allocation, so many times 8 bytes behind that node, and counted with it.
-  std::uint16_t place = 0;
-  std::size_t size = 0;  // of bytes, values or entries
+  std::uint8_t kind = 0;   // a Value::Kind
+  bool isForever = false;  // never freed, so not counted
+  bool hasSource = false;  // a dictionary whose entries a DictionarySource gives
+  std::size_t size = 0;    // of bytes, values or entries
 };
-
-inline constexpr std::uint16_t kForever = UINT16_MAX;
-
-/// The node that counts the references to this one; null when nobody counts them.
-inline Node* counterOf(Node* node) noexcept {
-  if (node == nullptr || node->place == 0) return node;
-  if (node->place == kForever) return nullptr;
-  return reinterpret_cast<Node*>(reinterpret_cast<char*>(node) - std::size_t{node->place} * 8);
-}
 
 /// Frees a node whose last reference is gone and, without recursion, all that only it held.
 void destroyNode(Node* node) noexcept;
 
 inline void retainNode(Node* node) noexcept {
-  node = counterOf(node);
-  if (node != nullptr) node->references.fetch_add(1, std::memory_order_relaxed);
+  if (node != nullptr && !node->isForever) node->references.fetch_add(1, std::memory_order_relaxed);
 }
 
 /// True when the caller held the last reference and has to free the node. A sole owner is spared
@@ -69,8 +59,7 @@ inline bool dropReference(Node* node) noexcept {
 }
 
 inline void releaseNode(Node* node) noexcept {
-  node = counterOf(node);
-  if (node != nullptr && dropReference(node)) destroyNode(node);
+  if (node != nullptr && !node->isForever && dropReference(node)) destroyNode(node);
 }
 
 /// Counted reference to a node.
@@ -157,7 +146,8 @@ class Array {
   value_internal::NodeRef node_;
 };
 
-/// Values under text keys. Walked in the order of the keys' bytes.
+/// Values under text keys. Walked in the order of the keys' bytes. With a source, the entries are
+/// made when they are first asked for; asking may throw std::bad_alloc then.
 class Dictionary {
  public:
   struct Entry;
@@ -166,16 +156,21 @@ class Dictionary {
   Dictionary(std::initializer_list<Entry> entries);
   /// Entries in any order; of two with one key the later one stays, and null values are left out.
   explicit Dictionary(std::vector<Entry> entries);
+  /// REQUIRES: `source` is not null.
+  explicit Dictionary(std::shared_ptr<const DictionarySource> source);
 
-  std::size_t size() const noexcept { return node_.get() == nullptr ? 0 : node_.get()->size; }
-  bool empty() const noexcept { return size() == 0; }
+  std::size_t size() const;
+  bool empty() const { return size() == 0; }
   /// Null pointer when the key is absent.
-  const Value* find(std::string_view key) const noexcept;
-  bool contains(std::string_view key) const noexcept { return find(key) != nullptr; }
+  const Value* find(std::string_view key) const;
+  /// Makes no entries.
+  bool contains(std::string_view key) const;
   /// The null value when the key is absent.
-  const Value& operator[](std::string_view key) const noexcept;
-  const Entry* begin() const noexcept;
-  const Entry* end() const noexcept;
+  const Value& operator[](std::string_view key) const;
+  /// The same, without making other entries.
+  Value get(std::string_view key) const;
+  const Entry* begin() const;
+  const Entry* end() const;
 
   /// Makes room for `capacity` entries in all.
   void reserve(std::size_t capacity);
@@ -271,7 +266,7 @@ class Value {
   std::optional<Dictionary> asDictionary() const noexcept;
 
   /// The member of a dictionary; the null value when there is none, or when this is no dictionary.
-  const Value& operator[](std::string_view key) const noexcept;
+  const Value& operator[](std::string_view key) const;
 
   /// Boolean reading of a boolean, number or text ("1", "YES", "true" and the like); false for all
   /// else.
@@ -288,9 +283,9 @@ class Value {
 
   /// Equality by value: booleans, integers and reals are equal when their numbers are (1, 1.0 and
   /// true). A NaN equals itself, so that a value always equals its copy.
-  friend bool operator==(const Value& a, const Value& b) noexcept;
+  friend bool operator==(const Value& a, const Value& b);
   /// Equality by value and kind, throughout; a NaN equals itself, and -0.0 is not 0.0.
-  static bool identical(const Value& a, const Value& b) noexcept;
+  static bool identical(const Value& a, const Value& b);
 
  private:
   friend struct value_internal::Access;

@@ -5,9 +5,10 @@
 // entries.
 #pragma once
 
-#include <bitset>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 #include "base/value.h"
 
@@ -20,19 +21,21 @@ struct ContainerNode : Node {
   ContainerNode* nextToFree = nullptr;
 };
 
-/// Stands before the node of a dictionary that does not count all that it holds: some values are
-/// part of its own allocation or belong to `lender`, a dictionary that it holds as a whole. Its
-/// elements stay where they are and as they are. See DictionaryBuilder.
-struct Loan {
-  static constexpr std::size_t kMostEntries = 128;
-
-  std::bitset<kMostEntries> lent;  // entries whose values are not counted
-  Node* lender = nullptr;
+/// The node of a dictionary with a source.
+struct SourceNode : ContainerNode {
+  std::shared_ptr<const DictionarySource> source;
+  std::atomic<Node*> made{nullptr};  // has the entries; null until they are asked for
 };
 
-/// Null for a node without one.
-inline Loan* loanOf(Node* node) noexcept {
-  return node->hasLoan ? reinterpret_cast<Loan*>(node) - 1 : nullptr;
+/// The node that has the entries of `node`, made now if need be.
+Node* madeNode(SourceNode* node);
+
+/// The source of a dictionary whose entries are not made yet; null for any other node.
+const DictionarySource* unusedSource(const Node* node) noexcept;
+
+/// The node that has the elements of an array's or dictionary's node; null for null.
+inline Node* elementsNode(Node* node) {
+  return node == nullptr || !node->hasSource ? node : madeNode(static_cast<SourceNode*>(node));
 }
 
 inline char* bytesOf(Node* node) noexcept { return reinterpret_cast<char*>(node + 1); }
@@ -45,7 +48,7 @@ inline Value* valuesOf(Node* node) noexcept {
   return reinterpret_cast<Value*>(static_cast<ContainerNode*>(node) + 1);
 }
 
-/// REQUIRES: `node` is a dictionary's.
+/// REQUIRES: `node` is a dictionary's, and has its entries itself.
 inline Dictionary::Entry* entriesOf(Node* node) noexcept {
   return reinterpret_cast<Dictionary::Entry*>(static_cast<ContainerNode*>(node) + 1);
 }
@@ -58,8 +61,7 @@ ContainerNode* newContainerNode(Value::Kind kind, std::size_t capacity);
 
 /// One more reference to a node that no other thread can see yet, without an atomic addition.
 inline void retainUnpublished(Node* node) noexcept {
-  node = counterOf(node);
-  if (node == nullptr) return;
+  if (node == nullptr || node->isForever) return;
   node->references.store(node->references.load(std::memory_order_relaxed) + 1,
                          std::memory_order_relaxed);
 }
@@ -72,6 +74,7 @@ struct Access {
     dictionary.node_ = NodeRef(adopted);
     return dictionary;
   }
+  static NodeRef takeNode(Dictionary dictionary) noexcept { return std::move(dictionary.node_); }
   static Text text(Node* adopted) noexcept {
     Text text;
     text.node_ = NodeRef(adopted);

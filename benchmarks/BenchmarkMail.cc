@@ -101,11 +101,14 @@ void BenchmarkMail::writeMail() const {
 }
 
 std::vector<FoundItem> BenchmarkMail::items() {
+  AttributeSelection all;
+  all.set();
+  const auto entries = std::make_shared<const RecordEntries>(all);
   std::vector<FoundItem> items;
   for (const std::int64_t id : ids_) {
     FoundItem item;
     item.libraryID = id;
-    if (const auto message = index_->get(id)) item.attributes = message->attributes();
+    if (const auto message = index_->get(id)) item.attributes = attributesOf(*message, entries);
     items.push_back(std::move(item));
   }
   return items;

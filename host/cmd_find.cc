@@ -43,7 +43,7 @@ std::optional<std::string> pathOf(const Library& library, const IndexedMessage& 
 }
 
 Dictionary itemOf(const IndexedMessage& message, std::uint64_t number, const std::string& path) {
-  return {{kAttributesKey, message.attributes()},
+  return {{kAttributesKey, attributesOf(message)},
           {kLibraryIDKey, message.id()},
           {kPathKey, path},
           {kIndexKey, number}};

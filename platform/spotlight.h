@@ -26,26 +26,13 @@
 
 namespace thmp {
 
-/// Attributes that are made when they are asked for, so that a delivery costs only what is used of
-/// it. Their values are those of the delivery, whenever they are asked for. Any thread.
-class SpotlightAttributeSet {
- public:
-  virtual ~SpotlightAttributeSet() = default;
-  /// What attributes() has under `name`; null when it has none.
-  virtual Value attribute(std::string_view name) const = 0;
-  virtual Dictionary attributes() const = 0;
-};
-
 struct SpotlightItem {
   std::string identifier;
-  /// Those of the listed attributes that the item has, by name. Empty where an attribute set has
-  /// them.
+  /// Those of the listed attributes that the item has, by name, with their values at the delivery.
+  /// An engine may give them a source, so that a delivery costs only what is used of it.
   Dictionary attributes;
   /// The item's file, where the engine reports it.
   std::optional<std::string> filePath;
-  /// In the place of `attributes`, where the engine makes values when they are asked for; else
-  /// null.
-  std::shared_ptr<const SpotlightAttributeSet> attributeSet = nullptr;
 };
 
 class SpotlightQueryContext {

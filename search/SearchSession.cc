@@ -30,7 +30,7 @@ void guarded(SystemLog& log, Step step) noexcept {
 }
 
 std::optional<std::int64_t> libraryIDOf(const Dictionary& attributes) {
-  const Value& externalID = attributes["_kMDItemExternalID"];
+  const Value externalID = attributes.get("_kMDItemExternalID");
   if (!externalID.isNumber() && !externalID.asText()) return std::nullopt;
   return externalID.integerValue();
 }
@@ -88,7 +88,7 @@ void SearchSession::deliver(std::span<const SpotlightItem> items) {
   for (const SpotlightItem* item : sorted) {
     if (!isAlive()) return;
     FoundItem found;
-    found.attributes = attributesOf(*item);
+    found.attributes = item->attributes;
     found.libraryID = libraryIDOf(found.attributes);
     if (found.libraryID) {
       const QueryRegistry::Delivery outcome = deliver(*found.libraryID);
@@ -115,11 +115,12 @@ QueryRegistry::Delivery SearchSession::deliver(std::int64_t libraryID) {
 void SearchSession::completePath(FoundItem& found) {
   Dictionary& attributes = found.attributes;
   if (!found.path) {
-    if (const auto path = attributes["kMDItemPath"].asText()) found.path = *path;
+    const Value path = attributes.get("kMDItemPath");
+    if (const auto text = path.asText()) found.path = *text;
   }
   if (attributes.contains("kMDItemDisplayName")) return;
-  if (const Value* subject = attributes.find("kMDItemSubject")) {
-    attributes.set("kMDItemDisplayName", *subject);
+  if (const Value subject = attributes.get("kMDItemSubject"); !subject.isNull()) {
+    attributes.set("kMDItemDisplayName", subject);
   } else if (found.path) {
     attributes.set("kMDItemDisplayName", platform_.files.displayName(*found.path));
   }

@@ -135,14 +135,6 @@ bool less(const SortKey& a, const SortKey& b) {
 
 }  // namespace
 
-Dictionary attributesOf(const SpotlightItem& item) {
-  return item.attributeSet ? item.attributeSet->attributes() : item.attributes;
-}
-
-Value attributeOf(const SpotlightItem& item, std::string_view name) {
-  return item.attributeSet ? item.attributeSet->attribute(name) : item.attributes[name];
-}
-
 std::vector<std::string> sortAttributes(std::string_view sortingAttribute) {
   constexpr char kCreated[] = "kMDItemContentCreationDate";
   constexpr char kReceived[] = "com_apple_mail_dateReceived";
@@ -168,7 +160,7 @@ std::vector<const SpotlightItem*> sortedItems(std::span<const SpotlightItem> ite
   keyed.reserve(items.size());
   for (const SpotlightItem& item : items) {
     SortKey key;
-    for (const std::string& attribute : attributes) append(key, attributeOf(item, attribute));
+    for (const std::string& attribute : attributes) append(key, item.attributes.get(attribute));
     keyed.push_back({std::move(key), &item});
   }
   if (!attributes.empty()) {

@@ -16,11 +16,6 @@
 
 namespace thmp {
 
-/// The item's attributes, wherever it has them.
-Dictionary attributesOf(const SpotlightItem& item);
-/// One of them; null when it has none of that name.
-Value attributeOf(const SpotlightItem& item, std::string_view name);
-
 /// The attributes that a delivery is sorted by when a client asks for `sortingAttribute`: that one,
 /// then those that order the items in which it is equal.
 std::vector<std::string> sortAttributes(std::string_view sortingAttribute);

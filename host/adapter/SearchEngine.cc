@@ -22,24 +22,6 @@ const std::vector<std::string>& defaultAttributes() {
   return kNames;
 }
 
-// A message's attributes as they were when it was found: they are made from its record, which the
-// message has with it.
-class MessageAttributes : public SpotlightAttributeSet {
- public:
-  MessageAttributes(IndexedMessage message, const AttributeSelection& wanted)
-      : message_(std::move(message)), wanted_(wanted) {}
-
-  Value attribute(std::string_view name) const override {
-    const auto key = keyNamed(name);
-    return key && wanted_[static_cast<std::size_t>(*key)] ? message_.value(*key) : Value();
-  }
-  Dictionary attributes() const override { return message_.attributes(wanted_); }
-
- private:
-  const IndexedMessage message_;
-  const AttributeSelection wanted_;
-};
-
 }  // namespace
 
 Error searchError(SearchErrorCode code) {
@@ -79,8 +61,9 @@ class SearchEngine::Core : public std::enable_shared_from_this<Core> {
        const std::shared_ptr<const std::vector<std::string>>& attributes)
       : shared_(std::move(shared)),
         text_(std::move(text)),
-        wanted_(selectAttributes(attributes ? *attributes : defaultAttributes())),
-        strand_(std::make_shared<Strand>(shared_->pool)) {}
+        strand_(std::make_shared<Strand>(shared_->pool)),
+        entries_(std::make_shared<const RecordEntries>(
+            selectAttributes(attributes ? *attributes : defaultAttributes()))) {}
 
   template <typename Handler>
   void setHandler(std::shared_ptr<const Handler> Core::*slot,
@@ -192,12 +175,13 @@ class SearchEngine::Core : public std::enable_shared_from_this<Core> {
   SpotlightItem itemOf(IndexedMessage&& message) const {
     SpotlightItem item;
     item.identifier = std::to_string(message.id());
-    item.attributeSet = std::make_shared<const MessageAttributes>(std::move(message), wanted_);
+    item.attributes = attributesOf(std::move(message), entries_);
     return item;
   }
 
   void deliver(std::vector<SpotlightItem> items) {
     if (items.empty()) return;
+    entries_ = std::make_shared<const RecordEntries>(entries_->wanted());
     found_ += items.size();
     if (const auto found = handler(&Core::foundItems_)) (*found)(items);
   }
@@ -249,7 +233,6 @@ class SearchEngine::Core : public std::enable_shared_from_this<Core> {
 
   const std::shared_ptr<Shared> shared_;
   const std::string text_;
-  const AttributeSelection wanted_;
   const std::shared_ptr<Strand> strand_;
   std::atomic<bool> cancelled_{false};
   std::atomic<std::uint64_t> found_{0};
@@ -260,6 +243,8 @@ class SearchEngine::Core : public std::enable_shared_from_this<Core> {
   bool live_ THMP_GUARDED_BY(mutex_) = false;
 
   // On the strand only.
+  /// Anew for each delivery, so that it does not grow for ever.
+  std::shared_ptr<const RecordEntries> entries_;
   std::optional<query::Query> query_;
   bool followed_ = false;  // live
   RowSet matching_;        // while followed

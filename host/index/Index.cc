@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "host/index/IndexState.h"
+#include "host/index/message_record.h"
 #include "host/index/message_view.h"
 #include "host/query/evaluator.h"
 
@@ -16,6 +17,32 @@ namespace thmp {
 namespace {
 
 constexpr std::size_t kChunk = 256;
+
+// They are made from the record, which the message has with it.
+class MessageAttributes : public DictionarySource {
+ public:
+  MessageAttributes(IndexedMessage message, std::shared_ptr<const RecordEntries> entries)
+      : message_(std::move(message)), entries_(std::move(entries)) {}
+
+  void give(EntrySink& sink) const override { message_.give(*entries_, sink); }
+  Value entry(std::string_view name) const override {
+    const auto key = wantedKey(name);
+    return key ? message_.value(*key) : Value();
+  }
+  bool has(std::string_view name) const override {
+    const auto key = wantedKey(name);
+    return key && message_.has(*key);
+  }
+
+ private:
+  std::optional<AttributeKey> wantedKey(std::string_view name) const {
+    const auto key = keyNamed(name);
+    return key && entries_->wanted()[static_cast<std::size_t>(*key)] ? key : std::nullopt;
+  }
+
+  const IndexedMessage message_;
+  const std::shared_ptr<const RecordEntries> entries_;
+};
 
 }  // namespace
 
@@ -40,7 +67,26 @@ Value IndexedMessage::value(AttributeKey key) const {
   return text.empty() ? Value() : Value(text);
 }
 
-Dictionary IndexedMessage::attributes() const {
+bool IndexedMessage::has(AttributeKey key) const {
+  return key == AttributeKey::kExternalID || hasRecordValue(record_, key, *pool_);
+}
+
+void IndexedMessage::give(const RecordEntries& entries, EntrySink& sink) const {
+  entries.give(record_, *pool_, std::to_string(id_), sink);
+}
+
+void IndexedMessage::forEachAttribute(
+    const std::function<bool(AttributeKey key, const Value& value)>& visit) const {
+  if (!visit(AttributeKey::kExternalID, Value(std::to_string(id_)))) return;
+  forEachInRecord(record_, *pool_, visit);
+}
+
+Dictionary attributesOf(IndexedMessage message, std::shared_ptr<const RecordEntries> entries) {
+  return Dictionary(
+      std::make_shared<const MessageAttributes>(std::move(message), std::move(entries)));
+}
+
+Dictionary attributesOf(IndexedMessage message) {
   static const AttributeSelection kAll = [] {
     AttributeSelection all;
     for (std::size_t key = 0; key <= static_cast<std::size_t>(AttributeKey::kBeforeQueryOnly);
@@ -49,17 +95,7 @@ Dictionary IndexedMessage::attributes() const {
     }
     return all;
   }();
-  return attributes(kAll);
-}
-
-Dictionary IndexedMessage::attributes(const AttributeSelection& wanted) const {
-  return recordAttributes(record_, *pool_, wanted, std::to_string(id_));
-}
-
-void IndexedMessage::forEachAttribute(
-    const std::function<bool(AttributeKey key, const Value& value)>& visit) const {
-  if (!visit(AttributeKey::kExternalID, Value(std::to_string(id_)))) return;
-  forEachInRecord(record_, *pool_, visit);
+  return attributesOf(std::move(message), std::make_shared<const RecordEntries>(kAll));
 }
 
 Index::Index(std::unique_ptr<State> state) : state_(std::move(state)) {}

@@ -22,8 +22,8 @@
 
 #include "base/result.h"
 #include "base/value.h"
+#include "host/index/RecordEntries.h"
 #include "host/index/index_types.h"
-#include "host/index/message_record.h"
 #include "host/query/query.h"
 #include "host/store/MailFolders.h"
 #include "host/store/attribute_keys.h"
@@ -48,10 +48,10 @@ class IndexedMessage {
   Value value(std::string_view attribute) const;
   Value value(AttributeKey key) const;
 
-  /// All attributes that a found item can carry.
-  Dictionary attributes() const;
-  /// Those of `wanted` that the message has.
-  Dictionary attributes(const AttributeSelection& wanted) const;
+  /// Whether it has one that is no text of its body.
+  bool has(AttributeKey key) const;
+  /// Gives `sink` those of `entries` that the message has. Both outlive what `sink` makes of them.
+  void give(const RecordEntries& entries, EntrySink& sink) const;
 
   /// Calls `visit` with each attribute it has, query-only ones included but not the text, until it
   /// returns false.
@@ -66,6 +66,11 @@ class IndexedMessage {
   std::shared_ptr<const ValuePool> pool_;
   const Index* index_ = nullptr;
 };
+
+/// Those of `entries` that the message has, made when they are asked for.
+Dictionary attributesOf(IndexedMessage message, std::shared_ptr<const RecordEntries> entries);
+/// All that a found item can carry.
+Dictionary attributesOf(IndexedMessage message);
 
 class Index {
  public:

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <random>
 
+#include "host/index/message_record.h"
+
 namespace thmp {
 
 namespace {

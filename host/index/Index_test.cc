@@ -11,6 +11,8 @@
 #include <random>
 #include <thread>
 
+#include "base/plist.h"
+#include "host/index/RecordEntries.h"
 #include "host/index/ValuePool.h"
 #include "host/index/message_record.h"
 #include "host/query/query_testing.h"
@@ -115,11 +117,12 @@ TEST_F(TheIndex, AMessageHasItsAttributesItsTextAndItsIdentifier) {
   EXPECT_EQ(message->value("_kMDItemExternalID").asText(), "42");
   EXPECT_TRUE(message->value("kMDItemAuthors").isNull());
   EXPECT_TRUE(message->value("no such").isNull());
-  const Dictionary all = message->attributes();
+  const Dictionary all = attributesOf(*message);
   EXPECT_EQ(all.size(), 3U);
   EXPECT_FALSE(all.contains("kMDItemTitle"));
   const std::vector<std::string> names{"kMDItemSubject", "kMDItemTitle", "kMDItemTextContent"};
-  const Dictionary some = message->attributes(selectAttributes(names));
+  const Dictionary some =
+      attributesOf(*message, std::make_shared<const RecordEntries>(selectAttributes(names)));
   EXPECT_EQ(some.size(), 1U);
   EXPECT_EQ(some["kMDItemSubject"].asText(), "Subject");
   EXPECT_FALSE(index_->get(43));
@@ -548,6 +551,32 @@ TEST_F(TheIndex, ReadersGoOnWhileAWriterWrites) {
   EXPECT_EQ(told.load(), 17);
 }
 
+// What a record gives, as a dictionary.
+class RecordSource : public DictionarySource {
+ public:
+  RecordSource(std::string record, const ValuePool& pool, const AttributeSelection& wanted)
+      : record_(std::move(record)), pool_(pool), entries_(wanted) {}
+  void give(EntrySink& sink) const override { entries_.give(record_, pool_, "42", sink); }
+  Value entry(std::string_view) const override { return {}; }
+  bool has(std::string_view) const override { return false; }
+
+ private:
+  const std::string record_;
+  const ValuePool& pool_;
+  const RecordEntries entries_;
+};
+
+Dictionary given(const std::string& record, const ValuePool& pool,
+                 const AttributeSelection& wanted = AttributeSelection().set()) {
+  return Dictionary(std::make_shared<const RecordSource>(record, pool, wanted));
+}
+
+// In its written form, too.
+Value writtenAndRead(const Dictionary& dictionary) {
+  const auto bytes = writeBinaryPropertyList(dictionary);
+  return bytes ? readBinaryPropertyList(*bytes, kBatchLimits).value_or("not read") : "not written";
+}
+
 TEST(MessageRecord, GivesBackWhatWasPutIn) {
   ValuePool pool(ValuePool::Use::kWriting);
   const Value shared(Array{Value("a@b.test"), Value("c@d.test")});
@@ -578,12 +607,53 @@ TEST(MessageRecord, GivesBackWhatWasPutIn) {
   EXPECT_EQ(back["kMDItemAuthorAddresses"].identity(),
             back["kMDItemAuthorEmailAddresses"].identity());
   EXPECT_TRUE(recordValue(record, AttributeKey::kSubject, pool).isNull());
+  EXPECT_FALSE(hasRecordValue(record, AttributeKey::kSubject, pool));
+  EXPECT_TRUE(hasRecordValue(record, AttributeKey::kKind, pool));
+  EXPECT_TRUE(hasRecordValue(record, AttributeKey::kFSSize, pool));
+
+  Dictionary all = attributes;
+  all.set(keyText(AttributeKey::kTitle), Value("t"));
+  all.set(keyText(AttributeKey::kExternalID), Value("42"));
+  EXPECT_TRUE(Value::identical(given(record, pool), all));
+  EXPECT_TRUE(Value::identical(writtenAndRead(given(record, pool)), all));
+}
+
+TEST(MessageRecord, GivesWhatIsWantedAndNoMore) {
+  ValuePool pool(ValuePool::Use::kWriting);
+  const Value subject("a subject that comes again");
+  const Dictionary attributes{
+      {keyText(AttributeKey::kDisplayName), subject},
+      {keyText(AttributeKey::kSubject), subject},
+      {keyText(AttributeKey::kMessageID), Value("id@example.org")},
+      {keyText(AttributeKey::kIdentifier), Value("<id@example.org>")},
+      {keyText(AttributeKey::kRead), Value(true)},
+      {keyText(AttributeKey::kFlagged), Value(false)},
+      {keyText(AttributeKey::kEmailHeadersDictionary),
+       Value(Dictionary{{"Message-Id", Value(Array{"<id@example.org>"})},
+                        {"Subject", Value(Array{subject, "and another"})}})}};
+  const std::string record = encodeRecord(attributes, {}, pool);
+  std::vector<Dictionary::Entry> entries(attributes.begin(), attributes.end());
+  entries.push_back({keyText(AttributeKey::kExternalID), Value("42")});
+  for (unsigned some = 0; some < 1U << entries.size(); ++some) {
+    AttributeSelection wanted;
+    Dictionary expected;
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+      if ((some >> i & 1) == 0) continue;
+      wanted.set(static_cast<std::size_t>(*keyNamed(entries[i].key)));
+      expected.set(entries[i].key, entries[i].value);
+    }
+    ASSERT_TRUE(Value::identical(given(record, pool, wanted), expected)) << some;
+    ASSERT_TRUE(Value::identical(writtenAndRead(given(record, pool, wanted)), expected)) << some;
+  }
 }
 
 TEST(MessageRecord, AnyBytesAreSafeToRead) {
   ValuePool pool(ValuePool::Use::kWriting);
   std::mt19937 random(11);
   Dictionary attributes{{keyText(AttributeKey::kAuthors), Value(Array{Value("x"), Value("y")})},
+                        {keyText(AttributeKey::kRead), Value(true)},
+                        {keyText(AttributeKey::kEmailHeadersDictionary),
+                         Value(Dictionary{{"Subject", Value(Array{"subject"})}})},
                         {keyText(AttributeKey::kSubject), Value("subject")}};
   const std::string good = encodeRecord(attributes, {}, pool);
   for (int round = 0; round < 20'000; ++round) {
@@ -592,6 +662,9 @@ TEST(MessageRecord, AnyBytesAreSafeToRead) {
     bad.resize(random() % (bad.size() + 1));
     forEachInRecord(bad, pool, [](AttributeKey, const Value&) { return true; });
     static_cast<void>(recordValue(bad, AttributeKey::kSubject, pool));
+    const Dictionary made = given(bad, pool);
+    static_cast<void>(made.size());
+    ASSERT_EQ(writtenAndRead(given(bad, pool)), writtenAndRead(made)) << round;
   }
   EXPECT_FALSE(isIntactRecord("abc"));
   std::string changed = good;

@@ -7,72 +7,22 @@
 #include <cstring>
 #include <initializer_list>
 
-#include "base/DictionaryBuilder.h"
 #include "host/index/ValuePool.h"
+#include "host/index/record_reader.h"
 #include "host/store/message_attributes.h"
 
 namespace thmp {
 
 namespace {
 
+using namespace record_format;
+
 static_assert(std::endian::native == std::endian::little, "records are stored little-endian");
-
-bool isKnownKey(std::uint8_t number) {
-  return number < static_cast<std::uint8_t>(AttributeKey::kFetchedCount) ||
-         (number > static_cast<std::uint8_t>(AttributeKey::kBeforeQueryOnly) &&
-          number < static_cast<std::uint8_t>(AttributeKey::kEnd));
-}
-
-constexpr std::size_t kRecordChecksumSize = 4;
-constexpr int kMostDepth = 8;
 
 // Texts shorter than this are stored again rather than referred to.
 constexpr std::size_t kShortText = 6;
 // What is longer is hardly the same in two messages.
 constexpr std::size_t kLongestPooled = 2048;
-
-enum Tag : std::uint8_t {
-  kFalse = 1,
-  kTrue,
-  kInteger,
-  kUnsigned,
-  kReal,
-  kWholeDate,
-  kDate,
-  kData,
-  kText,
-  kArray,
-  kDictionary,
-  kSameAs,     // the attribute with this key, stored before
-  kPooled,     // this number of the pool
-  kEarlier,    // the text that stands at this place of the record
-  kAngled,     // that text between < and >
-  kMessageUrl  // the link to the message of which that text is the Message-ID
-};
-
-constexpr std::size_t kKeys = 256;
-
-// The place of each key in the order of the names, in which dictionaries and records are.
-const std::array<std::uint16_t, kKeys>& nameRanks() {
-  static const auto ranks = [] {
-    std::vector<AttributeKey> keys;
-    for (std::size_t number = 0; number < kKeys; ++number) {
-      if (isKnownKey(static_cast<std::uint8_t>(number))) {
-        keys.push_back(static_cast<AttributeKey>(number));
-      }
-    }
-    std::sort(keys.begin(), keys.end(),
-              [](AttributeKey a, AttributeKey b) { return keyText(a).view() < keyText(b).view(); });
-    std::array<std::uint16_t, kKeys> all{};
-    for (std::size_t i = 0; i < keys.size(); ++i) {
-      all[static_cast<std::size_t>(keys[i])] = static_cast<std::uint16_t>(i);
-    }
-    return all;
-  }();
-  return ranks;
-}
-
-std::uint16_t rankOf(AttributeKey key) { return nameRanks()[static_cast<std::size_t>(key)]; }
 
 void putNumber(std::string& out, std::uint64_t number) {
   while (number >= 0x80) {
@@ -89,7 +39,6 @@ void putSigned(std::string& out, std::int64_t number) {
 
 // A length is written after what it counts, so room for it is kept: one byte, or for a long value
 // a mark and three.
-constexpr std::uint8_t kLongMark = 0xFF;
 constexpr std::size_t kMostLength = (std::size_t{1} << 24) - 1;
 
 void putReal(std::string& out, double real) {
@@ -116,8 +65,7 @@ void putDate(std::string& out, Date date) {
 }
 
 std::string_view body(std::string_view record) {
-  return record.size() < kRecordChecksumSize ? std::string_view()
-                                             : record.substr(kRecordChecksumSize);
+  return record.size() < kChecksumSize ? std::string_view() : record.substr(kChecksumSize);
 }
 
 // Writes values. With a pool, what other messages have too becomes a number, and what stands in
@@ -238,172 +186,6 @@ class Writer {
   std::vector<Earlier> earlier_;
 };
 
-// Reads values, from a record or from one value by itself.
-class Reader {
- public:
-  Reader(std::string_view whole, std::size_t at, std::size_t end, const ValuePool* pool)
-      : whole_(whole.data()), at_(whole.data() + at), end_(whole.data() + end), pool_(pool) {}
-
-  void makeTextsIn(DictionaryBuilder& builder) { builder_ = &builder; }
-
-  bool ok() const { return ok_; }
-  bool atEnd() const { return at_ == end_; }
-  std::size_t place() const { return static_cast<std::size_t>(at_ - whole_); }
-  void rewind(std::size_t place) { at_ = whole_ + place; }
-  void skip(std::size_t size) {
-    if (need(size)) at_ += size;
-  }
-
-  std::uint8_t byte() { return need(1) ? static_cast<std::uint8_t>(*at_++) : std::uint8_t{0}; }
-
-  std::uint64_t number() {
-    std::uint64_t value = 0;
-    for (unsigned shift = 0; shift < 64; shift += 7) {
-      const std::uint8_t next = byte();
-      value |= static_cast<std::uint64_t>(next & 0x7F) << shift;
-      if ((next & 0x80) == 0) return value;
-    }
-    ok_ = false;
-    return 0;
-  }
-
-  std::int64_t signedNumber() {
-    const std::uint64_t zigzag = number();
-    return static_cast<std::int64_t>(zigzag >> 1) ^ -static_cast<std::int64_t>(zigzag & 1);
-  }
-
-  std::size_t length() {
-    const std::uint8_t first = byte();
-    if (first != kLongMark) return first;
-    std::size_t size = 0;
-    for (std::size_t i = 0; i < 3; ++i) size |= std::size_t{byte()} << (8 * i);
-    return size;
-  }
-
-  double real() {
-    double value = 0;
-    if (!need(sizeof value)) return value;
-    std::memcpy(&value, at_, sizeof value);
-    at_ += sizeof value;
-    return value;
-  }
-
-  std::string_view bytes() {
-    const std::uint64_t size = number();
-    if (!need(size)) return {};
-    const std::string_view found(at_, size);
-    at_ += size;
-    return found;
-  }
-
-  Value value(int depth = 0) {
-    const std::size_t begin = place();
-    switch (byte()) {
-      case kFalse:
-        return Value(false);
-      case kTrue:
-        return Value(true);
-      case kInteger:
-        return Value(signedNumber());
-      case kUnsigned:
-        return Value(number());
-      case kReal:
-        return Value(real());
-      case kWholeDate:
-        return Value(Date{static_cast<double>(signedNumber())});
-      case kDate:
-        return Value(Date{real()});
-      case kData:
-        return Value(Data{std::string(bytes())});
-      case kText:
-        return text(bytes(), depth);
-      case kArray:
-        return array(depth);
-      case kDictionary:
-        return dictionary(depth);
-      case kPooled: {
-        const std::uint64_t place = number();
-        const ValuePool::Entry* entry = pool_ == nullptr || place > UINT32_MAX
-                                            ? nullptr
-                                            : pool_->at(static_cast<std::uint32_t>(place));
-        if (entry != nullptr) return entry->value;
-        break;
-      }
-      case kEarlier:
-        return text(earlier(begin), depth);
-      case kAngled:
-        return text("<" + std::string(earlier(begin)) + ">", depth);
-      case kMessageUrl:
-        return text(messageUrl(earlier(begin)), depth);
-      default:
-        break;
-    }
-    ok_ = false;
-    return {};
-  }
-
- private:
-  bool need(std::uint64_t size) {
-    if (size > static_cast<std::uint64_t>(end_ - at_)) {
-      ok_ = false;
-      at_ = end_;
-    }
-    return ok_;
-  }
-
-  // What an array or dictionary holds must not hold the dictionary that is built.
-  Value text(std::string_view bytes, int depth) {
-    return builder_ == nullptr || depth > 0 ? Value(bytes) : builder_->text(bytes);
-  }
-
-  // The text that stands at a place before `begin`; an empty one when there is none.
-  std::string_view earlier(std::size_t begin) {
-    const std::uint64_t place = number();
-    if (place < begin) {
-      Reader reader({whole_, begin}, static_cast<std::size_t>(place), begin, nullptr);
-      const bool isText = reader.byte() == kText;
-      const std::string_view found = reader.bytes();
-      if (isText && reader.ok()) return found;
-    }
-    ok_ = false;
-    return {};
-  }
-
-  // Each element takes a byte at least, so a count that cannot be is found before it is believed.
-  std::size_t count(int depth) {
-    const std::uint64_t many = number();
-    if (depth >= kMostDepth && many > 0) ok_ = false;
-    return need(many) ? static_cast<std::size_t>(many) : 0;
-  }
-
-  Value array(int depth) {
-    const std::size_t size = count(depth);
-    Array values;
-    values.reserve(size);
-    for (std::size_t i = 0; i < size && ok_; ++i) values.push_back(value(depth + 1));
-    return Value(std::move(values));
-  }
-
-  Value dictionary(int depth) {
-    const std::size_t size = count(depth);
-    std::vector<Dictionary::Entry> entries;
-    entries.reserve(size);
-    for (std::size_t i = 0; i < size && ok_; ++i) {
-      const std::optional<Text> key = value(depth + 1).asSharedText();
-      if (!key) ok_ = false;
-      if (ok_) entries.push_back({*key, value(depth + 1)});
-    }
-    return Value(Dictionary(std::move(entries)));
-  }
-
-  const char* const whole_;
-  const char* at_;
-  const char* const end_;
-  const ValuePool* const pool_;
-  DictionaryBuilder* builder_ = nullptr;
-  bool ok_ = true;
-};
-
 struct Item {
   AttributeKey key;
   const Value* value;
@@ -481,198 +263,36 @@ bool putItem(const Item& item, const std::optional<AttributeKey>& same, bool isL
   return true;
 }
 
-// Walks the attributes of a record that stand in it, without their values.
-class Walk {
- public:
-  Walk(std::string_view record, const ValuePool& pool)
-      : reader_(record, std::min(kRecordChecksumSize, record.size()), record.size(), &pool) {
-    const std::uint64_t shape = reader_.number();
-    if (reader_.ok() && shape > 0 && shape <= UINT32_MAX) {
-      shape_ = pool.at(static_cast<std::uint32_t>(shape - 1));
-    }
-    if (shape_ != nullptr && shape_->keys.empty()) shape_ = nullptr;
-  }
-
-  const ValuePool::Entry* shape() const { return shape_; }
-  Dictionary shapeAttributes() const {
-    return shape_ == nullptr ? Dictionary() : *shape_->value.asDictionary();
-  }
-  void makeTextsIn(DictionaryBuilder& builder) { reader_.makeTextsIn(builder); }
-  AttributeKey key() const { return static_cast<AttributeKey>(key_); }
-
-  /// To the next attribute with a known key; false at the end.
-  bool next() {
-    while (true) {
-      if (hasValue_) reader_.skip(end_ - std::min(end_, reader_.place()));
-      hasValue_ = false;
-      if (reader_.atEnd() || !reader_.ok()) return false;
-      key_ = reader_.byte();
-      const std::size_t size = reader_.length();
-      if (!reader_.ok()) return false;
-      end_ = reader_.place() + size;
-      hasValue_ = true;
-      if (isKnownKey(key_)) return true;
-    }
-  }
-
-  /// The value of the attribute in hand; once. Where it is that of another attribute, of which the
-  /// number is given, `earlier` is asked for it. Null when it is not well formed.
-  template <typename Earlier>
-  Value value(const Earlier& earlier) {
-    const std::size_t begin = reader_.place();
-    Value found;
-    if (reader_.byte() == kSameAs) {
-      found = earlier(reader_.byte());
-    } else {
-      reader_.rewind(begin);
-      found = reader_.value();
-    }
-    return reader_.ok() && reader_.place() == end_ ? found : Value();
-  }
-
- private:
-  Reader reader_;
-  const ValuePool::Entry* shape_ = nullptr;
-  std::uint8_t key_ = 0;
-  std::size_t end_ = 0;
-  bool hasValue_ = false;
-};
-
-// Both halves of a record, in the order of the names; only what is wanted is read. `earlier` gives
-// what was visited under an attribute's number, null for one that was not. Both visitors may end
-// the walk with false.
-template <typename Wanted, typename Earlier, typename VisitShape, typename Visit>
-void visitRecord(Walk& walk, std::string_view record, const ValuePool& pool, const Wanted& isWanted,
-                 const Earlier& earlier, const VisitShape& visitShape, const Visit& visit) {
-  const Dictionary shape = walk.shapeAttributes();
-  const AttributeKey* keys = shape.empty() ? nullptr : walk.shape()->keys.data();
-  std::size_t place = 0;
-  const auto& ranks = nameRanks();
-  const auto visitShapeBelow = [&](std::uint16_t rank) {
-    for (; place < shape.size() && ranks[static_cast<std::size_t>(keys[place])] < rank; ++place) {
-      if (isWanted(keys[place]) && !visitShape(keys[place], shape.begin()[place])) return false;
-    }
-    return true;
-  };
-  while (walk.next()) {
-    if (!isWanted(walk.key())) continue;
-    Value value = walk.value(earlier);
-    if (value.isNull()) value = recordValue(record, walk.key(), pool);  // as one not wanted
-    if (!visitShapeBelow(rankOf(walk.key()))) return;
-    if (!value.isNull() && !visit(walk.key(), std::move(value))) return;
-  }
-  visitShapeBelow(UINT16_MAX);
-}
-
-// For those who keep nothing of what they visit.
+// Both halves of a record, in the order of the names; only what is wanted is read.
 template <typename Wanted>
 void visitEach(std::string_view record, const ValuePool& pool, const Wanted& isWanted,
                const std::function<bool(AttributeKey key, const Value& value)>& visit) {
   std::array<Value, kKeys> seen;
-  Walk walk(record, pool);
+  RecordWalk walk(record, pool);
+  const Dictionary shape = walk.shapeAttributes();
+  const AttributeKey* keys = shape.empty() ? nullptr : walk.shape()->keys.data();
+  std::size_t place = 0;
+  const auto& ranks = nameRanks();
   const auto visitOne = [&](AttributeKey key, Value value) {
     const bool goesOn = visit(key, value);
     seen[static_cast<std::size_t>(key)] = std::move(value);
     return goesOn;
   };
-  visitRecord(
-      walk, record, pool, isWanted, [&seen](std::uint8_t number) { return seen[number]; },
-      [&](AttributeKey key, const Dictionary::Entry& entry) { return visitOne(key, entry.value); },
-      visitOne);
-}
-
-// Makes the dictionary of a record's attributes.
-class AttributesOfRecord {
- public:
-  AttributesOfRecord(std::string_view record, const ValuePool& pool,
-                     const AttributeSelection& wanted, std::string_view identifier)
-      : record_(record),
-        pool_(pool),
-        wanted_(wanted),
-        identifier_(identifier),
-        walk_(record, pool),
-        builder_(std::min(kMostAttributes, wanted.count()), record.size() + kMoreTextBytes,
-                 walk_.shapeAttributes()) {
-    walk_.makeTextsIn(builder_);
-  }
-
-  Dictionary make() {
-    visitRecord(
-        walk_, record_, pool_, [this](AttributeKey key) { return isWanted(key); },
-        [this](std::uint8_t number) { return earlier(number); },
-        [this](AttributeKey key, const Dictionary::Entry& entry) {
-          putIdentifierBefore(rank(key));
-          putShared(key, entry);
-          return true;
-        },
-        [this](AttributeKey key, Value value) {
-          putIdentifierBefore(rank(key));
-          put(key, std::move(value));
-          return true;
-        });
-    putIdentifierBefore(UINT16_MAX);
-    return disordered_ ? std::move(*disordered_) : builder_.finish();
-  }
-
- private:
-  // All that there are.
-  static constexpr std::size_t kMostAttributes =
-      static_cast<std::size_t>(AttributeKey::kFetchedCount) +
-      static_cast<std::size_t>(AttributeKey::kEnd) -
-      static_cast<std::size_t>(AttributeKey::kBeforeQueryOnly);
-  static_assert(kMostAttributes <= DictionaryBuilder::kMostEntries);
-  // The heads of texts, and those that a record has in a shorter form.
-  static constexpr std::size_t kMoreTextBytes = 1024;
-
-  bool isWanted(AttributeKey key) const { return wanted_[static_cast<std::size_t>(key)]; }
-
-  int rank(AttributeKey key) const { return ranks_[static_cast<std::size_t>(key)]; }
-
-  // In the order of the names, unless the record is not what was written.
-  bool isNext(AttributeKey key) {
-    if (disordered_) return false;
-    if (rank(key) > last_) {
-      last_ = rank(key);
-      return true;
+  const auto visitShapeBelow = [&](std::uint16_t rank) {
+    for (; place < shape.size() && ranks[static_cast<std::size_t>(keys[place])] < rank; ++place) {
+      if (isWanted(keys[place]) && !visitOne(keys[place], shape.begin()[place].value)) return false;
     }
-    disordered_ = builder_.finish();
-    places_.fill(0);
-    return false;
+    return true;
+  };
+  while (walk.next()) {
+    if (!isWanted(walk.key())) continue;
+    Value value = walk.value([&seen](std::uint8_t number) { return seen[number]; });
+    if (value.isNull()) value = recordValue(record, walk.key(), pool);  // as one not wanted
+    if (!visitShapeBelow(rankOf(walk.key()))) return;
+    if (!value.isNull() && !visitOne(walk.key(), std::move(value))) return;
   }
-
-  void put(AttributeKey key, Value value) {
-    if (!isNext(key)) return disordered_->set(keyText(key), std::move(value));
-    builder_.append(keyText(key), std::move(value));
-    places_[static_cast<std::size_t>(key)] = static_cast<std::uint8_t>(builder_.size());
-  }
-
-  void putShared(AttributeKey key, const Dictionary::Entry& entry) {
-    if (!isNext(key)) return disordered_->set(entry.key, entry.value);
-    builder_.appendLent(entry);
-  }
-
-  void putIdentifierBefore(int next) {
-    if (!isIdentifierDue_ || next < rank(AttributeKey::kExternalID)) return;
-    isIdentifierDue_ = false;
-    put(AttributeKey::kExternalID, builder_.text(identifier_));
-  }
-
-  Value earlier(std::uint8_t number) const {
-    return places_[number] == 0 ? Value() : builder_.begin()[places_[number] - 1].value;
-  }
-
-  const std::string_view record_;
-  const ValuePool& pool_;
-  const AttributeSelection& wanted_;
-  const std::string_view identifier_;
-  Walk walk_;
-  DictionaryBuilder builder_;
-  std::optional<Dictionary> disordered_;
-  std::array<std::uint8_t, kKeys> places_{};  // of a key's entry, counted from 1
-  const std::array<std::uint16_t, kKeys>& ranks_ = nameRanks();
-  int last_ = -1;
-  bool isIdentifierDue_ = isWanted(AttributeKey::kExternalID);
-};
+  visitShapeBelow(UINT16_MAX);
+}
 
 }  // namespace
 
@@ -734,7 +354,7 @@ std::uint64_t fingerprint(std::string_view bytes) noexcept {
 std::string encodeRecord(const Dictionary& attributes, const Dictionary& queryOnly,
                          ValuePool& pool) {
   std::vector<Item> items = itemsOf(attributes, queryOnly);
-  std::string out(kRecordChecksumSize, '\0');
+  std::string out(kChecksumSize, '\0');
   const auto shape = takeShape(items, pool);
   putNumber(out, shape ? std::uint64_t{*shape} + 1 : 0);
   Writer writer(out, &pool);
@@ -747,26 +367,26 @@ std::string encodeRecord(const Dictionary& attributes, const Dictionary& queryOn
     }
   }
   const auto checksum = static_cast<std::uint32_t>(fingerprint(body(out)));
-  std::memcpy(out.data(), &checksum, kRecordChecksumSize);
+  std::memcpy(out.data(), &checksum, kChecksumSize);
   return out;
 }
 
 bool isIntactRecord(std::string_view record) noexcept {
   std::uint32_t stored = 0;
-  if (record.size() < kRecordChecksumSize) return false;
-  std::memcpy(&stored, record.data(), kRecordChecksumSize);
+  if (record.size() < kChecksumSize) return false;
+  std::memcpy(&stored, record.data(), kChecksumSize);
   return stored == static_cast<std::uint32_t>(fingerprint(body(record)));
 }
 
 std::optional<std::uint32_t> recordShape(std::string_view record) noexcept {
-  Reader reader(record, std::min(kRecordChecksumSize, record.size()), record.size(), nullptr);
+  RecordReader reader(record, std::min(kChecksumSize, record.size()), record.size(), nullptr);
   const std::uint64_t shape = reader.number();
   if (!reader.ok() || shape == 0 || shape > UINT32_MAX) return std::nullopt;
   return static_cast<std::uint32_t>(shape - 1);
 }
 
 Value recordValue(std::string_view record, AttributeKey key, const ValuePool& pool) {
-  Walk walk(record, pool);
+  RecordWalk walk(record, pool);
   if (walk.shape() != nullptr && isShapeAttribute(key)) {
     const auto& keys = walk.shape()->keys;
     const auto found = std::find(keys.begin(), keys.end(), key);
@@ -797,9 +417,16 @@ void forEachInRecord(std::string_view record, const ValuePool& pool,
   visitEach(record, pool, isWanted, visit);
 }
 
-Dictionary recordAttributes(std::string_view record, const ValuePool& pool,
-                            const AttributeSelection& wanted, std::string_view identifier) {
-  return AttributesOfRecord(record, pool, wanted, identifier).make();
+bool hasRecordValue(std::string_view record, AttributeKey key, const ValuePool& pool) {
+  RecordWalk walk(record, pool);
+  if (walk.shape() != nullptr && isShapeAttribute(key)) {
+    const auto& keys = walk.shape()->keys;
+    return std::find(keys.begin(), keys.end(), key) != keys.end();
+  }
+  while (walk.next()) {
+    if (walk.key() == key) return true;
+  }
+  return false;
 }
 
 std::string encodeValue(const Value& value) {
@@ -809,7 +436,7 @@ std::string encodeValue(const Value& value) {
 }
 
 Value decodeValue(std::string_view bytes) {
-  Reader reader(bytes, 0, bytes.size(), nullptr);
+  RecordReader reader(bytes, 0, bytes.size(), nullptr);
   Value found = reader.value();
   return reader.ok() && reader.atEnd() ? found : Value();
 }

@@ -8,7 +8,6 @@
 // them is safe. Any thread, but for what the pool asks.
 #pragma once
 
-#include <bitset>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -39,13 +38,8 @@ std::optional<std::uint32_t> recordShape(std::string_view record) noexcept;
 /// Null when the attribute is absent.
 Value recordValue(std::string_view record, AttributeKey key, const ValuePool& pool);
 
-/// Some of all attributes, by their numbers.
-using AttributeSelection = std::bitset<256>;
-
-/// Those of `wanted` that the record has, and `identifier`, which no record has by itself, as
-/// kExternalID when that is wanted.
-Dictionary recordAttributes(std::string_view record, const ValuePool& pool,
-                            const AttributeSelection& wanted, std::string_view identifier);
+/// Whether recordValue() is not null, for a record that is intact.
+bool hasRecordValue(std::string_view record, AttributeKey key, const ValuePool& pool);
 
 /// Calls `visit` with each attribute in the order of the names, until it returns false. Shared
 /// values stay shared.

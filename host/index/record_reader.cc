@@ -1,0 +1,178 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/index/record_reader.h"
+
+#include <cstring>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "host/store/message_attributes.h"
+
+namespace thmp {
+
+namespace record_format {
+
+const std::array<std::uint16_t, kKeys>& nameRanks() {
+  static const auto ranks = [] {
+    std::vector<AttributeKey> keys;
+    for (std::size_t number = 0; number < kKeys; ++number) {
+      if (isKnownKey(static_cast<std::uint8_t>(number))) {
+        keys.push_back(static_cast<AttributeKey>(number));
+      }
+    }
+    std::sort(keys.begin(), keys.end(),
+              [](AttributeKey a, AttributeKey b) { return keyText(a).view() < keyText(b).view(); });
+    std::array<std::uint16_t, kKeys> all{};
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      all[static_cast<std::size_t>(keys[i])] = static_cast<std::uint16_t>(i);
+    }
+    return all;
+  }();
+  return ranks;
+}
+
+}  // namespace record_format
+
+using namespace record_format;
+
+bool RecordReader::isText() const {
+  switch (tag()) {
+    case kText:
+    case kEarlier:
+    case kAngled:
+    case kMessageUrl:
+      return true;
+    case kPooled: {
+      const auto end = static_cast<std::size_t>(end_ - whole_);
+      const Value* value = RecordReader({whole_, end}, place(), end, pool_).pooled();
+      return value != nullptr && value->kind() == Value::Kind::kText;
+    }
+    default:
+      return false;
+  }
+}
+
+Value RecordReader::value(int depth) {
+  const std::size_t begin = place();
+  switch (byte()) {
+    case kFalse:
+      return Value(false);
+    case kTrue:
+      return Value(true);
+    case kInteger:
+      return Value(signedNumber());
+    case kUnsigned:
+      return Value(number());
+    case kReal:
+      return Value(real());
+    case kWholeDate:
+      return Value(Date{static_cast<double>(signedNumber())});
+    case kDate:
+      return Value(Date{real()});
+    case kData:
+      return Value(Data{std::string(bytes())});
+    case kText:
+    case kEarlier:
+    case kAngled:
+    case kMessageUrl:
+      goTo(begin);
+      return Value(text());
+    case kArray:
+      return array(depth);
+    case kDictionary:
+      return dictionary(depth);
+    case kPooled:
+      goTo(begin);
+      if (const Value* shared = pooled()) return *shared;
+      break;
+    default:
+      break;
+  }
+  ok_ = false;
+  return {};
+}
+
+std::string_view RecordReader::text() {
+  const std::size_t begin = place();
+  switch (byte()) {
+    case kText:
+      return bytes();
+    case kEarlier:
+      return earlier(begin);
+    case kAngled:
+      return composed_ = "<" + std::string(earlier(begin)) + ">";
+    case kMessageUrl:
+      return composed_ = messageUrl(earlier(begin));
+    default:
+      ok_ = false;
+      return {};
+  }
+}
+
+const Value* RecordReader::pooled() {
+  byte();
+  const std::uint64_t number = this->number();
+  const ValuePool::Entry* entry = pool_ == nullptr || number > UINT32_MAX
+                                      ? nullptr
+                                      : pool_->at(static_cast<std::uint32_t>(number));
+  if (entry != nullptr) return &entry->value;
+  ok_ = false;
+  return nullptr;
+}
+
+std::size_t RecordReader::count(int depth) {
+  const std::uint64_t many = number();
+  if (depth >= kMostDepth && many > 0) ok_ = false;
+  return need(many) ? static_cast<std::size_t>(many) : 0;
+}
+
+double RecordReader::real() {
+  double value = 0;
+  if (!need(sizeof value)) return value;
+  std::memcpy(&value, at_, sizeof value);
+  at_ += sizeof value;
+  return value;
+}
+
+std::string_view RecordReader::bytes() {
+  const std::uint64_t size = number();
+  if (!need(size)) return {};
+  const std::string_view found(at_, size);
+  at_ += size;
+  return found;
+}
+
+// The text that stands at a place before `begin`; an empty one when there is none.
+std::string_view RecordReader::earlier(std::size_t begin) {
+  const std::uint64_t place = number();
+  if (place < begin) {
+    RecordReader reader({whole_, begin}, static_cast<std::size_t>(place), begin, nullptr);
+    const bool isText = reader.byte() == kText;
+    const std::string_view found = reader.bytes();
+    if (isText && reader.ok()) return found;
+  }
+  ok_ = false;
+  return {};
+}
+
+Value RecordReader::array(int depth) {
+  const std::size_t size = count(depth);
+  Array values;
+  values.reserve(size);
+  for (std::size_t i = 0; i < size && ok_; ++i) values.push_back(value(depth + 1));
+  return Value(std::move(values));
+}
+
+Value RecordReader::dictionary(int depth) {
+  const std::size_t size = count(depth);
+  std::vector<Dictionary::Entry> entries;
+  entries.reserve(size);
+  for (std::size_t i = 0; i < size && ok_; ++i) {
+    const std::optional<Text> key = value(depth + 1).asSharedText();
+    if (!key) ok_ = false;
+    if (ok_) entries.push_back({*key, value(depth + 1)});
+  }
+  return Value(Dictionary(std::move(entries)));
+}
+
+}  // namespace thmp
