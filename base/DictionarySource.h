@@ -19,6 +19,15 @@ struct EntryLayout {
   std::vector<Value> values;
 };
 
+class EntrySink;
+
+/// A value that is known by the address of what it is made from. It is given, when it has not been
+/// given before, by add() or addText(), or between a begin and end().
+struct LentValue {
+  const void* address;
+  void (*give)(const void* address, EntrySink& sink);
+};
+
 /// Takes the entries of one dictionary. What is lent lives as long as the dictionary's source, so
 /// that it need not be counted. May throw std::bad_alloc. One thread.
 class EntrySink {
@@ -36,6 +45,7 @@ class EntrySink {
   /// A text of which there is no object.
   virtual Handle addText(std::string_view bytes) = 0;
   virtual Handle addLent(const Value& value) = 0;
+  virtual Handle addLent(const LentValue& value) = 0;
   virtual void addAgain(Handle value) = 0;
 
   /// What follows up to end() are the elements of an array, or by turns the keys and values of a

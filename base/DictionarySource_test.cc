@@ -173,6 +173,47 @@ TEST(GivenDictionary, HasOneValueUnderSeveralKeys) {
   EXPECT_EQ(Value(given), expected);
 }
 
+TEST(GivenDictionary, AsksOnceForWhatSeveralHaveLent) {
+  static const EntryLayout kLayout{{"a", "b"}, {Value(), Value()}};
+  struct Lent {
+    int asked = 0;
+    std::string text;
+  };
+  static Lent one;
+  static Lent two;
+  one = {0, "one"};
+  two = {0, "two"};
+  const auto lend = [](const Lent& lent) {
+    return LentValue{&lent, [](const void* address, EntrySink& sink) {
+                       auto& asked = *static_cast<Lent*>(const_cast<void*>(address));
+                       ++asked.asked;
+                       sink.beginArray();
+                       sink.addText(asked.text);
+                       sink.end();
+                     }};
+  };
+  std::vector<Value> rows;
+  for (int i = 0; i < 3; ++i) {
+    rows.emplace_back(Dictionary(std::make_shared<const Giving>([&lend](EntrySink& sink) {
+      sink.begin(kLayout);
+      sink.addAgain(sink.addLent(lend(one)));
+    })));
+    rows.emplace_back(Dictionary(std::make_shared<const Giving>([&lend](EntrySink& sink) {
+      sink.begin(kLayout);
+      sink.addLent(lend(two));
+      sink.addLent(lend(one));
+    })));
+  }
+  const Value back = asWritten(Array(rows));
+  const Value same = Dictionary{{"a", Array{"one"}}, {"b", Array{"one"}}};
+  const Value both = Dictionary{{"a", Array{"two"}}, {"b", Array{"one"}}};
+  EXPECT_EQ(back, Value(Array{same, both, same, both, same, both}));
+  EXPECT_EQ(one.asked, 1);
+  EXPECT_EQ(two.asked, 1);
+  EXPECT_EQ(rows[0], same);
+  EXPECT_EQ(rows[1], both);
+}
+
 TEST(GivenDictionary, LacksNothingThatItsLayoutPromises) {
   static const EntryLayout kLayout{{"a", "b", "c"}, {Value(), Value(2), Value()}};
   const Dictionary given(std::make_shared<const Giving>([](EntrySink& sink) {

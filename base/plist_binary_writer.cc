@@ -44,7 +44,7 @@ std::uint64_t mix(std::uint64_t a, std::uint64_t b) {
 
 constexpr std::uint32_t kNoNumber = UINT32_MAX;
 
-/// Numbers by the address of a node, with open addressing.
+/// Numbers by an address, with open addressing.
 class AddressTable {
  public:
   /// REQUIRES: a power of two.
@@ -52,11 +52,11 @@ class AddressTable {
 
   /// The place of its number: kNoNumber when it is new, and for the caller to fill then, before
   /// another is asked for.
-  std::uint32_t& at(const Node* node) {
+  std::uint32_t& at(const void* address) {
     if ((used_ + 1) * 2 > slots_.size()) grow();
-    Slot& slot = slots_[indexOf(node)];
+    Slot& slot = slots_[indexOf(address)];
     if (slot.number == kNoNumber) {
-      slot.node = node;
+      slot.address = address;
       ++used_;
     }
     return slot.number;
@@ -64,14 +64,14 @@ class AddressTable {
 
  private:
   struct Slot {
-    const Node* node = nullptr;
+    const void* address = nullptr;
     std::uint32_t number = kNoNumber;
   };
 
-  std::size_t indexOf(const Node* node) const {
+  std::size_t indexOf(const void* address) const {
     const std::size_t mask = slots_.size() - 1;
-    std::size_t i = (reinterpret_cast<std::uintptr_t>(node) * kGolden >> 32) & mask;
-    while (slots_[i].number != kNoNumber && slots_[i].node != node) i = (i + 1) & mask;
+    std::size_t i = (reinterpret_cast<std::uintptr_t>(address) * kGolden >> 32) & mask;
+    while (slots_[i].number != kNoNumber && slots_[i].address != address) i = (i + 1) & mask;
     return i;
   }
 
@@ -79,7 +79,7 @@ class AddressTable {
     std::vector<Slot> old(slots_.size() * 2);
     old.swap(slots_);
     for (const Slot& slot : old) {
-      if (slot.number != kNoNumber) slots_[indexOf(slot.node)] = slot;
+      if (slot.number != kNoNumber) slots_[indexOf(slot.address)] = slot;
     }
   }
 
@@ -559,6 +559,7 @@ class BinaryWriter final : private EntrySink {
   Handle add(Value value) override;
   Handle addText(std::string_view bytes) override { return push(numberOfText(bytes)); }
   Handle addLent(const Value& value) override;
+  Handle addLent(const LentValue& value) override;
   void addAgain(Handle value) override { push(value); }
   void beginArray() override { begun_.push_back({row_.size(), true}); }
   void beginDictionary() override { begun_.push_back({row_.size(), false}); }
@@ -571,6 +572,7 @@ class BinaryWriter final : private EntrySink {
   std::vector<Container> containers_;   // in the order in which they were met
   std::vector<std::uint32_t> references_;
   AddressTable numbers_{4096};
+  AddressTable lent_{4096};  // of lent values that have been given
   AddressTable names_{256};  // of keys that are never freed
   ContentTable contents_;
   std::array<Recent, 64> recent_;
@@ -678,6 +680,13 @@ EntrySink::Handle BinaryWriter::addLent(const Value& value) {
   if (isWritable(value)) return push(numberOf(value));
   refuse(value, "in a dictionary");
   return push(0);
+}
+
+EntrySink::Handle BinaryWriter::addLent(const LentValue& value) {
+  std::uint32_t& number = lent_.at(value.address);
+  if (number != kNoNumber) return push(number);
+  value.give(value.address, *this);
+  return number = row_.back();
 }
 
 EntrySink::Handle BinaryWriter::end() {

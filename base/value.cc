@@ -62,6 +62,10 @@ class EntryCollector final : public EntrySink {
   }
   Handle addText(std::string_view bytes) override { return add(Value(bytes)); }
   Handle addLent(const Value& value) override { return add(value); }
+  Handle addLent(const LentValue& value) override {
+    value.give(value.address, *this);
+    return static_cast<Handle>(given_.size() - 1);
+  }
   void addAgain(Handle value) override { row_.push_back(given_[value]); }
   void beginArray() override { begun_.push_back({row_.size(), true}); }
   void beginDictionary() override { begun_.push_back({row_.size(), false}); }

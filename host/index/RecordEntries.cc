@@ -34,8 +34,8 @@ struct Standing {
 // Gives the values of one record.
 class Giver {
  public:
-  Giver(std::string_view record, const ValuePool& pool, EntrySink& sink)
-      : record_(record), pool_(pool), sink_(sink), reader_(record, 0, record.size(), &pool) {}
+  Giver(std::string_view record, const ValuePool* pool, EntrySink& sink)
+      : record_(record), pool_(pool), sink_(sink), reader_(record, 0, record.size(), pool) {}
 
   void giveAttribute(AttributeKey key, std::size_t begin) {
     reader_.goTo(begin);
@@ -49,18 +49,12 @@ class Giver {
     const std::size_t other = reader_.byte();
     if (isGiven_[other]) {
       sink_.addAgain(handles_[other]);
-    } else if (Value value = recordValue(record_, key, pool_); !value.isNull()) {  // not wanted
+    } else if (Value value = recordValue(record_, key, *pool_); !value.isNull()) {  // not wanted
       sink_.add(std::move(value));
     } else {
       sink_.addText({});
     }
   }
-
- private:
-  struct KnownText {
-    std::size_t place;
-    EntrySink::Handle handle;
-  };
 
   // What is not well formed becomes an empty text.
   void give(int depth) {
@@ -82,8 +76,8 @@ class Giver {
         giveContainer(depth);
         return;
       case kPooled:
-        if (const Value* value = reader_.pooled()) {
-          last_ = sink_.addLent(*value);
+        if (const auto number = reader_.pooled()) {
+          last_ = sink_.addLent(pool_->lent(*number));
           return;
         }
         break;
@@ -95,6 +89,12 @@ class Giver {
     }
     last_ = sink_.addText({});
   }
+
+ private:
+  struct KnownText {
+    std::size_t place;
+    EntrySink::Handle handle;
+  };
 
   void giveEarlier(std::size_t begin) {
     const std::size_t place = reader_.earlierPlace();
@@ -126,7 +126,7 @@ class Giver {
   }
 
   const std::string_view record_;
-  const ValuePool& pool_;
+  const ValuePool* const pool_;  // null for a value by itself
   EntrySink& sink_;
   RecordReader reader_;
   AttributeSelection isGiven_;
@@ -138,13 +138,15 @@ class Giver {
 
 }  // namespace
 
+void giveValue(std::string_view bytes, EntrySink& sink) { Giver(bytes, nullptr, sink).give(0); }
+
 void RecordEntries::give(std::string_view record, const ValuePool& pool,
                          std::string_view identifier, EntrySink& sink) const {
   RecordWalk walk(record, pool);
   const Standing standing(walk);
   const Layout& layout = layoutOf(walk.shape(), {standing.keys.data(), standing.count});
   sink.begin(layout.entries);
-  Giver giver(record, pool, sink);
+  Giver giver(record, &pool, sink);
   for (std::size_t i = 0; i < standing.count; ++i) {
     if (i == layout.identifierBefore) sink.addText(identifier);
     if (layout.isGiven[i]) giver.giveAttribute(standing.key(i), standing.begins[i]);

@@ -23,6 +23,9 @@ namespace thmp {
 /// Some of all attributes, by their numbers.
 using AttributeSelection = std::bitset<256>;
 
+/// Gives `sink` one value by itself, from the bytes that encodeValue() made of it.
+void giveValue(std::string_view bytes, EntrySink& sink);
+
 class RecordEntries {
  public:
   explicit RecordEntries(const AttributeSelection& wanted) : wanted_(wanted) {}

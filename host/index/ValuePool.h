@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Values that many messages have alike: people, addresses, lists of them, types. Each is kept once
-// and known by a number, on disk in the table `pool` and in memory as one shared object, so that
-// records are short, and items made from them share all that can be shared.
+// and known by a number, on disk in the table `pool` and in memory in the same bytes, so that
+// records are short. Once it is asked for it is one shared object, so that items made from records
+// share all that can be shared.
 //
 // A value is taken in when it is seen a fourth time; what few messages have stays in their records,
 // and costs no memory.
@@ -15,13 +16,14 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "base/value.h"
+#include "base/DictionarySource.h"
 #include "host/store/attribute_keys.h"
 #include "host/store/sqlite_connection.h"
 
@@ -48,13 +50,18 @@ class ValuePool {
     std::vector<AttributeKey> keys;
   };
 
-  /// Null for a number that is not known; otherwise valid as long as the pool.
-  const Entry* at(std::uint32_t number) const noexcept;
+  /// Null for a number that is not known; otherwise valid as long as the pool. May throw
+  /// std::bad_alloc when it is asked for the first time.
+  const Entry* at(std::uint32_t number) const;
+  /// The same for a sink, without making it. REQUIRES: the number is known.
+  LentValue lent(std::uint32_t number) const noexcept;
+  /// As encodeValue() made them. REQUIRES: the number is known.
+  std::string_view bytes(std::uint32_t number) const noexcept { return bytesOf(slotAt(number)); }
   std::uint32_t size() const noexcept { return size_.load(std::memory_order_acquire); }
 
-  /// The number of `value`, which was encoded as `bytes`; empty when it is not in the pool and not
+  /// The number of the value that was encoded as `bytes`; empty when it is not in the pool and not
   /// taken in now, as it has been seen too seldom. With `always` it is taken in at once.
-  std::optional<std::uint32_t> intern(const Value& value, std::string_view bytes, bool always);
+  std::optional<std::uint32_t> intern(std::string_view bytes, bool always);
 
   /// Writes what was taken in since the last time, in the transaction that is open.
   bool store(Connection& writer);
@@ -67,15 +74,24 @@ class ValuePool {
   static constexpr std::size_t kSeenSlots = std::size_t{1} << 20;
   static constexpr std::uint32_t kSeenBefore = 3;
 
-  struct Chunk {
-    std::array<Entry, kChunk> entries;
+  static constexpr std::size_t kBlock = std::size_t{64} << 10;
+
+  struct Slot {
+    const char* bytes = nullptr;  // their count, four bytes, stands before them
+    std::atomic<const Entry*> entry{nullptr};
   };
-  struct Unstored {
-    std::uint32_t number;
-    std::string bytes;
+  struct Chunk {
+    std::array<Slot, kChunk> slots;
+  };
+  struct Free {
+    void operator()(void* memory) const noexcept { std::free(memory); }
   };
 
-  bool append(Value value);
+  static std::unique_ptr<const Entry> decoded(std::string_view bytes);
+  static std::string_view bytesOf(const Slot& slot) noexcept;
+  Slot& slotAt(std::uint32_t number) const noexcept;
+  bool append(std::string_view bytes);
+  const char* keep(std::string_view bytes);
   bool isCommon(std::uint64_t hash);
   std::uint32_t& slotOf(std::uint32_t hash) { return slots_[hash & (slots_.size() - 1)]; }
   void link(std::uint32_t number);
@@ -84,13 +100,19 @@ class ValuePool {
   std::vector<std::atomic<Chunk*>> chunks_;
   std::atomic<std::uint32_t> size_{0};
 
-  // For writing only.
-  std::vector<std::uint32_t> hashes_;  // by number
-  std::vector<std::uint32_t> next_;    // by number: of those in one slot, as number + 1
-  std::vector<std::uint32_t> slots_;   // as many as a power of two: a number + 1
-  std::vector<std::uint32_t> seen_;    // by the hash's low bits: its high bits, and how often
-  std::vector<Unstored> unstored_;     // since the last transaction ended
-  std::size_t written_ = 0;            // of those
+  // On the thread that writes only.
+  std::vector<std::unique_ptr<char[]>> blocks_;  // of the values' bytes
+  std::size_t lastBlock_ = 0;                    // the size of the last one
+  std::size_t left_ = 0;                         // bytes at its end
+  std::vector<std::uint32_t> hashes_;            // by number
+  std::vector<std::uint32_t> next_;              // by number: of those in one slot, as number + 1
+  std::vector<std::uint32_t> slots_;             // as many as a power of two: a number + 1
+  /// By the hash's low bits: its high bits, and how often. Takes up memory where it is used.
+  std::unique_ptr<std::uint32_t[], Free> seen_;
+  /// Somebody may have been given one by a record that is not what was written.
+  std::vector<std::unique_ptr<const Entry>> forgotten_;
+  std::uint32_t stored_ = 0;   // values that were there when the last transaction ended
+  std::uint32_t written_ = 0;  // values that the one that is open has written, with those
 };
 
 }  // namespace thmp

@@ -128,7 +128,7 @@ class Writer {
     scratch_.clear();
     Writer(scratch_, nullptr).put(value);
     if (scratch_.size() < kShortText || scratch_.size() > kLongestPooled) return false;
-    const auto number = pool_->intern(value, scratch_, /*always=*/false);
+    const auto number = pool_->intern(scratch_, /*always=*/false);
     if (!number) return false;
     out_.push_back(kPooled);
     putNumber(out_, *number);
@@ -214,7 +214,7 @@ std::optional<std::uint32_t> takeShape(std::vector<Item>& items, ValuePool& pool
   }
   if (shape.empty()) return std::nullopt;
   const Value whole{Dictionary(std::move(shape))};
-  const auto number = pool.intern(whole, encodeValue(whole), /*always=*/true);
+  const auto number = pool.intern(encodeValue(whole), /*always=*/true);
   if (number) {
     std::erase_if(items, [](const Item& item) { return isShapeAttribute(item.key); });
   }

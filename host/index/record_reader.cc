@@ -44,8 +44,8 @@ bool RecordReader::isText() const {
       return true;
     case kPooled: {
       const auto end = static_cast<std::size_t>(end_ - whole_);
-      const Value* value = RecordReader({whole_, end}, place(), end, pool_).pooled();
-      return value != nullptr && value->kind() == Value::Kind::kText;
+      const auto number = RecordReader({whole_, end}, place(), end, pool_).pooled();
+      return number && pool_->bytes(*number).front() == kText;
     }
     default:
       return false;
@@ -83,7 +83,7 @@ Value RecordReader::value(int depth) {
       return dictionary(depth);
     case kPooled:
       goTo(begin);
-      if (const Value* shared = pooled()) return *shared;
+      if (const auto number = pooled()) return pool_->at(*number)->value;
       break;
     default:
       break;
@@ -109,15 +109,12 @@ std::string_view RecordReader::text() {
   }
 }
 
-const Value* RecordReader::pooled() {
+std::optional<std::uint32_t> RecordReader::pooled() {
   byte();
   const std::uint64_t number = this->number();
-  const ValuePool::Entry* entry = pool_ == nullptr || number > UINT32_MAX
-                                      ? nullptr
-                                      : pool_->at(static_cast<std::uint32_t>(number));
-  if (entry != nullptr) return &entry->value;
+  if (pool_ != nullptr && number < pool_->size()) return static_cast<std::uint32_t>(number);
   ok_ = false;
-  return nullptr;
+  return std::nullopt;
 }
 
 std::size_t RecordReader::count(int depth) {

@@ -8,6 +8,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -109,8 +110,8 @@ class RecordReader {
     byte();
     return static_cast<std::size_t>(number());
   }
-  /// Of the pool; null when it has none of that number.
-  const Value* pooled();
+  /// A number that the pool has.
+  std::optional<std::uint32_t> pooled();
   /// How many elements follow, after an array's or dictionary's tag; of a dictionary each is a key
   /// and a value. Each takes a byte at least, so a count that cannot be is found before it is
   /// believed.
