@@ -9,7 +9,6 @@
 #include <bit>
 #include <cmath>
 #include <cstring>
-#include <deque>
 #include <memory>
 #include <span>
 #include <string>
@@ -44,11 +43,13 @@ std::uint64_t mix(std::uint64_t a, std::uint64_t b) {
 
 constexpr std::uint32_t kNoNumber = UINT32_MAX;
 
+/// Of a table; a power of two. Most property lists are small.
+constexpr std::size_t kFirstSlots = 64;
+
 /// Numbers by an address, with open addressing.
 class AddressTable {
  public:
-  /// REQUIRES: a power of two.
-  explicit AddressTable(std::size_t slots) : slots_(slots) {}
+  AddressTable() : slots_(kFirstSlots) {}
 
   /// The place of its number: kNoNumber when it is new, and for the caller to fill then, before
   /// another is asked for.
@@ -129,7 +130,7 @@ class Output {
 class ContentTable {
  public:
   ContentTable(std::uint64_t seed, const Output& out, const std::vector<std::uint64_t>& offsets)
-      : seed_(seed), out_(out), offsets_(offsets), slots_(1024) {}
+      : seed_(seed), out_(out), offsets_(offsets), slots_(kFirstSlots) {}
 
   /// The place of the number of the one that stands at `begin` of what was written, up to its end;
   /// as AddressTable::at.
@@ -316,7 +317,6 @@ inline bool copyAscii(char* to, std::string_view text) {
 }
 
 constexpr std::size_t kLongestCount = 10;  // what storeCount() may write
-constexpr std::size_t kTrailerSize = 32;
 
 /// Returns the place after it.
 inline char* storeCount(char* place, unsigned type, std::size_t count) {
@@ -571,17 +571,16 @@ class BinaryWriter final : private EntrySink {
   std::vector<std::uint64_t> offsets_;  // by number
   std::vector<Container> containers_;   // in the order in which they were met
   std::vector<std::uint32_t> references_;
-  AddressTable numbers_{4096};
-  AddressTable lent_{4096};  // of lent values that have been given
-  AddressTable names_{256};  // of keys that are never freed
+  AddressTable numbers_;
+  AddressTable lent_;   // of lent values that have been given
+  AddressTable names_;  // of keys that are never freed
   ContentTable contents_;
   std::array<Recent, 64> recent_;
   std::vector<std::uint32_t> row_;  // of elements: their numbers
   std::vector<Begun> begun_;
   std::vector<Value> kept_;              // their addresses must not become those of others
   const KnownLayout* layout_ = nullptr;  // of the dictionary whose turn it is
-  std::deque<KnownLayout> layouts_;
-  std::unordered_map<const EntryLayout*, const KnownLayout*> layoutsByAddress_;
+  std::unordered_map<const EntryLayout*, KnownLayout> layouts_;
 };
 
 void BinaryWriter::numberElements(std::size_t place) {
@@ -596,8 +595,9 @@ void BinaryWriter::numberElements(std::size_t place) {
   if (containers_[place].isArray) {
     for (std::size_t i = 0; i < node->size; ++i) {
       const Value& value = valuesOf(node)[i];
-      if (!isWritable(value))
+      if (!isWritable(value)) {
         return refuse(value, "at index " + std::to_string(i) + " of an array");
+      }
       push(numberOfElement(value));
     }
   } else {
@@ -649,9 +649,9 @@ void BinaryWriter::takeEntries(Container& container) {
 }
 
 const BinaryWriter::KnownLayout& BinaryWriter::known(const EntryLayout& layout) {
-  const KnownLayout*& known = layoutsByAddress_[&layout];
-  if (known == nullptr) {
-    KnownLayout& made = layouts_.emplace_back();
+  const auto [place, isNew] = layouts_.try_emplace(&layout);
+  KnownLayout& made = place->second;
+  if (isNew) {
     for (std::size_t i = 0; i < layout.keys.size(); ++i) {
       const Value& value = layout.values[i];
       const bool isOpen = value.isNull();
@@ -659,9 +659,8 @@ const BinaryWriter::KnownLayout& BinaryWriter::known(const EntryLayout& layout) 
       made.values.push_back(!isOpen && isAccepted(layout.keys[i], value) ? numberOf(value)
                                                                          : kNoNumber);
     }
-    known = &made;
   }
-  return *known;
+  return made;
 }
 
 bool BinaryWriter::isAccepted(const Text& key, const Value& value) {
@@ -700,7 +699,7 @@ EntrySink::Handle BinaryWriter::end() {
 void BinaryWriter::writeContainers() {
   const std::size_t width = widthFor(offsets_.size() - 1);
   out_.room(references_.size() * width + containers_.size() * kLongestCount +
-            offsets_.size() * sizeof(std::uint32_t) + kTrailerSize);
+            offsets_.size() * sizeof(std::uint32_t));
   const std::span<const std::uint32_t> all = references_;
   for (const Container& container : containers_) {
     offsets_[container.number] = out_.size();

@@ -65,7 +65,8 @@ void putDate(std::string& out, Date date) {
 }
 
 std::string_view body(std::string_view record) {
-  return record.size() < kChecksumSize ? std::string_view() : record.substr(kChecksumSize);
+  return record.size() < kRecordChecksumSize ? std::string_view()
+                                             : record.substr(kRecordChecksumSize);
 }
 
 // Writes values. With a pool, what other messages have too becomes a number, and what stands in
@@ -354,7 +355,7 @@ std::uint64_t fingerprint(std::string_view bytes) noexcept {
 std::string encodeRecord(const Dictionary& attributes, const Dictionary& queryOnly,
                          ValuePool& pool) {
   std::vector<Item> items = itemsOf(attributes, queryOnly);
-  std::string out(kChecksumSize, '\0');
+  std::string out(kRecordChecksumSize, '\0');
   const auto shape = takeShape(items, pool);
   putNumber(out, shape ? std::uint64_t{*shape} + 1 : 0);
   Writer writer(out, &pool);
@@ -367,19 +368,19 @@ std::string encodeRecord(const Dictionary& attributes, const Dictionary& queryOn
     }
   }
   const auto checksum = static_cast<std::uint32_t>(fingerprint(body(out)));
-  std::memcpy(out.data(), &checksum, kChecksumSize);
+  std::memcpy(out.data(), &checksum, kRecordChecksumSize);
   return out;
 }
 
 bool isIntactRecord(std::string_view record) noexcept {
   std::uint32_t stored = 0;
-  if (record.size() < kChecksumSize) return false;
-  std::memcpy(&stored, record.data(), kChecksumSize);
+  if (record.size() < kRecordChecksumSize) return false;
+  std::memcpy(&stored, record.data(), kRecordChecksumSize);
   return stored == static_cast<std::uint32_t>(fingerprint(body(record)));
 }
 
 std::optional<std::uint32_t> recordShape(std::string_view record) noexcept {
-  RecordReader reader(record, std::min(kChecksumSize, record.size()), record.size(), nullptr);
+  RecordReader reader(record, std::min(kRecordChecksumSize, record.size()), record.size(), nullptr);
   const std::uint64_t shape = reader.number();
   if (!reader.ok() || shape == 0 || shape > UINT32_MAX) return std::nullopt;
   return static_cast<std::uint32_t>(shape - 1);

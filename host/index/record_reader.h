@@ -39,7 +39,7 @@ enum Tag : std::uint8_t {
   kMessageUrl  // the link to the message of which that text is the Message-ID
 };
 
-inline constexpr std::size_t kChecksumSize = 4;
+inline constexpr std::size_t kRecordChecksumSize = 4;
 inline constexpr int kMostDepth = 8;
 
 /// A length is written after what it counts, so room for it is kept: one byte, or for a long value
@@ -149,7 +149,7 @@ class RecordWalk {
  public:
   RecordWalk(std::string_view record, const ValuePool& pool)
       : record_(record),
-        reader_(record, std::min(record_format::kChecksumSize, record.size()), record.size(),
+        reader_(record, std::min(record_format::kRecordChecksumSize, record.size()), record.size(),
                 &pool) {
     const std::uint64_t shape = reader_.number();
     if (reader_.ok() && shape > 0 && shape <= UINT32_MAX) {
