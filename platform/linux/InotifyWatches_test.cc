@@ -259,7 +259,8 @@ TEST_F(InotifyWatchesTest, ManyWatchesTakeOneInstanceAndGiveAllBack) {
     drain();
   }
   drain();
-  EXPECT_EQ(testing::openDescriptors(), before);
+  // Those of an earlier test may be closed meanwhile, by the last task that knows of them.
+  EXPECT_LE(testing::openDescriptors(), before);
 }
 
 TEST_F(InotifyWatchesTest, StartAndStopManyTimesWhileFilesCome) {
