@@ -28,7 +28,8 @@ class Requests(Scenario):
         self.client.connect()
         answers.extend(self.client.take(lambda m: "number" in m["userInfo"]))
         self.assertEqual(sorted(m["userInfo"]["number"] for m in answers), list(range(2000)))
-        self.assertEqual(list(self.world.inbox.iterdir()), [])
+        # A request goes after its answer was posted.
+        wait_for(lambda: not list(self.world.inbox.iterdir()), "an empty inbox")
 
     def test_broken_files_are_logged_once_and_stay(self):
         broken = {
