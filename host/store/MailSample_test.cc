@@ -67,7 +67,9 @@ class MailSample : public ::testing::Test {
  protected:
   void SetUp() override {
     const auto found = mailSample();
-    if (!found) GTEST_SKIP() << "no sample mail on this machine";
+    if (!found) {
+      GTEST_SKIP() << "other people's mail is no part of the sources; THMP_MAIL_SAMPLE names it";
+    }
     sample_ = *found;
   }
 
