@@ -21,8 +21,9 @@ struct EntryLayout {
 
 class EntrySink;
 
-/// A value that is known by the address of what it is made from. It is given, when it has not been
-/// given before, by add() or addText(), or between a begin and end().
+/// A value that is known by the address of what it is made from, which lives as long as the
+/// dictionary's source. `give` gives it once, as an element and with no lent values in it; on the
+/// thread of the sink, and it may throw std::bad_alloc.
 struct LentValue {
   const void* address;
   void (*give)(const void* address, EntrySink& sink);

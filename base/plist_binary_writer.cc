@@ -88,7 +88,7 @@ class AddressTable {
   std::size_t used_ = 0;
 };
 
-/// The bytes written so far.
+/// The bytes written so far. A string would clear all the room that it makes.
 class Output {
  public:
   std::size_t size() const { return size_; }

@@ -69,11 +69,6 @@ inline void retainUnpublished(Node* node) noexcept {
 /// The way to the private parts.
 struct Access {
   static Value value(Value::Kind kind, Node* adopted) noexcept { return Value(kind, adopted); }
-  static Dictionary dictionary(Node* adopted) noexcept {
-    Dictionary dictionary;
-    dictionary.node_ = NodeRef(adopted);
-    return dictionary;
-  }
   static NodeRef takeNode(Dictionary dictionary) noexcept { return std::move(dictionary.node_); }
   static Text text(Node* adopted) noexcept {
     Text text;

@@ -48,7 +48,7 @@ class IndexedMessage {
   Value value(std::string_view attribute) const;
   Value value(AttributeKey key) const;
 
-  /// Whether it has one that is no text of its body.
+  /// Whether value() is not null, for any attribute but the text.
   bool has(AttributeKey key) const;
   /// Gives `sink` those of `entries` that the message has. Both outlive what `sink` makes of them.
   void give(const RecordEntries& entries, EntrySink& sink) const;

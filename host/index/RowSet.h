@@ -37,14 +37,6 @@ class RowSet {
     const std::size_t word = row / 64;
     if (word < words_.size()) words_[word] &= ~(std::uint64_t{1} << (row % 64));
   }
-  /// The rows below `end` of which `isIn` says so, instead of what is there.
-  template <typename IsIn>
-  void fill(Row end, const IsIn& isIn) {
-    words_.assign((std::size_t{end} + 63) / 64, 0);
-    for (Row row = 0; row < end; ++row) {
-      words_[row / 64] |= std::uint64_t{isIn(row)} << (row % 64);
-    }
-  }
   void clear() { words_.clear(); }
   void shrink() { words_.shrink_to_fit(); }
 

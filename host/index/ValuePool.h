@@ -9,7 +9,7 @@
 // and costs no memory.
 // Numbers are for ever: the pool only grows.
 //
-// at() on any thread; everything else on the thread that writes.
+// at(), lent(), bytes() and size() on any thread; everything else on the thread that writes.
 #pragma once
 
 #include <array>
@@ -73,8 +73,7 @@ class ValuePool {
   static constexpr std::size_t kMostChunks = 1024;
   static constexpr std::size_t kSeenSlots = std::size_t{1} << 20;
   static constexpr std::uint32_t kSeenBefore = 3;
-
-  static constexpr std::size_t kBlock = std::size_t{64} << 10;
+  static constexpr std::size_t kBlock = std::size_t{64} << 10;  // bytes
 
   struct Slot {
     const char* bytes = nullptr;  // their count, four bytes, stands before them

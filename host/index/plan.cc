@@ -267,9 +267,9 @@ class Planner {
     const RowSet* outer = within_;
     Found all = everything();
     for (const auto& [cost, operand] : operands) {
-      const RowSet left = all.rows;
-      within_ = &left;
-      all = intersection(std::move(all), find(*operand));
+      within_ = &all.rows;
+      const Found found = find(*operand);
+      all = intersection(std::move(all), found);
       if (all.rows.empty()) break;
     }
     within_ = outer;

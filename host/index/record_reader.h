@@ -69,8 +69,6 @@ inline bool isKnownKey(std::uint8_t number) { return kKnownKeys[number]; }
 /// Reads values, from a record or from one value by itself.
 class RecordReader {
  public:
-  using Tag = record_format::Tag;
-
   /// Of the bytes from `at` up to but without `end`; what stands before may be referred to.
   RecordReader(std::string_view whole, std::size_t at, std::size_t end, const ValuePool* pool)
       : whole_(whole.data()), at_(whole.data() + at), end_(whole.data() + end), pool_(pool) {}
