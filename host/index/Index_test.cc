@@ -647,6 +647,42 @@ TEST(MessageRecord, GivesWhatIsWantedAndNoMore) {
   }
 }
 
+TEST(MessageRecord, PoolTakesValuesAndDictionariesOfAttributesAlone) {
+  std::mt19937 random(3);
+  const Dictionary shape{{keyText(AttributeKey::kRead), Value(true)},
+                         {keyText(AttributeKey::kKind), Value("Mail Message")},
+                         {keyText(AttributeKey::kMailboxes), Value(Array{"a", "b"})}};
+  const Value nested = Array{1,
+                             -2,
+                             ~std::uint64_t{0},
+                             0.5,
+                             Date{7},
+                             Date{0.25},
+                             Data{"x"},
+                             "t",
+                             true,
+                             Array{},
+                             Dictionary{{"any key", Array{"v"}}}};
+  EXPECT_FALSE(isPoolValue(""));
+  EXPECT_FALSE(isPoolValue(encodeValue(Dictionary{{"no attribute", 1}})));
+  int taken = 0;
+  for (const Value& value : {Value(shape), nested, Value("text")}) {
+    const std::string good = encodeValue(value);
+    EXPECT_TRUE(isPoolValue(good));
+    for (std::size_t size = 0; size < good.size(); ++size) {
+      EXPECT_FALSE(isPoolValue(std::string_view(good).substr(0, size))) << size;
+    }
+    for (int round = 0; round < 20'000; ++round) {
+      std::string bad = good;
+      bad[random() % bad.size()] = static_cast<char>(random());
+      if (!isPoolValue(bad)) continue;
+      ++taken;
+      ASSERT_FALSE(decodeValue(bad).isNull()) << "what is taken can be made";
+    }
+  }
+  EXPECT_GT(taken, 100);
+}
+
 TEST(MessageRecord, AnyBytesAreSafeToRead) {
   ValuePool pool(ValuePool::Use::kWriting);
   std::mt19937 random(11);

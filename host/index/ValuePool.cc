@@ -40,7 +40,7 @@ bool ValuePool::load(Connection& connection) {
   bool isGood = true;
   while (isGood && row.row()) {
     const std::string_view bytes = row.bytes(1);
-    isGood = row.integer(0) == size() && decoded(bytes) != nullptr && append(bytes);
+    isGood = row.integer(0) == size() && isPoolValue(bytes) && append(bytes);
     if (isGood && seen_) addHash(fingerprint(bytes));
   }
   isGood = isGood && row.result() == SQLITE_DONE;
@@ -133,16 +133,12 @@ void ValuePool::addHash(std::uint64_t hash) {
   for (std::uint32_t number = 0; number <= last; ++number) link(number);
 }
 
-// Null for bytes that are no value, or one that no message has.
 std::unique_ptr<const ValuePool::Entry> ValuePool::decoded(std::string_view bytes) {
   auto entry = std::make_unique<Entry>();
   entry->value = decodeValue(bytes);
-  if (entry->value.isNull()) return nullptr;
   if (const auto dictionary = entry->value.asDictionary()) {
     for (const Dictionary::Entry& attribute : *dictionary) {
-      const auto key = keyNamed(attribute.key);
-      if (!key) return nullptr;
-      entry->keys.push_back(*key);
+      entry->keys.push_back(*keyNamed(attribute.key));
     }
   }
   return entry;

@@ -442,4 +442,18 @@ Value decodeValue(std::string_view bytes) {
   return reader.ok() && reader.atEnd() ? found : Value();
 }
 
+bool isPoolValue(std::string_view bytes) {
+  RecordReader reader(bytes, 0, bytes.size(), nullptr);
+  if (reader.tag() != kDictionary) {
+    reader.skipValue(0);
+  } else {
+    reader.byte();
+    for (std::size_t left = reader.count(0); left > 0 && reader.ok(); --left) {
+      if (reader.tag() != kText || !keyNamed(reader.text())) return false;
+      reader.skipValue(1);
+    }
+  }
+  return reader.ok() && reader.atEnd();
+}
+
 }  // namespace thmp

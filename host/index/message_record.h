@@ -54,6 +54,9 @@ void forEachInRecord(std::string_view record, const ValuePool& pool,
 /// One value by itself, as the pool stores it. Null when the bytes are none.
 std::string encodeValue(const Value& value);
 Value decodeValue(std::string_view bytes);
+/// Whether they are a value that the pool may have: if a dictionary, one of attributes. Makes
+/// nothing.
+bool isPoolValue(std::string_view bytes);
 
 /// A number that stands for `bytes`; the same on every machine.
 std::uint64_t fingerprint(std::string_view bytes) noexcept;

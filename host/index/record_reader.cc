@@ -92,6 +92,40 @@ Value RecordReader::value(int depth) {
   return {};
 }
 
+void RecordReader::skipValue(int depth) {
+  switch (byte()) {
+    case kFalse:
+    case kTrue:
+      return;
+    case kInteger:
+    case kUnsigned:
+    case kWholeDate:
+      number();
+      return;
+    case kReal:
+    case kDate:
+      real();
+      return;
+    case kData:
+    case kText:
+      bytes();
+      return;
+    case kArray:
+      for (std::size_t left = count(depth); left > 0 && ok_; --left) skipValue(depth + 1);
+      return;
+    case kDictionary:
+      for (std::size_t left = count(depth); left > 0 && ok_; --left) {
+        if (tag() != kText) ok_ = false;
+        skipValue(depth + 1);
+        skipValue(depth + 1);
+      }
+      return;
+    default:
+      break;
+  }
+  ok_ = false;
+}
+
 std::string_view RecordReader::text() {
   const std::size_t begin = place();
   switch (byte()) {

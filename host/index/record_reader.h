@@ -101,6 +101,8 @@ class RecordReader {
 
   // Each reads it. With another tag than these are for, it is not well formed.
   Value value(int depth = 0);
+  /// Without making it. A text must stand there itself.
+  void skipValue(int depth);
   /// Valid as long as the record, or until the next text is read.
   std::string_view text();
   /// Where the text stands that kEarlier refers to.
