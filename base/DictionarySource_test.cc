@@ -104,6 +104,28 @@ TEST(GivenDictionary, IsAsOneThatWasMade) {
   EXPECT_GT(dictionaries, 100);
 }
 
+TEST(GivenDictionary, IsTheSameInALongList) {
+  static const std::string kLent = "lent";
+  static const EntryLayout kLayout{{"a", "b"}, {Value(), Value(Array{"of all"})}};
+  std::vector<Value> given;
+  std::vector<Value> made;
+  for (std::uint32_t seed = 0; given.size() < 600; ++seed) {
+    constexpr std::string_view kPieces[] = {"a", "key", "\xC3\xA9", " "};
+    const auto content = testing::RandomValues(seed, kPieces).value(3).asDictionary();
+    if (!content) continue;
+    given.emplace_back(Dictionary(std::make_shared<const PiecesOf>(*content)));
+    made.emplace_back(*content);
+    given.emplace_back(Dictionary(std::make_shared<const Giving>([](EntrySink& sink) {
+      sink.begin(kLayout);
+      sink.addLent({&kLent, [](const void* address, EntrySink& lent) {
+                      lent.addText(*static_cast<const std::string*>(address));
+                    }});
+    })));
+    made.emplace_back(Dictionary{{"a", "lent"}, {"b", Array{"of all"}}});
+  }
+  EXPECT_TRUE(Value::identical(asWritten(Array(given)), Array(made)));
+}
+
 TEST(GivenDictionary, OfOneEntryMakesNoOthers) {
   const auto source = std::make_shared<const PiecesOf>(Dictionary{{"a", 1}, {"b", Array{2}}});
   const Dictionary given(source);

@@ -4,11 +4,16 @@
 // first met: a scalar is written at once, and looked up by the bytes that it takes, so that equal
 // ones are written once; a container waits for its turn, when its elements get their numbers. The
 // containers come last, as only then is it known how many bytes a number takes.
+//
+// When many containers wait, a second thread numbers what is in half of them, by itself, and what
+// it has found is then taken over: scalars by their bytes once more. A container that both halves
+// have is written twice.
 #include <algorithm>
 #include <array>
 #include <bit>
 #include <cmath>
 #include <cstring>
+#include <future>
 #include <memory>
 #include <span>
 #include <string>
@@ -17,6 +22,7 @@
 #include <vector>
 
 #include "base/DictionarySource.h"
+#include "base/mutex.h"
 #include "base/plist.h"
 #include "base/value_nodes.h"
 
@@ -132,10 +138,15 @@ class ContentTable {
   ContentTable(std::uint64_t seed, const Output& out, const std::vector<std::uint64_t>& offsets)
       : seed_(seed), out_(out), offsets_(offsets), slots_(kFirstSlots) {}
 
+  /// Makes room for about so many.
+  void expect(std::size_t count) {
+    if (2 * count > slots_.size()) growTo(std::bit_ceil(2 * count));
+  }
+
   /// The place of the number of the one that stands at `begin` of what was written, up to its end;
   /// as AddressTable::at.
   std::uint32_t& at(std::size_t begin) {
-    if ((used_ + 1) * 2 > slots_.size()) grow();
+    if ((used_ + 1) * 2 > slots_.size()) growTo(2 * slots_.size());
     const std::string_view bytes(out_.data() + begin, out_.size() - begin);
     const std::uint32_t hash = hashOf(bytes);
     const std::size_t mask = slots_.size() - 1;
@@ -198,8 +209,8 @@ class ContentTable {
     return static_cast<std::uint32_t>(mix(hash, kGolden));
   }
 
-  void grow() {
-    std::vector<Slot> old(slots_.size() * 2);
+  void growTo(std::size_t size) {
+    std::vector<Slot> old(size);
     old.swap(slots_);
     const std::size_t mask = slots_.size() - 1;
     for (const Slot& slot : old) {
@@ -234,6 +245,13 @@ inline char* storeBig(char* place, std::uint64_t number, std::size_t width) {
 
 void putBig(Output& out, std::uint64_t number, std::size_t width) {
   out.growTo(storeBig(out.room(sizeof number), number, width));
+}
+
+/// One of UTF-16.
+inline char* storeUnit(char* place, std::uint32_t unit) {
+  place[0] = static_cast<char>(unit >> 8);
+  place[1] = static_cast<char>(unit);
+  return place + 2;
 }
 
 template <std::size_t kWidth, typename Number>
@@ -354,16 +372,17 @@ void putText(Output& out, std::string_view text) {
   if (copyAscii(place, text)) return out.growTo(place + text.size());
   std::size_t units = 0;
   for (CodePoints points(text); !points.atEnd();) units += points.take() >= 0x10000 ? 2 : 1;
-  putCount(out, 0x60, units);
+  place = storeCount(out.room(kLongestCount + 2 * units), 0x60, units);
   for (CodePoints points(text); !points.atEnd();) {
     const std::uint32_t point = points.take();
     if (point < 0x10000) {
-      putBig(out, point, 2);
+      place = storeUnit(place, point);
     } else {
-      putBig(out, 0xD800 + ((point - 0x10000) >> 10), 2);
-      putBig(out, 0xDC00 + (point & 0x3FF), 2);
+      place = storeUnit(place, 0xD800 + ((point - 0x10000) >> 10));
+      place = storeUnit(place, 0xDC00 + (point & 0x3FF));
     }
   }
+  out.growTo(place);
 }
 
 /// REQUIRES: it is no array and no dictionary, or one without elements.
@@ -402,9 +421,64 @@ void putScalar(Output& out, const Value& value) {
 }
 
 bool isWritable(const Value& value) {
-  if (value.kind() == Kind::kDate) return std::isfinite(value.asDate()->secondsSinceReference);
+  if (value.kind() == Kind::kDate) return std::isfinite(std::bit_cast<double>(Access::bits(value)));
   return !value.isNull();
 }
+
+struct Container {
+  Node* node;  // null when its elements have their numbers
+  std::uint32_t number;
+  bool isArray;
+  std::size_t firstReference;
+  std::size_t references;  // those of a dictionary's keys first
+};
+
+/// That wait at once for a second thread to be worth its start, some 50 microseconds.
+constexpr std::size_t kManyContainers = 100;
+/// Longer lists come one after the other, and whoever reads them has use for the other processor.
+constexpr std::size_t kMostContainers = 1000;
+
+/// Containers that two threads take, one from the front, one from the back, until they meet.
+class WaitingContainers {
+ public:
+  /// Those of `all` from `begin` on.
+  WaitingContainers(std::size_t begin, const std::vector<Container>& all)
+      : origin_(begin),
+        containers_(all.begin() + static_cast<std::ptrdiff_t>(begin), all.end()),
+        begin_(begin),
+        end_(all.size()) {}
+
+  struct Places {
+    std::size_t begin;
+    std::size_t end;
+    bool isEmpty() const { return begin == end; }
+  };
+
+  std::size_t size() const { return containers_.size(); }
+  const Container& at(std::size_t place) const { return containers_[place - origin_]; }
+
+  Places takeFirst() {
+    const Lock lock(mutex_);
+    const std::size_t begin = begin_;
+    begin_ += std::min(kAtOnce, end_ - begin_);
+    return {begin, begin_};
+  }
+  Places takeLast() {
+    const Lock lock(mutex_);
+    const std::size_t end = end_;
+    end_ -= std::min(kAtOnce, end_ - begin_);
+    return {end_, end};
+  }
+
+ private:
+  static constexpr std::size_t kAtOnce = 32;
+
+  const std::size_t origin_;
+  const std::vector<Container> containers_;
+  Mutex mutex_;
+  std::size_t begin_ THMP_GUARDED_BY(mutex_);
+  std::size_t end_ THMP_GUARDED_BY(mutex_);
+};
 
 class BinaryWriter final : private EntrySink {
  public:
@@ -420,7 +494,7 @@ class BinaryWriter final : private EntrySink {
       return std::nullopt;
     }
     numberOf(root);
-    for (std::size_t i = 0; i < containers_.size() && !isRefused_; ++i) numberElements(i);
+    numberAll();
     if (isRefused_) return std::nullopt;
     writeContainers();
     writeTable();
@@ -428,12 +502,10 @@ class BinaryWriter final : private EntrySink {
   }
 
  private:
-  struct Container {
-    Node* node;  // null when its elements have their numbers
-    std::uint32_t number;
-    bool isArray;
-    std::size_t firstReference;
-    std::size_t references;  // those of a dictionary's keys first
+  /// One of another writer's containers.
+  struct Taken {
+    std::size_t place;
+    std::size_t origin;  // its place there
   };
 
   /// Elements of the container whose turn it is, from a place of the row on.
@@ -547,7 +619,11 @@ class BinaryWriter final : private EntrySink {
     return number;
   }
 
+  void numberAll();
+  void numberLast(WaitingContainers& waiting);
+  void numberRest();
   void numberElements(std::size_t place);
+  void takeOver(const BinaryWriter& other);
   void takeRow(Container& container, std::size_t from);
   void takeEntries(Container& container);
   bool isAccepted(const Text& key, const Value& value);
@@ -570,6 +646,8 @@ class BinaryWriter final : private EntrySink {
   Output out_;
   std::vector<std::uint64_t> offsets_;  // by number
   std::vector<Container> containers_;   // in the order in which they were met
+  std::size_t next_ = 0;                // of them: whose elements are to be numbered
+  std::vector<Taken> taken_;
   std::vector<std::uint32_t> references_;
   AddressTable numbers_;
   AddressTable lent_;   // of lent values that have been given
@@ -582,6 +660,84 @@ class BinaryWriter final : private EntrySink {
   const KnownLayout* layout_ = nullptr;  // of the dictionary whose turn it is
   std::unordered_map<const EntryLayout*, KnownLayout> layouts_;
 };
+
+void BinaryWriter::numberAll() {
+  while (next_ < containers_.size() && containers_.size() - next_ < kManyContainers) {
+    numberElements(next_++);
+  }
+  if (containers_.size() - next_ > kMostContainers) numberRest();
+  if (next_ == containers_.size() || isRefused_) return;
+  constexpr std::size_t kScalarsEach = 8;
+  WaitingContainers waiting(next_, containers_);
+  next_ = containers_.size();
+  Error otherError;
+  BinaryWriter other(&otherError);
+  contents_.expect(waiting.size() * kScalarsEach);
+  other.contents_.expect(waiting.size() * kScalarsEach / 2);
+  // On this thread when there can be no other.
+  std::future<void> numbered = std::async([&other, &waiting] { other.numberLast(waiting); });
+  for (auto places = waiting.takeFirst(); !places.isEmpty(); places = waiting.takeFirst()) {
+    for (std::size_t i = places.begin; i < places.end; ++i) numberElements(i);
+    numberRest();
+  }
+  numbered.get();
+  if (other.isRefused_ && !std::exchange(isRefused_, true)) fail(error_, std::move(otherError));
+  takeOver(other);
+}
+
+/// Numbers what those hold that nobody takes before.
+void BinaryWriter::numberLast(WaitingContainers& waiting) {
+  for (auto places = waiting.takeLast(); !places.isEmpty(); places = waiting.takeLast()) {
+    for (std::size_t place = places.begin; place < places.end; ++place) {
+      const Container& container = waiting.at(place);
+      taken_.push_back({containers_.size(), place});
+      containers_.push_back({container.node, nextNumber(0), container.isArray, 0, 0});
+    }
+    numberRest();
+  }
+}
+
+void BinaryWriter::numberRest() {
+  for (; next_ < containers_.size() && !isRefused_; ++next_) numberElements(next_);
+}
+
+/// Takes over what `other` has numbered, the containers that it took from this one among it.
+void BinaryWriter::takeOver(const BinaryWriter& other) {
+  std::vector<std::uint32_t> numbers(other.offsets_.size(), kNoNumber);
+  for (const Taken& taken : other.taken_) {
+    numbers[other.containers_[taken.place].number] = containers_[taken.origin].number;
+  }
+  for (const Container& container : other.containers_) {
+    std::uint32_t& number = numbers[container.number];
+    if (number == kNoNumber) number = nextNumber(0);
+  }
+  // The last ones first: so it is known where each ends.
+  std::size_t end = other.out_.size();
+  for (std::size_t number = other.offsets_.size(); number-- > 0;) {
+    const std::size_t begin = other.offsets_[number];
+    if (begin == 0) continue;  // a container
+    const std::size_t copy = out_.size();
+    out_.put({other.out_.data() + begin, end - begin});
+    numbers[number] = numberOfScalar(copy);
+    end = begin;
+  }
+  const std::size_t references = references_.size();
+  references_.resize(references + other.references_.size());
+  std::transform(other.references_.begin(), other.references_.end(),
+                 references_.begin() + static_cast<std::ptrdiff_t>(references),
+                 [&numbers](std::uint32_t number) { return numbers[number]; });
+  auto taken = other.taken_.begin();
+  for (std::size_t i = 0; i < other.containers_.size(); ++i) {
+    Container container = other.containers_[i];
+    container.number = numbers[container.number];
+    container.firstReference += references;
+    if (taken == other.taken_.end() || taken->place != i) {
+      containers_.push_back(container);
+    } else if (const std::size_t origin = taken++->origin; container.node != nullptr) {
+      containers_[origin] = container;
+    }
+  }
+}
 
 void BinaryWriter::numberElements(std::size_t place) {
   Node* node = containers_[place].node;
@@ -652,6 +808,8 @@ const BinaryWriter::KnownLayout& BinaryWriter::known(const EntryLayout& layout) 
   const auto [place, isNew] = layouts_.try_emplace(&layout);
   KnownLayout& made = place->second;
   if (isNew) {
+    made.keys.reserve(layout.keys.size());
+    made.values.reserve(layout.keys.size());
     for (std::size_t i = 0; i < layout.keys.size(); ++i) {
       const Value& value = layout.values[i];
       const bool isOpen = value.isNull();
@@ -670,7 +828,7 @@ bool BinaryWriter::isAccepted(const Text& key, const Value& value) {
 }
 
 EntrySink::Handle BinaryWriter::add(Value value) {
-  if (nodeOf(value) == nullptr) return addLent(value);
+  if (nodeOf(value) == nullptr && isWritable(value)) return push(numberOfPlain(value));
   kept_.push_back(std::move(value));
   return addLent(kept_.back());
 }

@@ -154,6 +154,54 @@ TEST(BinaryWriter, RoundTripsRandomValues) {
   }
 }
 
+std::size_t countOf(std::string_view piece, std::string_view bytes) {
+  std::size_t count = 0;
+  for (std::size_t at = bytes.find(piece); at != std::string_view::npos;
+       at = bytes.find(piece, at + 1)) {
+    ++count;
+  }
+  return count;
+}
+
+// Two threads write them.
+TEST(BinaryWriter, WritesLongListsAsShortOnes) {
+  const Array shared{"of all", 7, Dictionary{{"shared key", "of all"}}};
+  std::vector<Value> rows;
+  for (int i = 0; i < 900; ++i) {
+    Value random;
+    while (random.isNull()) {
+      random = testing::RandomValues(static_cast<std::uint32_t>(i), kPieces).value(3);
+    }
+    rows.emplace_back(Dictionary{{"number", i},
+                                 {"text", "text of " + std::to_string(i / 700)},
+                                 {"own", "own " + std::to_string(i) + "."},
+                                 {"shared", shared},
+                                 {"random", random},
+                                 {"before", i > 0 ? rows.back() : Value("none")}});
+    if (i % 50 == 49) rows.back() = Array{i, Array{shared, i}};
+  }
+  const Value value = Dictionary{{"first", shared}, {"rows", Array(rows)}, {"last", "own 3."}};
+  const std::string bytes = *writeBinaryPropertyList(value);
+  EXPECT_TRUE(Value::identical(*readBinaryPropertyList(bytes, kWide), value));
+  for (const std::string text : {"of all", "text of 0", "text of 1", "own 3.", "own 888."}) {
+    EXPECT_EQ(countOf(text, bytes), 1U) << text;
+  }
+}
+
+TEST(BinaryWriter, RefusesWhatStandsAnywhereInALongList) {
+  for (const std::size_t place : {0U, 1U, 150U, 299U}) {
+    std::vector<Value> rows;
+    for (std::size_t i = 0; i < 300; ++i) {
+      rows.emplace_back(Dictionary{{"key", Array{i == place ? Value() : Value("text")}}});
+    }
+    Error error;
+    EXPECT_FALSE(writeBinaryPropertyList(Array(rows), &error));
+    EXPECT_EQ(error.description,
+              "A null value stands at index 0 of an array; property lists have no form for it");
+    EXPECT_FALSE(writeBinaryPropertyList(Array(rows)));
+  }
+}
+
 TEST(BinaryWriter, WritesTheSameBytesForItsOwnReading) {
   for (std::uint32_t seed = 0; seed < 500; ++seed) {
     const Value value = testing::RandomValues(seed, kPieces).value(4);

@@ -3,6 +3,7 @@
 // What the callbacks of a query do.
 #include "search/SearchSession.h"
 
+#include <atomic>
 #include <cmath>
 #include <limits>
 #include <new>
@@ -265,7 +266,7 @@ TEST_F(FoundItems, AttributesReachTheClientShared) {
 class ObservedAttributes : public DictionarySource {
  public:
   struct Asked {
-    std::size_t all = 0;
+    std::atomic<std::size_t> all = 0;  // a batch may be written by two threads
     std::vector<std::string> single = {};
   };
   ObservedAttributes(Dictionary attributes, Asked& asked)
