@@ -3,10 +3,11 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
+#include <iterator>
 #include <numeric>
-#include <unordered_map>
 #include <utility>
 
 namespace thmp {
@@ -134,24 +135,32 @@ std::optional<std::string> MailLibraryLookup::messagePath(std::int64_t libraryID
 std::vector<std::string> MailLibraryLookup::dataPaths(const std::vector<std::int64_t>& libraryIDs) {
   std::vector<std::string> paths(libraryIDs.size());
   if (libraryIDs.empty()) return paths;
-  std::unordered_map<std::int64_t, std::int64_t> mailboxes;
-  mailboxes.reserve(libraryIDs.size());
+  std::vector<MailMessagePlace> known;
+  known.reserve(libraryIDs.size());
   const std::string sql = mailboxesStatement(libraryIDs);
   const bool handedOver = scPerformSynchronousSqliteBlock([&](sqlite3* handle) {
     IntegerRows rows(handle, sql);
-    while (rows.next()) mailboxes.insert_or_assign(rows.column(0), rows.column(1));
+    while (rows.next()) known.push_back({rows.column(0), rows.column(1)});
   });
   const std::shared_ptr<MailLibrary> mailLibrary = library();
   if (!handedOver || !mailLibrary || !mailLibrary->dataPathForMessage) return paths;
+  const auto isBefore = [](const MailMessagePlace& a, const MailMessagePlace& b) {
+    return a.libraryID < b.libraryID;
+  };
+  if (!std::is_sorted(known.begin(), known.end(), isBefore)) {
+    std::stable_sort(known.begin(), known.end(), isBefore);
+  }
   std::vector<MailMessagePlace> messages;
   std::vector<std::size_t> places;
-  messages.reserve(mailboxes.size());
-  places.reserve(mailboxes.size());
+  messages.reserve(known.size());
+  places.reserve(known.size());
   for (std::size_t i = 0; i < libraryIDs.size(); ++i) {
-    const auto mailbox = mailboxes.find(libraryIDs[i]);
-    if (mailbox == mailboxes.end()) continue;
+    // Of rows with one ID the last one counts.
+    const auto after =
+        std::upper_bound(known.begin(), known.end(), MailMessagePlace{libraryIDs[i], 0}, isBefore);
+    if (after == known.begin() || std::prev(after)->libraryID != libraryIDs[i]) continue;
     // A mailbox of 0 is used like any other here; the lookup of a single message takes it for none.
-    messages.push_back({libraryIDs[i], mailbox->second});
+    messages.push_back(*std::prev(after));
     places.push_back(i);
   }
   std::vector<std::string> found = existingDataPaths(*mailLibrary, messages);

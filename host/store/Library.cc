@@ -3,8 +3,8 @@
 
 #include <sys/stat.h>
 
-#include <array>
-#include <charconv>
+#include <algorithm>
+#include <numeric>
 #include <unordered_map>
 #include <utility>
 
@@ -94,16 +94,11 @@ std::optional<FolderIdentity> identityOf(Connection& connection, const std::stri
 }
 
 // As JSON, which a statement that is made once can take.
-std::string listOfIDs(std::span<const MailMessagePlace> messages) {
-  std::string list = "[";
-  list.reserve(messages.size() * 8 + 2);
-  std::array<char, 24> digits;
-  for (const MailMessagePlace& message : messages) {
-    if (list.size() > 1) list += ',';
-    const auto written = std::to_chars(digits.begin(), digits.end(), message.libraryID);
-    list.append(digits.begin(), written.ptr);
-  }
-  return list += ']';
+// IDs this close together, on the average, are read in one go.
+constexpr std::size_t kSpread = 4;
+
+bool areClose(std::int64_t lowest, std::int64_t highest, std::size_t count) {
+  return static_cast<std::uint64_t>(highest) - static_cast<std::uint64_t>(lowest) < kSpread * count;
 }
 
 }  // namespace
@@ -169,22 +164,40 @@ std::vector<std::string> Library::dataPaths(std::span<const MailMessagePlace> me
                                             int type) const {
   std::vector<std::string> paths(messages.size());
   const auto reader = state_->readers.borrow();
-  if (!reader) return paths;
-  const std::string ids = listOfIDs(messages);
-  Statement& row = reader->statement(
-      "SELECT ids.key, mailbox, part, file FROM json_each(?) AS ids "
-      "CROSS JOIN messages ON messages.rowid = ids.value");
-  row.bind(1, ids);
+  if (!reader || messages.empty()) return paths;
+  const ReadTransaction together(*reader);
   std::unordered_map<std::int64_t, std::optional<MailFolder>> folders;
-  while (row.row()) {
-    const auto place = static_cast<std::size_t>(row.integer(0));
+  const auto take = [&](std::size_t place, const Statement& row) {
     const std::int64_t mailbox = messages[place].mailboxID;
     const std::string_view file = row.bytes(3);
     const int stored = file.ends_with(".partial.emlx") ? 1 : 0;
-    if (row.integer(1) != mailbox || stored != type) continue;
+    if (row.integer(1) != mailbox || stored != type) return;
     const auto [folder, isNew] = folders.try_emplace(mailbox);
     if (isNew) folder->second = state_->folder(*reader, mailbox);
     if (folder->second) paths[place] = messagePath(folder->second->path, row.bytes(2), file);
+  };
+  std::vector<std::size_t> places(messages.size());  // by ascending ID
+  std::iota(places.begin(), places.end(), std::size_t{0});
+  const auto idAt = [&](std::size_t place) { return messages[place].libraryID; };
+  std::sort(places.begin(), places.end(),
+            [&](std::size_t a, std::size_t b) { return idAt(a) < idAt(b); });
+  if (areClose(idAt(places.front()), idAt(places.back()), places.size())) {
+    Statement& row = reader->statement(
+        "SELECT rowid, mailbox, part, file FROM messages WHERE rowid BETWEEN ? AND ? "
+        "ORDER BY rowid");
+    row.bind(1, idAt(places.front())).bind(2, idAt(places.back()));
+    for (auto place = places.begin(); row.row();) {
+      while (place != places.end() && idAt(*place) < row.integer(0)) ++place;
+      for (; place != places.end() && idAt(*place) == row.integer(0); ++place) take(*place, row);
+    }
+    row.reset();
+  } else {
+    Statement& row =
+        reader->statement("SELECT rowid, mailbox, part, file FROM messages WHERE rowid = ?");
+    for (const std::size_t place : places) {
+      if (row.bind(1, idAt(place)).row()) take(place, row);
+      row.reset();
+    }
   }
   return paths;
 }
