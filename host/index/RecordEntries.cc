@@ -76,10 +76,7 @@ class Giver {
         giveContainer(depth);
         return;
       case kPooled:
-        if (const auto number = reader_.pooled()) {
-          last_ = sink_.addLent(pool_->lent(*number));
-          return;
-        }
+        if (givePooled(/*isKey=*/false)) return;
         break;
       default:
         if (Value value = reader_.value(); reader_.ok()) {
@@ -119,10 +116,28 @@ class Giver {
       sink_.beginDictionary();
     }
     for (std::size_t i = 0; i < count && reader_.ok(); ++i) {
-      if (!isArray && i % 2 == 0 && !reader_.isText()) break;
-      give(depth + 1);
+      if (isArray || i % 2 != 0) {
+        give(depth + 1);
+      } else if (!giveKey(depth + 1)) {
+        break;
+      }
     }
     last_ = sink_.end();
+  }
+
+  // False for what is no text.
+  bool giveKey(int depth) {
+    if (reader_.tag() == kPooled) return givePooled(/*isKey=*/true);
+    const bool isText = reader_.isText();
+    if (isText) give(depth);
+    return isText;
+  }
+
+  bool givePooled(bool isKey) {
+    const auto number = reader_.pooled();
+    if (!number || (isKey && pool_->bytes(*number).front() != kText)) return false;
+    last_ = sink_.addLent(pool_->lent(*number));
+    return true;
   }
 
   const std::string_view record_;
@@ -154,6 +169,11 @@ void RecordEntries::give(std::string_view record, const ValuePool& pool,
   if (layout.identifierBefore == standing.count) sink.addText(identifier);
 }
 
+std::size_t RecordEntries::layoutCount() const {
+  const Lock lock(mutex_);
+  return layouts_.size();
+}
+
 const RecordEntries::Layout& RecordEntries::layoutOf(const ValuePool::Entry* shape,
                                                      std::string_view keys) const {
   const std::uint64_t hash = fingerprint(keys) ^ reinterpret_cast<std::uintptr_t>(shape);
@@ -173,12 +193,14 @@ RecordEntries::Layout RecordEntries::makeLayout(const ValuePool::Entry* shape,
     const Value* shared;  // null for an open one
   };
   std::vector<Place> places;
+  places.reserve(keys.size() + 1 + (shape != nullptr ? shape->keys.size() : 0));
   const auto add = [&](AttributeKey key, const Value* shared) {
     if (wanted_[static_cast<std::size_t>(key)]) places.push_back({key, shared});
   };
   Layout layout;
   layout.shape = shape;
   layout.own = keys;
+  layout.isGiven.reserve(keys.size());
   int last = -1;
   for (const char byte : keys) {
     // A record that is not what was written has attributes in any order, or twice.
@@ -198,6 +220,8 @@ RecordEntries::Layout RecordEntries::makeLayout(const ValuePool::Entry* shape,
   std::sort(places.begin(), places.end(), [&ranks = nameRanks()](const Place& a, const Place& b) {
     return ranks[static_cast<std::size_t>(a.key)] < ranks[static_cast<std::size_t>(b.key)];
   });
+  layout.entries.keys.reserve(places.size());
+  layout.entries.values.reserve(places.size());
   for (const Place& place : places) {
     layout.entries.keys.push_back(keyText(place.key));
     layout.entries.values.push_back(place.shared != nullptr ? *place.shared : Value());

@@ -34,6 +34,9 @@ class RecordEntries {
 
   const AttributeSelection& wanted() const { return wanted_; }
 
+  /// How many kinds of records have been met; each takes some kilobytes.
+  std::size_t layoutCount() const;
+
   /// Gives `sink` those that are wanted and that the record has, and `identifier`, which no record
   /// has by itself, as kExternalID when that is wanted. This object, the pool and the record
   /// outlive what `sink` makes of them.

@@ -42,11 +42,6 @@ bool RecordReader::isText() const {
     case kAngled:
     case kMessageUrl:
       return true;
-    case kPooled: {
-      const auto end = static_cast<std::size_t>(end_ - whole_);
-      const auto number = RecordReader({whole_, end}, place(), end, pool_).pooled();
-      return number && pool_->bytes(*number).front() == kText;
-    }
     default:
       return false;
   }
@@ -134,9 +129,12 @@ std::string_view RecordReader::text() {
     case kEarlier:
       return earlier(begin);
     case kAngled:
-      return composed_ = "<" + std::string(earlier(begin)) + ">";
+      composed_ = '<';
+      composed_ += earlier(begin);
+      return composed_ += '>';
     case kMessageUrl:
-      return composed_ = messageUrl(earlier(begin));
+      setMessageUrl(earlier(begin), composed_);
+      return composed_;
     default:
       ok_ = false;
       return {};

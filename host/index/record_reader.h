@@ -96,7 +96,7 @@ class RecordReader {
   std::uint8_t tag() const {
     return at_ == end_ ? std::uint8_t{0} : static_cast<std::uint8_t>(*at_);
   }
-  /// Whether it is a text in one of its forms.
+  /// Whether it is a text in one of its forms, but for a pooled one.
   bool isText() const;
 
   // Each reads it. With another tag than these are for, it is not well formed.

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/store/message_attributes.h"
 
-#include <algorithm>
+#include <array>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -191,27 +191,14 @@ void setPeople(const Fields& fields, AttributeSet& out, AttributeSet& queryOnly)
   if (!everyone.empty()) out.set(Key::kEmailAddresses, Value(Array(std::move(everyone))));
 }
 
-constexpr bool isPlainInUrl(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
-         c == '.' || c == '_' || c == '~';
-}
-
-std::string percentEncoded(std::string_view text) {
-  constexpr std::string_view kHex = "0123456789ABCDEF";
-  std::string out;
-  out.reserve(text.size() + 8);
-  while (!text.empty()) {
-    const auto* end = std::find_if_not(text.begin(), text.end(), isPlainInUrl);
-    const auto plain = static_cast<std::size_t>(end - text.begin());
-    out += text.substr(0, plain);
-    text.remove_prefix(plain);
-    if (text.empty()) break;
-    const auto byte = static_cast<unsigned char>(text.front());
-    out += {'%', kHex[byte >> 4], kHex[byte & 0xF]};
-    text.remove_prefix(1);
+constexpr std::array<bool, 256> kPlainInUrl = [] {
+  std::array<bool, 256> plain{};
+  for (const char c : std::string_view("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                       "0123456789-._~")) {
+    plain[static_cast<unsigned char>(c)] = true;
   }
-  return out;
-}
+  return plain;
+}();
 
 void setIdentity(const Fields& fields, AttributeSet& out) {
   const std::string field = fields.text("Message-ID");
@@ -380,8 +367,24 @@ void AttributeSet::setTexts(AttributeKey key, const std::vector<std::string>& te
   if (!values.empty()) set(key, Value(Array(std::move(values))));
 }
 
+void setMessageUrl(std::string_view messageID, std::string& url) {
+  constexpr std::string_view kHex = "0123456789ABCDEF";
+  url = "message:%3C";
+  for (const char c : messageID) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (kPlainInUrl[byte]) {
+      url += c;
+    } else {
+      url += {'%', kHex[byte >> 4], kHex[byte & 0xF]};
+    }
+  }
+  url += "%3E";
+}
+
 std::string messageUrl(std::string_view messageID) {
-  return "message:%3C" + percentEncoded(messageID) + "%3E";
+  std::string url;
+  setMessageUrl(messageID, url);
+  return url;
 }
 
 MessageFlags maildirFlags(std::string_view fileName, bool isNew) {

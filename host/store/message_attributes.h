@@ -50,6 +50,8 @@ class AttributeSet {
 
 /// The link that opens the message with that Message-ID, which has no angle brackets.
 std::string messageUrl(std::string_view messageID);
+/// The same in the room that `url` has.
+void setMessageUrl(std::string_view messageID, std::string& url);
 
 MessageFlags maildirFlags(std::string_view fileName, bool isNew);
 
