@@ -8,6 +8,7 @@
 #include <string_view>
 #include <utility>
 
+#include "host/index/MatchedMessages.h"
 #include "host/index/RowSet.h"
 #include "host/index/message_view.h"
 #include "host/query/evaluator.h"
@@ -21,6 +22,9 @@ const std::vector<std::string>& defaultAttributes() {
                                                   "kMDItemContentType"};
   return kNames;
 }
+
+// Of kinds of records, that a query knows at once.
+constexpr std::size_t kMostLayouts = 1'000;
 
 }  // namespace
 
@@ -153,19 +157,36 @@ class SearchEngine::Core : public std::enable_shared_from_this<Core> {
   }
 
   bool gather() {
-    std::vector<SpotlightItem> portion;
-    const Result<void> walked = shared_->index.forEachMatch(*query_, [&](IndexedMessage&& message) {
-      if (cancelled_) return false;
-      if (followed_) matching_.insert(static_cast<Row>(message.id()));
-      portion.push_back(itemOf(std::move(message)));
-      if (portion.size() == shared_->options.deliveryLimit) deliver(std::exchange(portion, {}));
-      return true;
-    });
-    deliver(std::move(portion));
+    const Result<void> walked = shared_->index.forEachPortion(
+        *query_, shared_->options.deliveryLimit, cancelled_,
+        [&](const std::shared_ptr<Index::MatchedMessages>& portion) {
+          deliver(itemsOf(portion));
+          if (entries_->layoutCount() > kMostLayouts) renewEntries();
+          for (std::size_t place = 0; followed_ && place < portion->size(); ++place) {
+            if (portion->isLost(place)) matching_.erase(static_cast<Row>(portion->id(place)));
+          }
+          return true;
+        });
+    renewEntries();
     if (!shared_->options.indexUnreadable) return true;
     // Damage is told also where the answer could be had in spite of it.
     if (walked && !shared_->index.isDamaged()) return true;
     return shared_->options.indexUnreadable() || walked || cancelled_;
+  }
+
+  void renewEntries() { entries_ = std::make_shared<const RecordEntries>(entries_->wanted()); }
+
+  std::vector<SpotlightItem> itemsOf(const std::shared_ptr<Index::MatchedMessages>& portion) {
+    std::vector<SpotlightItem> items;
+    items.reserve(portion->size());
+    for (std::size_t place = 0; place < portion->size(); ++place) {
+      if (portion->isLost(place)) continue;
+      if (followed_) matching_.insert(static_cast<Row>(portion->id(place)));
+      SpotlightItem& item = items.emplace_back();
+      item.identifier = std::to_string(portion->id(place));
+      item.attributes = attributesOf(portion, place, entries_);
+    }
+    return items;
   }
 
   bool matches(const IndexedMessage& message) const {
@@ -181,7 +202,6 @@ class SearchEngine::Core : public std::enable_shared_from_this<Core> {
 
   void deliver(std::vector<SpotlightItem> items) {
     if (items.empty()) return;
-    entries_ = std::make_shared<const RecordEntries>(entries_->wanted());
     found_ += items.size();
     if (const auto found = handler(&Core::foundItems_)) (*found)(items);
   }
@@ -217,6 +237,7 @@ class SearchEngine::Core : public std::enable_shared_from_this<Core> {
       };
       deliver(std::vector<SpotlightItem>(at(begin), at(end)));
     }
+    if (!found.empty()) renewEntries();
     if (removed.empty()) return;
     if (const auto handlerOfRemoved = handler(&Core::removedItems_)) {
       (*handlerOfRemoved)("com.apple.mail", Value(removed));
@@ -243,7 +264,7 @@ class SearchEngine::Core : public std::enable_shared_from_this<Core> {
   bool live_ THMP_GUARDED_BY(mutex_) = false;
 
   // On the strand only.
-  /// Anew for each delivery, so that it does not grow for ever.
+  /// Anew when it has become large, and when nothing is left to be delivered.
   std::shared_ptr<const RecordEntries> entries_;
   std::optional<query::Query> query_;
   bool followed_ = false;  // live

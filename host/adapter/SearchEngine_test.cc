@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <atomic>
 #include <functional>
@@ -30,6 +31,7 @@ IndexEntry entryOf(std::int64_t id, const std::string& subject) {
   entry.file = {1, 1, false};
   entry.attributes.set("kMDItemSubject", Value(subject));
   entry.attributes.set("kMDItemDisplayName", Value(subject));
+  entry.queryOnly.set("kMDItemTitle", Value(subject));
   entry.attributes.set("kMDItemContentType", Value("public.email-message"));
   entry.textContent = "words";
   return entry;
@@ -296,12 +298,14 @@ TEST_F(TheEngine, WithoutAListItemsCarryTheDefaultAttributes) {
 }
 
 TEST_F(TheEngine, AttributesAreThoseOfTheDeliveryWhateverHappensAfterIt) {
+  // More than are read at once.
+  constexpr std::int64_t kCount = 1000;
   std::vector<IndexEntry> entries;
-  for (std::int64_t id = 1; id <= 40; ++id) {
+  for (std::int64_t id = 1; id <= kCount; ++id) {
     entries.push_back(entryOf(id, "before " + std::to_string(id)));
   }
   put(entries);
-  SpotlightItem kept;
+  std::vector<SpotlightItem> kept;
   auto query = engine_->makeQuery("true", nullptr);
   query->setFoundItemsHandler(std::make_shared<const SpotlightQuery::FoundItemsHandler>(
       [&](std::span<const SpotlightItem> items) {
@@ -309,24 +313,64 @@ TEST_F(TheEngine, AttributesAreThoseOfTheDeliveryWhateverHappensAfterIt) {
         put(entries);
         remove({6});
         index_->hideMailboxes({1});
-        for (const SpotlightItem& item : items) {
+        for (const SpotlightItem& item : items.first(items.size() / 2)) {
           account_->add(item.identifier + " " +
                         std::string(*item.attributes["kMDItemDisplayName"].asText()));
         }
-        kept = items[0];
+        kept.assign(items.begin(), items.end());
       }));
   query->setCompletionHandler(std::make_shared<const SpotlightQuery::CompletionHandler>(
       [&](const Error&) { account_->add("completed"); }));
   query->start();
+  const auto line = [](std::int64_t id) {
+    return std::to_string(id) + " before " + std::to_string(id);
+  };
   std::vector<std::string> expected;
-  for (std::int64_t id = 40; id > 0; --id) {
-    expected.push_back(std::to_string(id) + " before " + std::to_string(id));
-  }
+  for (std::int64_t id = kCount; id > kCount / 2; --id) expected.push_back(line(id));
   expected.emplace_back("completed");
-  EXPECT_EQ(account_->waitFor(41), expected);
+  EXPECT_EQ(account_->waitFor(expected.size()), expected);
   query.reset();
   ASSERT_TRUE(index_->makeAnew());
-  EXPECT_EQ(kept.attributes.get("kMDItemDisplayName"), Value("before 40"));
+  for (std::int64_t id = kCount; id > 0; --id) {
+    const SpotlightItem& item = kept[static_cast<std::size_t>(kCount - id)];
+    EXPECT_EQ(item.attributes.get("kMDItemDisplayName"), Value("before " + std::to_string(id)));
+    EXPECT_EQ(item.attributes.size(), 3U);
+  }
+}
+
+// The columns find what the records no longer have.
+TEST_F(TheEngine, MessageThatCannotBeReadHasNoAttributesAndComesOnceItCan) {
+  std::vector<IndexEntry> entries;
+  for (std::int64_t id = 1; id <= 1000; ++id) entries.push_back(entryOf(id, "a"));
+  put(entries);
+  ASSERT_TRUE(index_->prepareColumns());
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open((folder_ / "index.sqlite").c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(db,
+                         "UPDATE records SET record = zeroblob(30) WHERE id IN (2, 998);"
+                         "DELETE FROM records WHERE id IN (3, 999);"
+                         "DELETE FROM files WHERE id IN (3, 999)",
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(db);
+  const auto query = makeQuery("true", /*live=*/true);
+  query->setFoundItemsHandler(std::make_shared<const SpotlightQuery::FoundItemsHandler>(
+      [&](std::span<const SpotlightItem> items) {
+        std::string line = "found " + std::to_string(items.size()) + ", without attributes:";
+        for (const SpotlightItem& item : items) {
+          const bool hasID = item.attributes.contains("_kMDItemExternalID");
+          EXPECT_EQ(hasID, item.attributes.get("kMDItemDisplayName") == Value("a"));
+          EXPECT_EQ(hasID, !item.attributes.empty());
+          if (!hasID) line += " " + item.identifier;
+        }
+        account_->add(line);
+      }));
+  query->start();
+  // Those that are among the first to be read are not found at all.
+  EXPECT_THAT(account_->waitFor(2), ElementsAre("found 998, without attributes: 3 2", "gathered"));
+  EXPECT_TRUE(index_->isDamaged());
+  put({entries[1], entries[2], entries[997], entries[998], entries[999]});
+  EXPECT_EQ(account_->waitFor(3).back(), "found 4, without attributes:");
 }
 
 TEST_F(TheEngine, GathersNoFurtherThanWhatHasBeenTaken) {

@@ -7,7 +7,9 @@
 #include <iterator>
 #include <utility>
 
+#include "host/index/ChunkReader.h"
 #include "host/index/IndexState.h"
+#include "host/index/MatchedMessages.h"
 #include "host/index/message_record.h"
 #include "host/index/message_view.h"
 #include "host/query/evaluator.h"
@@ -17,32 +19,6 @@ namespace thmp {
 namespace {
 
 constexpr std::size_t kChunk = 256;
-
-// They are made from the record, which the message has with it.
-class MessageAttributes : public DictionarySource {
- public:
-  MessageAttributes(IndexedMessage message, std::shared_ptr<const RecordEntries> entries)
-      : message_(std::move(message)), entries_(std::move(entries)) {}
-
-  void give(EntrySink& sink) const override { message_.give(*entries_, sink); }
-  Value entry(std::string_view name) const override {
-    const auto key = wantedKey(name);
-    return key ? message_.value(*key) : Value();
-  }
-  bool has(std::string_view name) const override {
-    const auto key = wantedKey(name);
-    return key && message_.has(*key);
-  }
-
- private:
-  std::optional<AttributeKey> wantedKey(std::string_view name) const {
-    const auto key = keyNamed(name);
-    return key && entries_->wanted()[static_cast<std::size_t>(*key)] ? key : std::nullopt;
-  }
-
-  const IndexedMessage message_;
-  const std::shared_ptr<const RecordEntries> entries_;
-};
 
 }  // namespace
 
@@ -82,8 +58,8 @@ void IndexedMessage::forEachAttribute(
 }
 
 Dictionary attributesOf(IndexedMessage message, std::shared_ptr<const RecordEntries> entries) {
-  return Dictionary(
-      std::make_shared<const MessageAttributes>(std::move(message), std::move(entries)));
+  return attributesOf(std::make_shared<Index::MatchedMessages>(std::move(message)), 0,
+                      std::move(entries));
 }
 
 Dictionary attributesOf(IndexedMessage message) {
@@ -132,157 +108,100 @@ void Index::setTextSource(TextSource source) { state_->textSource = std::move(so
 
 Result<void> Index::prepareColumns() { return state_->prepareColumns(); }
 
-// Reads messages a chunk at a time, so that no statement is open while somebody looks at them.
-class Index::ChunkReader {
- public:
-  explicit ChunkReader(const Index& index) : index_(index), pool_(index.state_->poolNow()) {}
-
-  std::vector<IndexedMessage>& chunk() { return chunk_; }
-
-  /// The next messages below `below`, at most `most`.
-  Result<void> readBelow(std::int64_t below, std::size_t most) {
-    return read([&](Connection& reader) {
-      Statement& row = reader.statement(
-          "SELECT id, mailbox, record FROM records WHERE id < ? ORDER BY id DESC LIMIT ?");
-      row.bind(1, below).bind(2, static_cast<std::int64_t>(most));
-      return takeAll(row, [](std::int64_t) { return true; });
-    });
-  }
-
-  Result<void> readOne(std::int64_t id) {
-    return read([&](Connection& reader) {
-      Statement& row = reader.statement("SELECT id, mailbox, record FROM records WHERE id = ?");
-      row.bind(1, id);
-      return takeAll(row, [](std::int64_t) { return true; });
-    });
-  }
-
-  /// Those of `rows`, which are in descending order, that are there.
-  Result<void> readRows(const std::vector<Row>& rows) {
-    constexpr std::size_t kSpread = 4;
-    if (rows.empty()) return {};
-    return read([&](Connection& reader) {
-      if (rows.front() - rows.back() < kSpread * rows.size()) return readRange(reader, rows);
-      Statement& row = reader.statement("SELECT id, mailbox, record FROM records WHERE id = ?");
-      return std::all_of(rows.begin(), rows.end(), [&](Row wanted) {
-        row.bind(1, std::int64_t{wanted});
-        return takeAll(row, [](std::int64_t) { return true; });
-      });
-    });
-  }
-
- private:
-  template <typename Read>
-  Result<void> read(const Read& readAll) {
-    const State& state = *index_.state_;
-    chunk_.clear();
-    const auto reader = state.readers.borrow();
-    if (!reader) return state.unreadable();
-    // SQLite locks the file for a statement outside of one, which costs as much as a record.
-    const ReadTransaction together(*reader);
-    if (!readAll(*reader) || !state.followPool(*reader, *pool_)) return state.failure(*reader);
-    return {};
-  }
-
-  bool readRange(Connection& reader, const std::vector<Row>& rows) {
-    Statement& row = reader.statement(
-        "SELECT id, mailbox, record FROM records WHERE id BETWEEN ? AND ? ORDER BY id DESC");
-    row.bind(1, std::int64_t{rows.back()}).bind(2, std::int64_t{rows.front()});
-    auto wanted = rows.begin();
-    return takeAll(row, [&](std::int64_t id) {
-      while (wanted != rows.end() && *wanted > id) ++wanted;
-      return wanted != rows.end() && *wanted == id;
-    });
-  }
-
-  template <typename Wanted>
-  bool takeAll(Statement& row, const Wanted& isWanted) {
-    while (row.row()) {
-      if (!isWanted(row.integer(0))) continue;
-      IndexedMessage& message = chunk_.emplace_back();
-      message.id_ = row.integer(0);
-      message.mailbox_ = row.integer(1);
-      message.record_ = row.bytes(2);
-      message.pool_ = pool_;
-      message.index_ = &index_;
-    }
-    const bool readAll = row.result() == SQLITE_DONE;
-    row.reset();
-    return readAll;
-  }
-
-  const Index& index_;
-  const std::shared_ptr<ValuePool> pool_;
-  std::vector<IndexedMessage> chunk_;
-};
-
-bool Index::isVisible(const IndexedMessage& message,
-                      const std::unordered_set<std::int64_t>& hidden) const {
-  if (hidden.contains(message.mailbox_)) return false;
-  if (isIntactRecord(message.record_)) return true;
-  state_->damaged.store(true);
-  return false;
-}
-
 Result<void> Index::forEachDescending(
     const std::function<bool(const IndexedMessage& message)>& visit) const {
   ChunkReader reader(*this);
-  for (std::int64_t below = INT64_MAX;; below = reader.chunk().back().id()) {
+  for (std::int64_t below = INT64_MAX;;) {
     auto read = reader.readBelow(below, kChunk);
     if (!read || reader.chunk().empty()) return read;
-    const auto hidden = state_->hiddenNow();
-    for (const IndexedMessage& message : reader.chunk()) {
-      if (isVisible(message, *hidden) && !visit(message)) return {};
+    below = reader.chunk().back().id();
+    for (const IndexedMessage& message : reader.takeVisible()) {
+      if (!visit(message)) return {};
     }
   }
 }
 
-Result<void> Index::forEachMatch(const query::Query& query,
-                                 const std::function<bool(IndexedMessage&& message)>& visit) const {
-  std::optional<Candidates> candidates;
-  while (!candidates) {
+Result<Candidates> Index::candidates(const query::Query& query) const {
+  for (;;) {
     auto prepared = state_->prepareColumns();
-    if (!prepared) return prepared;
+    if (!prepared) return prepared.error();
     auto found = state_->candidates(query);
     if (!found) return found.error();
-    candidates = std::move(*found);
+    if (*found) return std::move(**found);
   }
-  ChunkReader reader(*this);
-  std::vector<Row> rows;
-  bool goesOn = true;
-  const auto visitRows = [&]() -> Result<void> {
-    auto read = reader.readRows(rows);
-    rows.clear();
-    if (!read) return read;
-    const auto hidden = state_->hiddenNow();
-    for (IndexedMessage& message : reader.chunk()) {
-      if (!isVisible(message, *hidden)) continue;
-      if (candidates->doubtful.contains(static_cast<Row>(message.id())) &&
-          !query::matches(query, IndexedMessageView(message))) {
-        continue;
-      }
-      goesOn = visit(std::move(message));
-      if (!goesOn) break;
+}
+
+Result<void> Index::forEachMatch(
+    const query::Query& query,
+    const std::function<bool(const IndexedMessage& message)>& visit) const {
+  const std::atomic<bool> cancelled{false};
+  // All of a portion of that size has been read when it comes.
+  return forEachPortion(query, MatchedMessages::kReadAtOnce, cancelled, [&](const auto& portion) {
+    for (std::size_t place = 0; place < portion->size(); ++place) {
+      const IndexedMessage* message = portion->at(place);
+      if (message != nullptr && !visit(*message)) return false;
     }
-    return {};
-  };
-  Result<void> result;
-  candidates->rows.forEachDescending([&](Row row) {
-    rows.push_back(row);
-    if (rows.size() == kChunk) result = visitRows();
-    return goesOn && result;
+    return true;
   });
-  if (goesOn && result && !rows.empty()) result = visitRows();
-  return result;
+}
+
+Result<void> Index::forEachPortion(const query::Query& query, std::size_t most,
+                                   const std::atomic<bool>& cancelled,
+                                   const PortionVisitor& visit) const {
+  const auto found = candidates(query);
+  if (!found) return found.error();
+  std::vector<Row> rows;    // that match, for the next portion
+  std::vector<Row> window;  // that come after them
+  Result<void> result;
+  bool goesOn = true;
+  const auto visitRows = [&] {
+    const auto portion = std::make_shared<MatchedMessages>(*this, std::exchange(rows, {}));
+    result = portion->result();
+    goesOn = result && visit(portion);
+    if (portion.use_count() > 1) portion->readRest();
+    if (result) result = portion->result();
+  };
+  const auto takeWindow = [&] {
+    result = keepMatching(query, found->doubtful, window);
+    rows.insert(rows.end(), window.begin(), window.end());
+    window.clear();
+    if (rows.size() == most) visitRows();
+  };
+  found->rows.forEachDescending([&](Row row) {
+    window.push_back(row);
+    if (window.size() == std::min(kChunk, most - rows.size())) takeWindow();
+    return goesOn && result && !cancelled;
+  });
+  if (goesOn && result && !window.empty()) takeWindow();
+  const Result<void> walked = result;
+  if (goesOn && !rows.empty()) visitRows();
+  return walked ? result : walked;
+}
+
+Result<void> Index::keepMatching(const query::Query& query, const RowSet& doubtful,
+                                 std::vector<Row>& rows) const {
+  std::vector<Row> asked;
+  std::copy_if(rows.begin(), rows.end(), std::back_inserter(asked),
+               [&](Row row) { return doubtful.contains(row); });
+  if (asked.empty()) return {};
+  ChunkReader reader(*this);
+  Result<void> read = reader.readRows(asked);
+  std::unordered_set<Row> matching;
+  for (const IndexedMessage& message : reader.takeVisible()) {
+    if (query::matches(query, IndexedMessageView(message))) {
+      matching.insert(static_cast<Row>(message.id()));
+    }
+  }
+  std::erase_if(rows, [&](Row row) { return doubtful.contains(row) && !matching.contains(row); });
+  return read;
 }
 
 std::optional<IndexedMessage> Index::get(std::int64_t id) const {
   ChunkReader reader(*this);
-  const auto read = reader.readOne(id);
-  if (!read || reader.chunk().empty()) return std::nullopt;
-  const IndexedMessage& message = reader.chunk().front();
-  if (!isVisible(message, *state_->hiddenNow())) return std::nullopt;
-  return message;
+  if (!reader.readOne(id)) return std::nullopt;
+  std::vector<IndexedMessage> read = reader.takeVisible();
+  if (read.empty()) return std::nullopt;
+  return std::move(read.front());
 }
 
 bool Index::contains(std::int64_t id) const { return get(id).has_value(); }

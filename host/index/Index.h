@@ -9,6 +9,8 @@
 // a writer.
 #pragma once
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -23,6 +25,7 @@
 #include "base/result.h"
 #include "base/value.h"
 #include "host/index/RecordEntries.h"
+#include "host/index/RowSet.h"
 #include "host/index/index_types.h"
 #include "host/query/query.h"
 #include "host/store/MailFolders.h"
@@ -32,6 +35,7 @@ namespace thmp {
 
 class Index;
 class ValuePool;
+struct Candidates;
 
 /// The attributes of these names that a found item can carry.
 AttributeSelection selectAttributes(std::span<const std::string> names);
@@ -94,9 +98,17 @@ class Index {
   Result<void> prepareColumns();
 
   /// Calls `visit` with every message that matches and is not hidden, by descending ID, until it
-  /// returns false; it may keep the message. Otherwise like forEachDescending().
+  /// returns false. Otherwise like forEachDescending().
   Result<void> forEachMatch(const query::Query& query,
-                            const std::function<bool(IndexedMessage&& message)>& visit) const;
+                            const std::function<bool(const IndexedMessage& message)>& visit) const;
+
+  class MatchedMessages;
+  using PortionVisitor = std::function<bool(const std::shared_ptr<MatchedMessages>& portion)>;
+  /// The same, `most` messages at a time, until `visit` returns false or `cancelled` is set. A
+  /// portion that somebody keeps is read to its end after `visit`; while it runs, makeAnew() waits.
+  Result<void> forEachPortion(const query::Query& query, std::size_t most,
+                              const std::atomic<bool>& cancelled,
+                              const PortionVisitor& visit) const;
 
   /// Calls `visit` with every message that is not hidden, by descending ID, until it returns false.
   /// Sees what was committed before the call; of later commits, some. No lock or transaction is
@@ -177,8 +189,9 @@ class Index {
  private:
   struct State;
   class ChunkReader;
-  bool isVisible(const IndexedMessage& message,
-                 const std::unordered_set<std::int64_t>& hidden) const;
+  Result<Candidates> candidates(const query::Query& query) const;
+  Result<void> keepMatching(const query::Query& query, const RowSet& doubtful,
+                            std::vector<Row>& rows) const;
   explicit Index(std::unique_ptr<State> state);
   std::unique_ptr<State> state_;
 };
