@@ -150,7 +150,7 @@ class SearchEngine::Core : public std::enable_shared_from_this<Core> {
       return;
     }
     if (!followed_) {
-      complete(Error{});
+      complete(cancelled_ ? searchError(SearchErrorCode::kCancelled) : Error{});
     } else if (const auto ended = handler(&Core::gatherEnded_)) {
       (*ended)();
     }

@@ -10,6 +10,7 @@
 #include <latch>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "base/mutex.h"
@@ -306,6 +307,7 @@ TEST_F(TheEngine, AttributesAreThoseOfTheDeliveryWhateverHappensAfterIt) {
   }
   put(entries);
   std::vector<SpotlightItem> kept;
+  std::thread maker;
   auto query = engine_->makeQuery("true", nullptr);
   query->setFoundItemsHandler(std::make_shared<const SpotlightQuery::FoundItemsHandler>(
       [&](std::span<const SpotlightItem> items) {
@@ -313,6 +315,7 @@ TEST_F(TheEngine, AttributesAreThoseOfTheDeliveryWhateverHappensAfterIt) {
         put(entries);
         remove({6});
         index_->hideMailboxes({1});
+        maker = std::thread([this] { EXPECT_TRUE(index_->makeAnew()); });
         for (const SpotlightItem& item : items.first(items.size() / 2)) {
           account_->add(item.identifier + " " +
                         std::string(*item.attributes["kMDItemDisplayName"].asText()));
@@ -330,7 +333,7 @@ TEST_F(TheEngine, AttributesAreThoseOfTheDeliveryWhateverHappensAfterIt) {
   expected.emplace_back("completed");
   EXPECT_EQ(account_->waitFor(expected.size()), expected);
   query.reset();
-  ASSERT_TRUE(index_->makeAnew());
+  maker.join();
   for (std::int64_t id = kCount; id > 0; --id) {
     const SpotlightItem& item = kept[static_cast<std::size_t>(kCount - id)];
     EXPECT_EQ(item.attributes.get("kMDItemDisplayName"), Value("before " + std::to_string(id)));
@@ -401,6 +404,23 @@ TEST_F(TheEngine, GathersNoFurtherThanWhatHasBeenTaken) {
   EXPECT_EQ(lines.front(), "100 of 100");
   EXPECT_EQ(lines.back(), "50 of 1050");
   EXPECT_LT(ahead, 10U) << "messages are looked at before those found are taken";
+}
+
+TEST_F(TheEngine, CancelledQueryLooksAtNoMoreTexts) {
+  std::vector<IndexEntry> entries;
+  for (std::int64_t id = 1; id <= 1050; ++id) entries.push_back(entryOf(id, "a"));
+  put(entries);
+  std::size_t looked = 0;
+  std::shared_ptr<SpotlightQuery> query;
+  index_->setTextSource([&](std::int64_t, std::int64_t) {
+    query->cancel();
+    ++looked;
+    return std::string("no such");
+  });
+  query = makeQuery("kMDItemTextContent == \"*e word*\"", /*live=*/false);
+  query->start();
+  EXPECT_THAT(account_->waitFor(1), ElementsAre("failed -2003"));
+  EXPECT_THAT(looked, ::testing::AllOf(::testing::Gt(0U), ::testing::Le(256U)));
 }
 
 TEST_F(TheEngine, CallbacksOfOneQueryNeverOverlap) {

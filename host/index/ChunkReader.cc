@@ -9,14 +9,13 @@
 
 namespace thmp {
 
-Index::ChunkReader::ChunkReader(const Index& index, Sees sees)
-    : index_(index), sees_(sees), pool_(index.state_->poolNow()) {}
+Index::ChunkReader::ChunkReader(const Index& index, Sees sees) : index_(index), sees_(sees) {}
 
-Result<void> Index::ChunkReader::readBelow(std::int64_t below, std::size_t most) {
+Result<void> Index::ChunkReader::readBelow(std::int64_t below) {
   return read([&](Connection& reader) {
     Statement& row = reader.statement(
         "SELECT id, mailbox, record FROM records WHERE id < ? ORDER BY id DESC LIMIT ?");
-    row.bind(1, below).bind(2, static_cast<std::int64_t>(most));
+    row.bind(1, below).bind(2, static_cast<std::int64_t>(kChunk));
     return takeAll(row);
   });
 }
@@ -30,10 +29,9 @@ Result<void> Index::ChunkReader::readOne(std::int64_t id) {
 }
 
 Result<void> Index::ChunkReader::readRows(std::span<const Row> rows) {
-  constexpr std::size_t kSpread = 4;
   if (rows.empty()) return {};
   return read([&](Connection& reader) {
-    if (rows.front() - rows.back() < kSpread * rows.size()) return readRange(reader, rows);
+    if (areClose(rows.back(), rows.front(), rows.size())) return readRange(reader, rows);
     Statement& row = reader.statement("SELECT id, mailbox, record FROM records WHERE id = ?");
     return std::all_of(rows.begin(), rows.end(), [&](Row wanted) {
       row.bind(1, std::int64_t{wanted});
@@ -60,6 +58,8 @@ Result<void> Index::ChunkReader::read(const Read& readAll) {
     ReadPool::Lease reader = state.readers.borrow();
     if (!reader) return state.unreadable();
     session_.emplace(std::move(reader));
+    // While a connection is lent the index is not made anew, so the pool is that of its records.
+    pool_ = state.poolNow();
     hidden_ = state.hiddenNow();
   }
   Connection& reader = *session_->reader;

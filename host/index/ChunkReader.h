@@ -28,13 +28,16 @@ class Index::ChunkReader {
   /// The index outlives it.
   explicit ChunkReader(const Index& index, Sees sees = Sees::kEachCommit);
 
+  /// What is read in one go, where somebody reads all.
+  static constexpr std::size_t kChunk = 256;
+
   /// What was read last, hidden and damaged ones included.
   const std::vector<IndexedMessage>& chunk() const { return chunk_; }
   /// The others, in the same order.
   std::vector<IndexedMessage> takeVisible();
 
-  /// The next messages below `below`, at most `most`.
-  Result<void> readBelow(std::int64_t below, std::size_t most);
+  /// The next messages below `below`, at most kChunk.
+  Result<void> readBelow(std::int64_t below);
   Result<void> readOne(std::int64_t id);
   /// Those of `rows`, which are in descending order, that are there.
   Result<void> readRows(std::span<const Row> rows);
@@ -57,8 +60,9 @@ class Index::ChunkReader {
 
   const Index& index_;
   const Sees sees_;
-  const std::shared_ptr<ValuePool> pool_;
-  std::shared_ptr<const std::unordered_set<std::int64_t>> hidden_;  // when the session began
+  // Those of when the session began.
+  std::shared_ptr<ValuePool> pool_;
+  std::shared_ptr<const std::unordered_set<std::int64_t>> hidden_;
   std::vector<IndexedMessage> chunk_;
   std::optional<Session> session_;
 };

@@ -16,12 +16,6 @@
 
 namespace thmp {
 
-namespace {
-
-constexpr std::size_t kChunk = 256;
-
-}  // namespace
-
 AttributeSelection selectAttributes(std::span<const std::string> names) {
   AttributeSelection wanted;
   for (const std::string& name : names) {
@@ -112,7 +106,7 @@ Result<void> Index::forEachDescending(
     const std::function<bool(const IndexedMessage& message)>& visit) const {
   ChunkReader reader(*this);
   for (std::int64_t below = INT64_MAX;;) {
-    auto read = reader.readBelow(below, kChunk);
+    auto read = reader.readBelow(below);
     if (!read || reader.chunk().empty()) return read;
     below = reader.chunk().back().id();
     for (const IndexedMessage& message : reader.takeVisible()) {
@@ -136,7 +130,7 @@ Result<void> Index::forEachMatch(
     const std::function<bool(const IndexedMessage& message)>& visit) const {
   const std::atomic<bool> cancelled{false};
   // All of a portion of that size has been read when it comes.
-  return forEachPortion(query, MatchedMessages::kReadAtOnce, cancelled, [&](const auto& portion) {
+  return forEachPortion(query, ChunkReader::kChunk, cancelled, [&](const auto& portion) {
     for (std::size_t place = 0; place < portion->size(); ++place) {
       const IndexedMessage* message = portion->at(place);
       if (message != nullptr && !visit(*message)) return false;
@@ -169,8 +163,9 @@ Result<void> Index::forEachPortion(const query::Query& query, std::size_t most,
   };
   found->rows.forEachDescending([&](Row row) {
     window.push_back(row);
-    if (window.size() == std::min(kChunk, most - rows.size())) takeWindow();
-    return goesOn && result && !cancelled;
+    if (window.size() == std::min(ChunkReader::kChunk, most - rows.size())) takeWindow();
+    goesOn = goesOn && !cancelled;
+    return goesOn && result;
   });
   if (goesOn && result && !window.empty()) takeWindow();
   const Result<void> walked = result;

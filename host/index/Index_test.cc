@@ -107,6 +107,30 @@ TEST_F(TheIndex, AVisitCanEndEarlyAndMayWriteMeanwhile) {
   EXPECT_EQ(visited, 2);
 }
 
+TEST_F(TheIndex, AVisitGoesOnInAnIndexThatIsMadeAnewMeanwhile) {
+  const auto entriesBy = [](const std::string& author) {
+    std::vector<IndexEntry> entries;
+    for (int id = 1; id <= 600; ++id) {
+      entries.push_back(entryOf(id, "s"));
+      entries.back().attributes.set(keyText(AttributeKey::kAuthors), Value(Array{author}));
+    }
+    return entries;
+  };
+  put(entriesBy("before"));
+  std::map<std::string, int> authors;
+  ASSERT_TRUE(index_->forEachDescending([&](const IndexedMessage& message) {
+    if (authors.empty()) {
+      EXPECT_TRUE(index_->makeAnew());
+      put(entriesBy("after"));
+    }
+    const Array those = *message.value(AttributeKey::kAuthors).asArray();
+    ++authors[std::string(*those[0].asText())];
+    return true;
+  }));
+  // What is read after it has its shared values from the new one.
+  EXPECT_EQ(authors, (std::map<std::string, int>{{"before", 256}, {"after", 344}}));
+}
+
 TEST_F(TheIndex, AMessageHasItsAttributesItsTextAndItsIdentifier) {
   put({entryOf(42, "Subject", "the text")});
   const auto message = index_->get(42);

@@ -79,7 +79,7 @@ Result<void> Index::MatchedMessages::result() {
 
 void Index::MatchedMessages::readChunk() {
   const std::size_t begin = read_.load();
-  const std::size_t end = std::min(begin + kReadAtOnce, size());
+  const std::size_t end = std::min(begin + ChunkReader::kChunk, size());
   const std::span<const Row> rows = std::span(rows_).subspan(begin, end - begin);
   if (result_) result_ = reader_->readRows(rows);
   std::size_t place = begin;

@@ -22,9 +22,7 @@ namespace thmp {
 
 class Index::MatchedMessages {
  public:
-  static constexpr std::size_t kReadAtOnce = 256;
-
-  /// Those of `rows`, which are in descending order. Reads the first of them.
+  /// Those of `rows`, which are in descending order. Reads the first of them, ChunkReader::kChunk.
   MatchedMessages(const Index& index, std::vector<Row> rows);
   /// One that has been read.
   explicit MatchedMessages(IndexedMessage message);

@@ -94,13 +94,6 @@ std::optional<FolderIdentity> identityOf(Connection& connection, const std::stri
 }
 
 // As JSON, which a statement that is made once can take.
-// IDs this close together, on the average, are read in one go.
-constexpr std::size_t kSpread = 4;
-
-bool areClose(std::int64_t lowest, std::int64_t highest, std::size_t count) {
-  return static_cast<std::uint64_t>(highest) - static_cast<std::uint64_t>(lowest) < kSpread * count;
-}
-
 }  // namespace
 
 struct Library::State {

@@ -95,6 +95,15 @@ TEST_F(TheLibrary, DataPathsOfManyAreThoseOfEach) {
   EXPECT_THAT(
       library_->dataPaths(asked, 0),
       ElementsAre("/m/B/cur/c", "/m/A/new/b", "", "/m/A/cur/a:2,S", "", "", "/m/A/new/b", ""));
+  // Close together they are read in another way.
+  const std::vector<MailMessagePlace> close = {{4, other},    {1, mailbox_}, {3, other},
+                                               {3, mailbox_}, {1, mailbox_}, {2, mailbox_},
+                                               {5, mailbox_}};
+  EXPECT_THAT(library_->dataPaths(close, 0), ElementsAre("/m/B/cur/c", "/m/A/cur/a:2,S", "",
+                                                         "/m/A/new/b", "/m/A/cur/a:2,S", "", ""));
+  const std::vector<MailMessagePlace> extremes = {
+      {INT64_MAX, mailbox_}, {1, mailbox_}, {INT64_MIN, mailbox_}};
+  EXPECT_THAT(library_->dataPaths(extremes, 0), ElementsAre("", "/m/A/cur/a:2,S", ""));
   EXPECT_THAT(library_->dataPaths({}, 0), IsEmpty());
 }
 

@@ -196,6 +196,11 @@ void ReadPool::reopen() {
   changed_.notify_all();
 }
 
+bool areClose(std::int64_t lowest, std::int64_t highest, std::size_t count) noexcept {
+  constexpr std::size_t kSpread = 4;
+  return static_cast<std::uint64_t>(highest) - static_cast<std::uint64_t>(lowest) < kSpread * count;
+}
+
 bool makeParentFolders(const std::string& path, Error* error) {
   // SQLite syncs its files and their names, nothing above them.
   const std::string folder = path.substr(0, path.rfind('/'));

@@ -156,6 +156,10 @@ class ReadPool {
   bool closed_ THMP_GUARDED_BY(mutex_) = false;
 };
 
+/// Whether `count` row IDs from `lowest` to `highest` are so close together that reading all rows
+/// between them costs less than a statement for each.
+bool areClose(std::int64_t lowest, std::int64_t highest, std::size_t count) noexcept;
+
 /// Makes the folder of the absolute `path` and those above it that are missing, each private to the
 /// user and synced into the one above.
 bool makeParentFolders(const std::string& path, Error* error = nullptr);
