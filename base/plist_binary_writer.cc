@@ -5,9 +5,9 @@
 // ones are written once; a container waits for its turn, when its elements get their numbers. The
 // containers come last, as only then is it known how many bytes a number takes.
 //
-// When many containers wait, a second thread numbers what is in half of them, by itself, and what
-// it has found is then taken over: scalars by their bytes once more. A container that both halves
-// have is written twice.
+// When some hundreds of containers wait, a second thread takes of them what it finds the time for,
+// and numbers what is in them by itself. That is then taken over, scalars by their bytes once more.
+// A container that both threads have met is written twice.
 #include <algorithm>
 #include <array>
 #include <bit>
@@ -677,12 +677,12 @@ void BinaryWriter::numberAll() {
   // On this thread when there can be no other.
   std::future<void> numbered = std::async([&other, &waiting] { other.numberLast(waiting); });
   for (auto places = waiting.takeFirst(); !places.isEmpty(); places = waiting.takeFirst()) {
-    for (std::size_t i = places.begin; i < places.end; ++i) numberElements(i);
+    for (std::size_t i = places.begin; i < places.end && !isRefused_; ++i) numberElements(i);
     numberRest();
   }
   numbered.get();
   if (other.isRefused_ && !std::exchange(isRefused_, true)) fail(error_, std::move(otherError));
-  takeOver(other);
+  if (!isRefused_) takeOver(other);
 }
 
 /// Numbers what those hold that nobody takes before.
