@@ -244,6 +244,7 @@ class Client:
         self.world = world
         self.name = name
         self.taken = {}  # unique name to its messages, in the order taken
+        self.asked = {}  # unique name to the file of its last search
         self.batches = {}
         world.inbox.mkdir(parents=True, exist_ok=True, mode=0o700)
 
@@ -283,7 +284,8 @@ class Client:
     def search(self, unique, query=None, **user_info):
         self.taken.setdefault(unique, [])
         user_info.setdefault("version", "1")
-        return self.post("Search", uniqueName=unique, queryString=query, **user_info)
+        self.asked[unique] = self.post("Search", uniqueName=unique, queryString=query, **user_info)
+        return self.asked[unique]
 
     def look(self, unique):
         taken = self.take(lambda m: m.get("userInfo", {}).get("uniqueName") == unique)
@@ -297,8 +299,10 @@ class Client:
         return wait_for(lambda: len(found := self.of_kind(unique, kind)) >= count and found, f"{count} x {kind} of {unique}")
 
     def gathered(self, unique):
-        """Waits for the end of gathering; then all updates that came, in their order."""
+        """Waits for the end of gathering and for its request to go, which it does last; then all updates that came, in their order."""
         self.wait_for_kind(unique, "QueryDidComplete")
+        if unique in self.asked:
+            self.wait_taken(self.asked[unique])
         return sorted(self.of_kind(unique, "QueryHasUpdates"), key=lambda info: info["batchNumber"])
 
     def read(self, info, kind="ResultsBatch"):
