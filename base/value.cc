@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <new>
 
 #include "base/DictionarySource.h"
@@ -230,12 +231,12 @@ void insertElement(ContainerNode* node, std::size_t index, Element element) {
 
 /// REQUIRES: `node` has one owner.
 template <typename Element>
-void eraseElement(ContainerNode* node, std::size_t index) {
+void eraseElements(ContainerNode* node, std::size_t index, std::size_t count) {
   Element* place = elementsOf<Element>(node) + index;
-  const Element removed(std::move(*place));
-  place->~Element();
-  std::memmove(static_cast<void*>(place), place + 1, (node->size - index - 1) * sizeof(Element));
-  --node->size;
+  std::destroy_n(place, count);
+  std::memmove(static_cast<void*>(place), place + count,
+               (node->size - index - count) * sizeof(Element));
+  node->size -= count;
 }
 
 const Value& nullValue() {
@@ -317,12 +318,12 @@ void Array::push_back(Value value) {
   ++node->size;
 }
 
-void Array::erase(std::size_t index) {
-  if (size() == 1) {
+void Array::erase(std::size_t index, std::size_t count) {
+  if (size() == count) {
     node_ = NodeRef();
     return;
   }
-  value_internal::eraseElement<Value>(makeOwned<Value>(node_, Kind::kArray, size()), index);
+  value_internal::eraseElements<Value>(makeOwned<Value>(node_, Kind::kArray, size()), index, count);
 }
 
 Dictionary::Dictionary(std::initializer_list<Entry> entries)
@@ -393,6 +394,12 @@ void Dictionary::set(Text key, Value value) {
   value_internal::insertElement<Entry>(node, index, Entry{std::move(key), std::move(value)});
 }
 
+Value* Dictionary::edit(std::string_view key) {
+  const std::size_t index = lowerBound(*this, key);
+  if (index == size() || begin()[index].key != key) return nullptr;
+  return &entriesOf(makeOwned<Entry>(node_, Kind::kDictionary, size()))[index].value;
+}
+
 void Dictionary::reserve(std::size_t capacity) {
   if (capacity > size()) makeOwned<Entry>(node_, Kind::kDictionary, capacity);
 }
@@ -411,7 +418,7 @@ void Dictionary::erase(std::string_view key) {
     return;
   }
   ContainerNode* node = makeOwned<Entry>(node_, Kind::kDictionary, size());
-  value_internal::eraseElement<Entry>(node, index);
+  value_internal::eraseElements<Entry>(node, index, 1);
 }
 
 Value::Value(const Data& data)

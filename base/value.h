@@ -137,7 +137,8 @@ class Array {
 
   void reserve(std::size_t capacity);
   void push_back(Value value);
-  void erase(std::size_t index);
+  /// REQUIRES: index + count <= size().
+  void erase(std::size_t index, std::size_t count = 1);
   const void* identity() const noexcept { return node_.get(); }
 
  private:
@@ -172,6 +173,9 @@ class Dictionary {
   const Entry* begin() const;
   const Entry* end() const;
 
+  /// The value under `key`, to be changed in place and not to null; null pointer when it is absent.
+  /// Valid until the dictionary is changed or copied.
+  Value* edit(std::string_view key);
   /// Makes room for `capacity` entries in all.
   void reserve(std::size_t capacity);
   /// Stores `value` under `key`; a null value takes the key out.

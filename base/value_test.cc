@@ -271,6 +271,26 @@ TEST(Arrays, ChangeInPlaceForASoleOwner) {
   array.erase(3);
   EXPECT_EQ(array.identity(), before);
   EXPECT_EQ(array.size(), 9U);
+  array.erase(1, 6);
+  EXPECT_EQ(array.identity(), before);
+  EXPECT_EQ(Value(array), Value(Array{"x", 7, 8}));
+}
+
+TEST(Arrays, LoseAnyNumberOfElements) {
+  const Array five{"a", "b", "c", "d", "e"};
+  const auto without = [&five](std::size_t index, std::size_t count) {
+    Array array = five;
+    array.erase(index, count);
+    return Value(array);
+  };
+  EXPECT_EQ(without(0, 0), Value(five));
+  EXPECT_EQ(without(0, 2), Value(Array{"c", "d", "e"}));
+  EXPECT_EQ(without(1, 3), Value(Array{"a", "e"}));
+  EXPECT_EQ(without(3, 2), Value(Array{"a", "b", "c"}));
+  EXPECT_EQ(without(0, 5), Value(Array{}));
+  Array none;
+  none.erase(0, 0);
+  EXPECT_TRUE(none.empty());
 }
 
 TEST(Arrays, TakeTheirOwnElementsAndThemselves) {
@@ -322,6 +342,19 @@ TEST(Dictionaries, ChangeInPlaceForASoleOwner) {
   dictionary.erase(dictionary.begin()->key);
   EXPECT_TRUE(dictionary.empty());
   EXPECT_EQ(dictionary.identity(), nullptr);
+}
+
+TEST(Dictionaries, AreEditedInPlaceAndInOneCopyOnly) {
+  Dictionary first{{"a", Array{1}}, {"b", 2}};
+  const Dictionary second = first;
+  *first.edit("b") = 3;
+  EXPECT_EQ(Value(first), Value(Dictionary{{"a", Array{1}}, {"b", 3}}));
+  EXPECT_EQ(Value(second), Value(Dictionary{{"a", Array{1}}, {"b", 2}}));
+  const void* before = first.identity();
+  *first.edit("a") = "changed";
+  EXPECT_EQ(first.identity(), before);
+  EXPECT_EQ(first["a"], Value("changed"));
+  EXPECT_EQ(first.edit("c"), nullptr);
 }
 
 TEST(Dictionaries, FindWhatIsThereAndNothingElse) {

@@ -31,17 +31,28 @@ std::size_t firstYounger(const Array& entries, std::size_t from, double seconds,
   return from;
 }
 
-Array storedEntries(Preferences& preferences) {
-  return preferences.get(PluginLog::kStoredLogKey).asArray().value_or(Array());
-}
+// The stored entries while they are changed, in place: this is done for each line.
+class StoredEntries {
+ public:
+  explicit StoredEntries(Value& stored)
+      : stored_(stored), entries_(stored.asArray().value_or(Array())) {
+    stored_ = Value(false);  // so that the entries have one owner
+  }
+  ~StoredEntries() { stored_ = Value(std::move(entries_)); }
+  StoredEntries(const StoredEntries&) = delete;
+  StoredEntries& operator=(const StoredEntries&) = delete;
 
-// The entries from `first` on, with room for one more. Copied once: this is done for each line.
-Array entriesFrom(const Array& stored, std::size_t first) {
-  Array entries;
-  entries.reserve(stored.size() - first + 1);
-  for (std::size_t i = first; i < stored.size(); ++i) entries.push_back(stored[i]);
-  return entries;
-}
+  // Leaves out the entries before `from`, and those from there on that are too old.
+  void trim(std::size_t from, double seconds, Date now) {
+    entries_.erase(0, firstYounger(entries_, from, seconds, now));
+  }
+  std::size_t size() const { return entries_.size(); }
+  void add(const Value& entry) { entries_.push_back(entry); }
+
+ private:
+  Value& stored_;
+  Array entries_;
+};
 
 }  // namespace
 
@@ -60,15 +71,14 @@ void PluginLog::logQueryName(const Value& queryName, std::string_view format,
   if (text.empty()) return;
 
   const RecursiveLock lock(mutex_);
-  const Array stored = storedEntries(platform_.preferences);
-  const Value entry = Array{platform_.execution.now(), name, cut(text)};
-  const std::size_t count = stored.size() + 1;
-  const std::size_t surplus = count > kMaxEntries ? count - kMaxEntries : 0;
-  const std::size_t first =
-      firstYounger(stored, surplus, kMaxAgeInSeconds, platform_.execution.now());
-  Array entries = entriesFrom(stored, first);
-  entries.push_back(entry);
-  platform_.preferences.set(kStoredLogKey, Value(std::move(entries)));
+  const Date now = platform_.execution.now();
+  const Value entry = Array{now, name, cut(text)};
+  platform_.preferences.change(kStoredLogKey, [&entry, now](Value& stored) {
+    StoredEntries entries(stored);
+    const std::size_t count = entries.size() + 1;
+    entries.trim(count > kMaxEntries ? count - kMaxEntries : 0, kMaxAgeInSeconds, now);
+    entries.add(entry);
+  });
 }
 
 // Deliberate: without the lock. A line logged meanwhile may stay or go.
@@ -80,10 +90,10 @@ void PluginLog::applyRetentionAtQuit() {
     platform_.preferences.remove(kStoredLogKey);
     return;
   }
-  const Array stored = storedEntries(platform_.preferences);
-  const std::size_t first =
-      firstYounger(stored, 0, kKeptAtQuitInSeconds, platform_.execution.now());
-  platform_.preferences.set(kStoredLogKey, Value(entriesFrom(stored, first)));
+  const Date now = platform_.execution.now();
+  platform_.preferences.change(kStoredLogKey, [now](Value& stored) {
+    StoredEntries(stored).trim(0, kKeptAtQuitInSeconds, now);
+  });
 }
 
 }  // namespace thmp

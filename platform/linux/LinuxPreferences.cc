@@ -68,6 +68,27 @@ Value LinuxPreferences::get(const std::string& key) {
 void LinuxPreferences::set(const std::string& key, const Value& value) {
   const Lock lock(mutex_);
   values_.set(key, value);
+  noteChange(key);
+}
+
+void LinuxPreferences::remove(const std::string& key) { set(key, Value()); }
+
+void LinuxPreferences::change(const std::string& key,
+                              const std::function<void(Value& value)>& edit) {
+  const Lock lock(mutex_);
+  if (Value* const value = values_.edit(key)) {
+    edit(*value);
+    if (value->isNull()) values_.erase(key);
+  } else {
+    Value made;
+    edit(made);
+    values_.set(key, std::move(made));
+  }
+  noteChange(key);
+}
+
+/// Has it written soon.
+void LinuxPreferences::noteChange(const std::string& key) {
   changedKeys_.insert(key);
   const bool writerKnows = std::exchange(writeWanted_, true);
   if (!writer_.joinable() && !ended_) {
@@ -75,8 +96,6 @@ void LinuxPreferences::set(const std::string& key, const Value& value) {
   }
   if (!writerKnows) changed_.notify_one();
 }
-
-void LinuxPreferences::remove(const std::string& key) { set(key, Value()); }
 
 bool LinuxPreferences::flush() {
   bool written = false;

@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
@@ -39,12 +40,15 @@ class LinuxPreferences final : public Preferences {
   Value get(const std::string& key) override;
   void set(const std::string& key, const Value& value) override;
   void remove(const std::string& key) override;
+  /// Atomic.
+  void change(const std::string& key, const std::function<void(Value& value)>& edit) override;
 
   /// Writes what is not written yet, before it returns. False when that fails.
   bool flush();
 
  private:
   void load() THMP_REQUIRES(fileMutex_);
+  void noteChange(const std::string& key) THMP_REQUIRES(mutex_);
   void writeBehind();
   bool write() THMP_REQUIRES(fileMutex_);
   bool adoptFile(int folder) THMP_REQUIRES(fileMutex_);

@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <thread>
+#include <vector>
 
 #include "base/plist.h"
 #include "platform/linux/InotifyWatches.h"
@@ -68,6 +70,25 @@ TEST_F(LinuxPreferencesTest, ChangeIsWrittenBehind) {
   preferences.set("key", "value");
   ASSERT_TRUE(written->reaches(1));
   EXPECT_EQ(stored()["key"], Value("value"));
+}
+
+TEST_F(LinuxPreferencesTest, ChangesOnManyThreadsAreAllMade) {
+  {
+    LinuxPreferences preferences(folder_.at("host"), log_);
+    std::vector<std::thread> threads;
+    threads.reserve(4);
+    for (int i = 0; i < 4; ++i) {
+      threads.emplace_back([&preferences] {
+        for (int j = 0; j < 500; ++j) {
+          preferences.change("count",
+                             [](Value& value) { value = value.asInteger().value_or(0) + 1; });
+        }
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(preferences.get("count"), Value(2000));
+  }
+  EXPECT_EQ(stored()["count"], Value(2000));
 }
 
 TEST_F(LinuxPreferencesTest, DestructionWritesWhatIsLeft) {

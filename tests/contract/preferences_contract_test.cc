@@ -89,6 +89,27 @@ TEST_P(PreferencesContract, ChangedCopyOfAValueDoesNotReachTheStore) {
   EXPECT_EQ(preferences().get("value")["key"], Value(1));
 }
 
+TEST_P(PreferencesContract, ValueIsChangedFromWhatItIs) {
+  const auto addOne = [](Value& value) { value = value.asInteger().value_or(0) + 1; };
+  preferences().change("key", addOne);
+  EXPECT_EQ(preferences().get("key"), Value(1));
+  preferences().change("key", addOne);
+  EXPECT_EQ(preferences().get("key"), Value(2));
+  preferences().change("key", [](Value& value) { value = Value(); });
+  EXPECT_TRUE(preferences().get("key").isNull());
+  preferences().change("never set", [](Value& value) { EXPECT_TRUE(value.isNull()); });
+  EXPECT_TRUE(preferences().get("never set").isNull());
+}
+
+TEST_P(PreferencesContract, ChangedValueIsKeptAcrossLaunchesAndIsNobodyElses) {
+  preferences().set("value", Array{1});
+  const Value before = preferences().get("value");
+  preferences().change("value", [](Value& value) { value = Array{1, 2}; });
+  EXPECT_EQ(before, Value(Array{1}));
+  fixture().relaunch();
+  EXPECT_EQ(preferences().get("value"), Value(Array{1, 2}));
+}
+
 TEST_P(PreferencesContract, ThreadsSetAndGetAtTheSameTime) {
   contract::runOnThreads(4, [&](int i) {
     const std::string key = "own" + std::to_string(i);
