@@ -3,6 +3,8 @@
 
 #include <utf8proc.h>
 
+#include <algorithm>
+
 namespace thmp {
 namespace {
 
@@ -59,10 +61,22 @@ bool isUtf8(std::string_view bytes) {
   return true;
 }
 
+/// How many bytes at the front are ASCII without controls.
+std::size_t plainBytes(std::string_view text) {
+  const auto* end = std::find_if(text.begin(), text.end(), [](char byte) {
+    return static_cast<signed char>(byte) < ' ' || byte == '\x7F';
+  });
+  return static_cast<std::size_t>(end - text.begin());
+}
+
 std::string escapeControls(std::string_view text) {
   std::string out;
   out.reserve(text.size());
   while (!text.empty()) {
+    const std::size_t plain = plainBytes(text);
+    out += text.substr(0, plain);
+    text.remove_prefix(plain);
+    if (text.empty()) break;
     const Character character = firstCharacter(text);
     const std::string_view bytes = text.substr(0, character.length);
     if (character.valid && !character.control) {
