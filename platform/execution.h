@@ -61,12 +61,13 @@ class Execution {
   /// A new serial queue. Shared with whoever holds it; its thread ends with the process.
   virtual std::shared_ptr<SerialQueue> makeSerialQueue(const std::string& label) = 0;
 
-  /// Makes a watch on `directory`, not yet running. `changed` runs on `queue`, one call at a time,
-  /// at least once after any entry is added, removed or renamed that follows resume(); neighbouring
-  /// changes may be merged into one call, and it is not told which change. A folder that is deleted
-  /// or moved away and made anew is watched again, with one call of `changed`. The watch holds
-  /// `changed` until it ends. It never scans by itself. Never null: a folder that cannot be watched
-  /// gives a watch that stays silent. Linux: inotify. macOS: a vnode source.
+  /// Makes a watch on `directory`, not yet running. `changed` runs on `queue`, which this made, one
+  /// call at a time, at least once after any entry is added, removed or renamed that follows
+  /// resume(); neighbouring changes may be merged into one call, and it is not told which change. A
+  /// folder that is deleted or moved away and made anew is watched again, with one call of
+  /// `changed`. The watch holds `changed` until it ends. It never scans by itself. Never null: a
+  /// folder that cannot be watched gives a watch that stays silent. Linux: inotify. macOS: a vnode
+  /// source.
   virtual std::unique_ptr<DirectoryWatch> makeDirectoryWatch(const std::string& directory,
                                                              std::shared_ptr<SerialQueue> queue,
                                                              std::function<void()> changed) = 0;

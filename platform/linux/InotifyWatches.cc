@@ -11,12 +11,14 @@
 #include <atomic>
 #include <map>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "base/error.h"
 #include "base/mutex.h"
 #include "platform/linux/Descriptor.h"
+#include "platform/linux/LinuxSerialQueue.h"
 #include "platform/linux/thread.h"
 
 namespace thmp {
@@ -96,10 +98,10 @@ struct Outcome {
 
 }  // namespace
 
-class InotifyWatches::Registry {
+class InotifyWatches::Registry : public std::enable_shared_from_this<Registry> {
  public:
-  Registry(SystemLog& log, MakeInstance makeInstance)
-      : log_(log), makeInstance_(std::move(makeInstance)) {}
+  Registry(SystemLog& log, MakeInstance makeInstance, std::shared_ptr<LinuxSerialQueue> queue)
+      : log_(log), makeInstance_(std::move(makeInstance)), queue_(std::move(queue)) {}
 
   void add(const std::shared_ptr<Watched>& watched) {
     Outcome outcome;
@@ -136,6 +138,7 @@ class InotifyWatches::Registry {
     {
       const Lock lock(mutex_);
       ended_ = true;
+      if (queue_ && instance_) queue_->unwatchDescriptor();
       reader.swap(reader_);
       const std::uint64_t one = 1;
       if (stop_) {
@@ -158,21 +161,40 @@ class InotifyWatches::Registry {
 
   /// The instance and its reader, made at the first need. 0, or why there is none.
   int start() THMP_REQUIRES(mutex_) {
-    if (reader_.joinable()) return 0;
-    Descriptor instance(makeInstance_());
-    if (!instance) return errno;
+    if (instance_) return 0;
+    auto instance = std::make_shared<const Descriptor>(makeInstance_());
+    if (!*instance) return errno;
+    const int failure = queue_ ? readOnQueue(instance) : readOnThread(instance->get());
+    if (failure == 0) instance_ = std::move(instance);
+    return failure;
+  }
+
+  int readOnQueue(const std::shared_ptr<const Descriptor>& instance) THMP_REQUIRES(mutex_) {
+    const bool watched =
+        queue_->watchDescriptor(instance, [weakSelf = weak_from_this(), in = instance->get()] {
+          if (const auto self = weakSelf.lock()) self->read(in);
+        });
+    return watched ? 0 : errno;
+  }
+
+  int readOnThread(int instance) THMP_REQUIRES(mutex_) {
     Descriptor stop(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!stop) return errno;
-    instance_ = std::move(instance);
+    reader_ = startThread("folder-watches", [this, instance, end = stop.get()] {
+      for (;;) {
+        std::array<pollfd, 2> ready = {{{instance, POLLIN, 0}, {end, POLLIN, 0}}};
+        if (::poll(ready.data(), ready.size(), -1) < 0) continue;  // EINTR, or memory is short
+        if (ready[1].revents != 0) return;
+        read(instance);
+      }
+    });
     stop_ = std::move(stop);
-    reader_ = startThread("folder-watches",
-                          [this, in = instance_.get(), end = stop_.get()] { read(in, end); });
     return reader_.joinable() ? 0 : EAGAIN;
   }
 
   int addWatch(const std::string& path, std::uint32_t events) THMP_REQUIRES(mutex_) {
     // Several watches may share a folder, and then share its number: events are only ever added.
-    return ::inotify_add_watch(instance_.get(), path.c_str(), events | IN_ONLYDIR | IN_MASK_ADD);
+    return ::inotify_add_watch(instance_->get(), path.c_str(), events | IN_ONLYDIR | IN_MASK_ADD);
   }
 
   /// Watches the whole way to the folder as it is now. Reports when the folder is another one than
@@ -213,7 +235,7 @@ class InotifyWatches::Registry {
         const int above = numbers[level - 1];
         numbers[level - 1] = addWatch(watched.prefixes[level - 1], kFolderItself | kEntries);
         if (above >= 0 && above != numbers[level - 1] && !uses_.contains(above)) {
-          ::inotify_rm_watch(instance_.get(), above);
+          ::inotify_rm_watch(instance_->get(), above);
         }
         numbers[level] = addWatch(path, events);
         if (numbers[level] >= 0) continue;
@@ -241,27 +263,22 @@ class InotifyWatches::Registry {
     for (const int number : before) {
       const auto uses = uses_.find(number);
       if (uses == uses_.end() || !uses->second.empty()) continue;
-      ::inotify_rm_watch(instance_.get(), number);
+      ::inotify_rm_watch(instance_->get(), number);
       uses_.erase(uses);
     }
   }
 
-  void read(int instance, int end) {
-    std::vector<char> buffer(std::size_t{1} << 16);
-    for (;;) {
-      std::array<pollfd, 2> ready = {{{instance, POLLIN, 0}, {end, POLLIN, 0}}};
-      if (::poll(ready.data(), ready.size(), -1) < 0) continue;  // EINTR, or memory is short
-      if (ready[1].revents != 0) return;
-      const ssize_t count = ::read(instance, buffer.data(), buffer.size());
-      if (count <= 0) continue;
-      Outcome outcome;
-      {
-        const Lock lock(mutex_);
-        if (ended_) return;
-        handle(std::string_view(buffer.data(), static_cast<std::size_t>(count)), outcome);
-      }
-      carryOut(outcome);
-    }
+  /// What is there to read. On the reader's thread.
+  void read(int instance) {
+    std::array<char, std::size_t{1} << 14> buffer;
+    const ssize_t count = ::read(instance, buffer.data(), buffer.size());
+    if (count <= 0) return;
+    Outcome outcome;
+    // Held to the end, so that nothing is done after end().
+    const Lock lock(mutex_);
+    if (ended_) return;
+    handle(std::string_view(buffer.data(), static_cast<std::size_t>(count)), outcome);
+    carryOut(outcome);
   }
 
   void handle(std::string_view bytes, Outcome& outcome) THMP_REQUIRES(mutex_) {
@@ -322,9 +339,10 @@ class InotifyWatches::Registry {
 
   SystemLog& log_;
   const MakeInstance makeInstance_;
+  const std::shared_ptr<LinuxSerialQueue> queue_;  // null: a thread reads
   Mutex mutex_;
   std::thread reader_ THMP_GUARDED_BY(mutex_);
-  Descriptor instance_ THMP_GUARDED_BY(mutex_);
+  std::shared_ptr<const Descriptor> instance_ THMP_GUARDED_BY(mutex_);
   Descriptor stop_ THMP_GUARDED_BY(mutex_);
   bool ended_ THMP_GUARDED_BY(mutex_) = false;
   std::vector<std::shared_ptr<Watched>> watches_ THMP_GUARDED_BY(mutex_);
@@ -332,6 +350,8 @@ class InotifyWatches::Registry {
 };
 
 namespace {
+
+int makeInstance() { return ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK); }
 
 class InotifyWatch final : public DirectoryWatch {
  public:
@@ -359,11 +379,13 @@ class InotifyWatch final : public DirectoryWatch {
 
 }  // namespace
 
-InotifyWatches::InotifyWatches(SystemLog& log)
-    : InotifyWatches(log, [] { return ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK); }) {}
+InotifyWatches::InotifyWatches(SystemLog& log) : InotifyWatches(log, makeInstance) {}
 
 InotifyWatches::InotifyWatches(SystemLog& log, MakeInstance makeInstance)
-    : registry_(std::make_shared<Registry>(log, std::move(makeInstance))) {}
+    : registry_(std::make_shared<Registry>(log, std::move(makeInstance), nullptr)) {}
+
+InotifyWatches::InotifyWatches(SystemLog& log, std::shared_ptr<LinuxSerialQueue> reader)
+    : registry_(std::make_shared<Registry>(log, makeInstance, std::move(reader))) {}
 
 InotifyWatches::~InotifyWatches() { registry_->end(); }
 

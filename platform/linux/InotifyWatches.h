@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// All watches on folders of one process, on one inotify instance (a user has 128 of them) and one
-// thread that reads it.
+// Watches on folders, on one inotify instance (a user has 128 of them), read by a thread of their
+// own or by the serial queue that they report to, which then needs no other thread to wake it.
 //
 // A watch follows a path, not a folder: besides the folder itself the one above it is watched for
 // the name, and all others on the way for being moved or deleted. So a folder that is replaced, or
@@ -9,7 +9,7 @@
 // that are part of the path are followed when the watch is set; one that is changed later is
 // noticed in the folder's own name only.
 //
-// Any thread may use it. The reader thread only posts and logs, and is joined by the destructor;
+// Any thread may use it. Who reads only posts and logs, and has ended when the destructor returns;
 // watches that outlive it stay silent.
 #pragma once
 
@@ -17,13 +17,14 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "platform/execution.h"
 #include "platform/log.h"
 
 namespace thmp {
+
+class LinuxSerialQueue;
 
 class InotifyWatches {
  public:
@@ -36,6 +37,8 @@ class InotifyWatches {
   /// `log` takes what the user should know of watches that fail or are set again.
   explicit InotifyWatches(SystemLog& log);
   InotifyWatches(SystemLog& log, MakeInstance makeInstance);
+  /// Read by `reader`, which watches no other descriptor.
+  InotifyWatches(SystemLog& log, std::shared_ptr<LinuxSerialQueue> reader);
   ~InotifyWatches();
   InotifyWatches(const InotifyWatches&) = delete;
   InotifyWatches& operator=(const InotifyWatches&) = delete;

@@ -44,7 +44,7 @@ void LinuxApplication::postWillTerminate() {
 }
 
 void LinuxApplication::postDidBecomeActive() {
-  execution_.watches().retry();
+  execution_.retryWatches();
   didBecomeActive_.give();
 }
 

@@ -15,12 +15,24 @@ std::shared_ptr<SerialQueue> LinuxExecution::makeSerialQueue(const std::string& 
 std::unique_ptr<DirectoryWatch> LinuxExecution::makeDirectoryWatch(
     const std::string& directory, std::shared_ptr<SerialQueue> queue,
     std::function<void()> changed) {
-  return watches_.makeWatch(
+  const Lock lock(mutex_);
+  std::unique_ptr<InotifyWatches>& watches = queueWatches_[queue];
+  if (!watches) {
+    watches =
+        std::make_unique<InotifyWatches>(log_, std::static_pointer_cast<LinuxSerialQueue>(queue));
+  }
+  return watches->makeWatch(
       directory,
       [queue = std::move(queue)](std::function<void()> closure) {
         queue->post(std::move(closure));
       },
       std::move(changed));
+}
+
+void LinuxExecution::retryWatches() {
+  watches_.retry();
+  const Lock lock(mutex_);
+  for (const auto& [queue, watches] : queueWatches_) watches->retry();
 }
 
 Date LinuxExecution::now() {

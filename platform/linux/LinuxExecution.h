@@ -7,9 +7,11 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 
+#include "base/mutex.h"
 #include "platform/execution.h"
 #include "platform/linux/InotifyWatches.h"
 #include "platform/linux/MainLoop.h"
@@ -19,10 +21,13 @@ namespace thmp {
 
 class LinuxExecution final : public Execution {
  public:
-  explicit LinuxExecution(SystemLog& log) : watches_(log) {}
+  explicit LinuxExecution(SystemLog& log) : log_(log), watches_(log) {}
 
   MainLoop& mainQueue() override { return loop_; }
+  /// Those that report to the main queue.
   InotifyWatches& watches() { return watches_; }
+  /// Tries again to set the watches that could not be set, of all queues.
+  void retryWatches();
 
   std::shared_ptr<SerialQueue> makeSerialQueue(const std::string& label) override;
   std::unique_ptr<DirectoryWatch> makeDirectoryWatch(const std::string& directory,
@@ -31,8 +36,12 @@ class LinuxExecution final : public Execution {
   Date now() override;
 
  private:
+  SystemLog& log_;
   MainLoop loop_;
   InotifyWatches watches_;
+  Mutex mutex_;
+  std::map<std::shared_ptr<SerialQueue>, std::unique_ptr<InotifyWatches>> queueWatches_
+      THMP_GUARDED_BY(mutex_);
 };
 
 }  // namespace thmp

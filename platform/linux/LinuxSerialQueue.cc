@@ -1,6 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/linux/LinuxSerialQueue.h"
 
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
 #include <utility>
 
 #include "platform/linux/thread.h"
@@ -17,34 +24,93 @@ std::shared_ptr<LinuxSerialQueue> LinuxSerialQueue::create(std::string label) {
 }
 
 void LinuxSerialQueue::post(std::function<void()> closure) {
+  bool first = false;
+  int wakeUp = -1;
   {
     const Lock lock(mutex_);
+    first = closures_.empty();
+    wakeUp = wakeUp_.get();
     closures_.push_back(std::move(closure));
-    if (!started_) {
-      // Without a thread the closures wait for the next post, which tries again.
-      std::thread thread = startThread(label_, [self = shared_from_this()] { self->run(); });
-      started_ = thread.joinable();
-      if (started_) thread.detach();
-    }
+    // Without a thread the closures wait for the next post, which tries again.
+    start();
   }
   // Without the lock, which the woken thread takes first.
-  wake_.notify_one();
+  if (first && !isCurrent()) wake(wakeUp);
 }
 
 bool LinuxSerialQueue::isCurrent() const { return currentQueue == this; }
 
+bool LinuxSerialQueue::watchDescriptor(std::shared_ptr<const Descriptor> descriptor,
+                                       std::function<void()> readable) {
+  int wakeUp = -1;
+  {
+    const Lock lock(mutex_);
+    if (!wakeUp_) wakeUp_ = Descriptor(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!wakeUp_) return false;
+    if (!start()) {
+      errno = EAGAIN;
+      return false;
+    }
+    watched_ = std::make_shared<const Watched>(Watched{std::move(descriptor), std::move(readable)});
+    wakeUp = wakeUp_.get();
+  }
+  wake(wakeUp);
+  return true;
+}
+
+void LinuxSerialQueue::unwatchDescriptor() {
+  int wakeUp = -1;
+  {
+    const Lock lock(mutex_);
+    watched_ = nullptr;
+    wakeUp = wakeUp_.get();
+  }
+  wake(wakeUp);
+}
+
+/// Whether the thread runs.
+bool LinuxSerialQueue::start() {
+  if (started_) return true;
+  std::thread thread = startThread(label_, [self = shared_from_this()] { self->run(); });
+  started_ = thread.joinable();
+  if (started_) thread.detach();
+  return started_;
+}
+
+void LinuxSerialQueue::wake(int wakeUp) {
+  changed_.notify_one();
+  const std::uint64_t one = 1;
+  if (wakeUp >= 0) [[maybe_unused]]
+    const ssize_t written = ::write(wakeUp, &one, sizeof one);
+}
+
 void LinuxSerialQueue::run() {
   currentQueue = this;
   for (;;) {
-    std::function<void()> closure;
+    std::deque<Closure> closures;
+    std::shared_ptr<const Watched> watched;
+    int wakeUp = -1;
     {
       const Lock lock(mutex_);
-      while (closures_.empty()) wake_.wait(mutex_);
-      closure = std::move(closures_.front());
-      closures_.pop_front();
+      while (closures_.empty() && !watched_) changed_.wait(mutex_);
+      closures.swap(closures_);
+      watched = watched_;
+      wakeUp = wakeUp_.get();
     }
-    runGuarded(closure);
+    const bool idle = closures.empty();
+    for (; !closures.empty(); closures.pop_front()) runGuarded(closures.front());
+    if (watched) waitFor(*watched, wakeUp, idle ? -1 : 0);
   }
+}
+
+void LinuxSerialQueue::waitFor(const Watched& watched, int wakeUp, int milliseconds) {
+  std::array<pollfd, 2> ready = {{{wakeUp, POLLIN, 0}, {watched.descriptor->get(), POLLIN, 0}}};
+  if (::poll(ready.data(), ready.size(), milliseconds) <= 0) return;
+  std::uint64_t count = 0;
+  if (ready[0].revents != 0) {
+    [[maybe_unused]] const ssize_t size = ::read(wakeUp, &count, sizeof count);
+  }
+  if (ready[1].revents != 0) runGuarded(watched.readable);
 }
 
 }  // namespace thmp

@@ -457,7 +457,7 @@ TEST_F(FailingApplications, OneThatRunsIsNeverToldToHaveQuit) {
     }
     // What could not be looked at is looked at again with the next change.
     testing::writeFile(applications_ + "/stray", "x");
-    execution.watches().retry();
+    execution.retryWatches();
     execution.mainQueue().post([&] { execution.mainQueue().stop(); });
     EXPECT_TRUE(testing::runUntilStopped(execution.mainQueue()));
     ::unlink((applications_ + "/stray").c_str());
@@ -641,6 +641,23 @@ TEST_F(FailingWatches, EachRefusalIsToldOnce) {
     EXPECT_EQ(log.lines()[0], "tallyhive: the folder " + folder.path() + " cannot be watched: " +
                                   Error::posix(refusal.error, "inotify").description);
   }
+}
+
+TEST_F(FailingWatches, QueueThatCannotBeWokenReadsOnceItCan) {
+  const TemporaryFolder folder;
+  testing::CollectingLog log;
+  InotifyWatches watches(log, queue_);
+  std::unique_ptr<DirectoryWatch> made;
+  {
+    const FailingSystemCalls failing({.name = "eventfd", .error = EMFILE});
+    made = watch(watches, folder.path());
+    EXPECT_EQ(failing.failures(), 1);
+  }
+  EXPECT_THAT(log.lines(), SizeIs(1));
+  watches.retry();
+  const int before = calls_->value();
+  testing::writeFile(folder.at("new"), "");
+  EXPECT_TRUE(calls_->reaches(before + 1));
 }
 
 TEST_F(FailingWatches, FoldersAboveThatMayNotBeReadAreNoHindrance) {
