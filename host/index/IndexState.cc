@@ -16,13 +16,6 @@ namespace {
 // As many as these that have to be looked at one by one are no burden.
 constexpr std::size_t kFewIrregular = 1'000;
 
-// A file that is mapped would stay in memory page by page, and most of it is not asked for again;
-// reading a page costs little beside what is made of it. So would the pages that each reader keeps.
-bool prepareReader(Connection& reader) {
-  return reader.execute(kMapNothing) && reader.execute("PRAGMA cache_size = -512") &&
-         prepareWordTable(reader);
-}
-
 // A number that no other file of columns has.
 std::int64_t newToken() {
   std::random_device device;
@@ -44,7 +37,7 @@ bool setStale(Connection& reader, Columns& made) {
 }  // namespace
 
 Index::State::State(std::string file, Access access_)
-    : path(std::move(file)), access(access_), readers(path, prepareReader), pool(newPool()) {}
+    : path(std::move(file)), access(access_), readers(path, prepareWordTable), pool(newPool()) {}
 
 std::shared_ptr<ValuePool> Index::State::newPool() const {
   return std::make_shared<ValuePool>(access == Access::kReadWrite ? ValuePool::Use::kWriting

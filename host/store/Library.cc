@@ -290,16 +290,12 @@ Result<std::unordered_map<std::int64_t, std::uint64_t>> Library::messageCounts()
 Result<std::unordered_map<std::int64_t, MailboxTally>> Library::tallies() const {
   const auto reader = state_->readers.borrow();
   if (!reader) return Error::posix(EIO, "cannot read the mail library");
-  // All of the file is passed over; mapped, it would stay in memory.
-  reader->execute(kMapNothing);
   Statement& row =
       reader->statement("SELECT mailbox, count(*), sum(rowid) FROM messages GROUP BY mailbox");
   std::unordered_map<std::int64_t, MailboxTally> tallies;
   while (row.row()) {
     tallies[row.integer(0)] = {static_cast<std::uint64_t>(row.integer(1)), row.integer(2)};
   }
-  reader->releasePages();
-  reader->execute(kMapFile);
   if (row.result() != SQLITE_DONE) return reader->error("cannot read the mail library");
   return tallies;
 }

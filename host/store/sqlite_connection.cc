@@ -86,8 +86,10 @@ Result<std::unique_ptr<Connection>> Connection::open(const std::string& path, Mo
   sqlite3_extended_result_codes(db, 1);
   sqlite3_busy_timeout(db, kBusyMilliseconds);
   if (!writes) {
-    connection->execute("PRAGMA query_only = 1");
-    connection->execute(kMapFile);
+    // A file that is mapped would stay in memory page by page, and most of it is not asked for
+    // again; reading a page costs little beside what is made of it. So would the pages that each
+    // reader keeps.
+    connection->execute("PRAGMA query_only = 1; PRAGMA mmap_size = 0; PRAGMA cache_size = -512");
   }
   return connection;
 }

@@ -20,10 +20,6 @@ namespace thmp {
 
 inline constexpr std::string_view kSqliteErrorDomain = "SQLite";
 
-/// How a reader maps its file into memory, and how it does without.
-inline constexpr char kMapFile[] = "PRAGMA mmap_size = 268435456";
-inline constexpr char kMapNothing[] = "PRAGMA mmap_size = 0";
-
 class Statement {
  public:
   explicit Statement(sqlite3_stmt* adopted = nullptr) : statement_(adopted) {}
