@@ -2,7 +2,6 @@
 #include "host/index/ValuePool.h"
 
 #include <algorithm>
-#include <bit>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -14,10 +13,27 @@ namespace thmp {
 
 namespace {
 
-// The part of a value's hash that is kept.
-std::uint32_t partOf(std::uint64_t hash) { return static_cast<std::uint32_t>(hash >> 32); }
+// Somebody could make many values for one place; after so many others, a value is not taken in.
+constexpr std::size_t kMostProbes = 32;
+
+// Of what another thread may have set meanwhile, the one that is there.
+template <typename T>
+T* setOnce(std::atomic<T*>& place, std::unique_ptr<T> made) {
+  T* known = nullptr;
+  if (place.compare_exchange_strong(known, made.get(), std::memory_order_acq_rel)) {
+    known = made.release();
+  }
+  return known;
+}
 
 }  // namespace
+
+ValuePool::Chunk::~Chunk() {
+  Entries* const made = entries.load();
+  if (made == nullptr) return;
+  for (const std::atomic<const Entry*>& entry : *made) delete entry.load();
+  delete made;
+}
 
 ValuePool::ValuePool(Use use) : chunks_(kMostChunks) {
   if (use == Use::kReading) return;
@@ -26,11 +42,7 @@ ValuePool::ValuePool(Use use) : chunks_(kMostChunks) {
 }
 
 ValuePool::~ValuePool() {
-  for (const std::atomic<Chunk*>& chunk : chunks_) {
-    if (chunk.load() == nullptr) continue;
-    for (const Slot& slot : chunk.load()->slots) delete slot.entry.load();
-    delete chunk.load();
-  }
+  for (const std::atomic<Chunk*>& chunk : chunks_) delete chunk.load();
 }
 
 bool ValuePool::load(Connection& connection) {
@@ -41,7 +53,7 @@ bool ValuePool::load(Connection& connection) {
   while (isGood && row.row()) {
     const std::string_view bytes = row.bytes(1);
     isGood = row.integer(0) == size() && isPoolValue(bytes) && append(bytes);
-    if (isGood && seen_) addHash(fingerprint(bytes));
+    if (isGood && seen_) addLast(fingerprint(bytes));
   }
   isGood = isGood && row.result() == SQLITE_DONE;
   row.reset();
@@ -49,88 +61,93 @@ bool ValuePool::load(Connection& connection) {
   return isGood;
 }
 
-ValuePool::Slot& ValuePool::slotAt(std::uint32_t number) const noexcept {
-  return chunks_[number / kChunk].load(std::memory_order_acquire)->slots[number % kChunk];
+ValuePool::Chunk& ValuePool::chunkOf(std::uint32_t number) const noexcept {
+  return *chunks_[number / kChunk].load(std::memory_order_acquire);
 }
 
-std::string_view ValuePool::bytesOf(const Slot& slot) noexcept {
+std::string_view ValuePool::bytesAt(const char* place) noexcept {
   std::uint32_t size = 0;
-  std::memcpy(&size, slot.bytes - sizeof size, sizeof size);
-  return {slot.bytes, size};
+  std::memcpy(&size, place - sizeof size, sizeof size);
+  return {place, size};
 }
 
 const ValuePool::Entry* ValuePool::at(std::uint32_t number) const {
   if (number >= size()) return nullptr;
-  Slot& slot = slotAt(number);
-  const Entry* known = slot.entry.load(std::memory_order_acquire);
-  if (known != nullptr) return known;
-  std::unique_ptr<const Entry> made = decoded(bytesOf(slot));
-  // Another thread may have been faster.
-  if (slot.entry.compare_exchange_strong(known, made.get(), std::memory_order_acq_rel)) {
-    known = made.release();
-  }
-  return known;
+  std::atomic<Entries*>& entries = chunkOf(number).entries;
+  if (entries.load(std::memory_order_acquire) == nullptr)
+    setOnce(entries, std::make_unique<Entries>());
+  std::atomic<const Entry*>& entry = (*entries.load(std::memory_order_acquire))[number % kChunk];
+  const Entry* const known = entry.load(std::memory_order_acquire);
+  return known != nullptr ? known : setOnce(entry, decoded(bytes(number)));
 }
 
 LentValue ValuePool::lent(std::uint32_t number) const noexcept {
-  return {&slotAt(number), [](const void* slot, EntrySink& sink) {
-            giveValue(bytesOf(*static_cast<const Slot*>(slot)), sink);
+  return {chunkOf(number).bytes[number % kChunk], [](const void* place, EntrySink& sink) {
+            giveValue(bytesAt(static_cast<const char*>(place)), sink);
           }};
 }
 
 std::optional<std::uint32_t> ValuePool::intern(std::string_view bytes, bool always) {
   const std::uint64_t hash = fingerprint(bytes);
-  // Somebody could make many values of one hash; after a few, such values are not taken in.
-  constexpr int kMostAlike = 8;
-  int alike = 0;
-  for (std::uint32_t same = slots_.empty() ? 0 : slotOf(partOf(hash)); same != 0;
-       same = next_[same - 1]) {
-    if (hashes_[same - 1] != partOf(hash)) continue;
-    if (bytesOf(slotAt(same - 1)) == bytes) return same - 1;
-    if (++alike == kMostAlike) return std::nullopt;
+  if (!slots_.empty()) {
+    const std::uint32_t* const slot = slotFor(hash, bytes);
+    if (slot == nullptr) return std::nullopt;
+    if (*slot != 0) return numberIn(*slot);
   }
   if (!always && !isCommon(hash)) return std::nullopt;
   if (!append(bytes)) return std::nullopt;
-  addHash(hash);
+  addLast(hash);
   return size() - 1;
 }
 
 bool ValuePool::store(Connection& writer) {
   Statement& row = writer.statement("INSERT INTO pool(number, value) VALUES(?, ?)");
   for (; written_ < size(); ++written_) {
-    const std::string_view bytes = bytesOf(slotAt(written_));
-    if (!row.bind(1, std::int64_t{written_}).bindBlob(2, bytes).run()) return false;
+    if (!row.bind(1, std::int64_t{written_}).bindBlob(2, bytes(written_)).run()) return false;
   }
   return true;
 }
 
 void ValuePool::end(bool committed) {
-  // The last one first: each stands at the head of its slot. Their bytes stay behind.
-  while (!committed && size() > stored_) {
-    slotOf(hashes_.back()) = next_.back();
-    hashes_.pop_back();
-    next_.pop_back();
-    Slot& slot = slotAt(size() - 1);
-    size_.store(size() - 1, std::memory_order_release);
-    forgotten_.emplace_back(slot.entry.exchange(nullptr));
-  }
+  while (!committed && size() > stored_) forgetLast();
   stored_ = written_ = size();
 }
 
-void ValuePool::link(std::uint32_t number) {
-  std::uint32_t& slot = slotOf(hashes_[number]);
-  next_[number] = slot;
-  slot = number + 1;
+/// Where the value's number stands, or where it is to be put; null for neither.
+std::uint32_t* ValuePool::slotFor(std::uint64_t hash, std::string_view bytes) {
+  for (std::size_t probe = 0; probe < kMostProbes; ++probe) {
+    std::uint32_t& slot = slots_[(hash + probe) & (slots_.size() - 1)];
+    if (slot == 0) return &slot;
+    if (tagIn(slot) == tagOf(hash) && this->bytes(numberIn(slot)) == bytes) return &slot;
+  }
+  return nullptr;
 }
 
-// Of the value that was appended last.
-void ValuePool::addHash(std::uint64_t hash) {
-  hashes_.push_back(partOf(hash));
-  next_.push_back(0);
-  const auto last = static_cast<std::uint32_t>(hashes_.size() - 1);
-  if (hashes_.size() <= slots_.size()) return link(last);
-  slots_.assign(std::bit_ceil(hashes_.size()), 0);
-  for (std::uint32_t number = 0; number <= last; ++number) link(number);
+/// Makes the value that was appended last one that is found.
+void ValuePool::addLast(std::uint64_t hash) {
+  std::uint32_t number = size() - 1;
+  if (2 * std::size_t{size()} > slots_.size()) {
+    constexpr std::size_t kFewest = 64;
+    slots_.assign(std::max(kFewest, 2 * slots_.size()), 0);
+    number = 0;
+  }
+  for (; number < size(); ++number) {
+    const std::uint64_t itsHash = number + 1 < size() ? fingerprint(bytes(number)) : hash;
+    std::uint32_t* const slot = slotFor(itsHash, bytes(number));
+    // Without one it is a value that may be taken in again.
+    if (slot != nullptr && *slot == 0) *slot = tagOf(itsHash) << kNumberBits | (number + 1);
+  }
+}
+
+/// Its bytes stay behind.
+void ValuePool::forgetLast() {
+  const std::uint32_t number = size() - 1;
+  // No other was put behind it on its way: those that came later are gone by now.
+  std::uint32_t* const slot = slotFor(fingerprint(bytes(number)), bytes(number));
+  if (slot != nullptr && *slot != 0 && numberIn(*slot) == number) *slot = 0;
+  size_.store(number, std::memory_order_release);
+  Entries* const entries = chunkOf(number).entries.load(std::memory_order_acquire);
+  if (entries != nullptr) forgotten_.emplace_back((*entries)[number % kChunk].exchange(nullptr));
 }
 
 std::unique_ptr<const ValuePool::Entry> ValuePool::decoded(std::string_view bytes) {
@@ -164,7 +181,7 @@ bool ValuePool::append(std::string_view bytes) {
   if (bytes.empty() || bytes.size() > UINT32_MAX || number >= kChunk * kMostChunks) return false;
   std::atomic<Chunk*>& chunk = chunks_[number / kChunk];
   if (chunk.load() == nullptr) chunk.store(new Chunk, std::memory_order_release);
-  slotAt(number).bytes = keep(bytes);
+  chunkOf(number).bytes[number % kChunk] = keep(bytes);
   size_.store(number + 1, std::memory_order_release);
   return true;
 }

@@ -56,7 +56,9 @@ class ValuePool {
   /// The same for a sink, without making it. REQUIRES: the number is known.
   LentValue lent(std::uint32_t number) const noexcept;
   /// As encodeValue() made them. REQUIRES: the number is known.
-  std::string_view bytes(std::uint32_t number) const noexcept { return bytesOf(slotAt(number)); }
+  std::string_view bytes(std::uint32_t number) const noexcept {
+    return bytesAt(chunkOf(number).bytes[number % kChunk]);
+  }
   std::uint32_t size() const noexcept { return size_.load(std::memory_order_acquire); }
 
   /// The number of the value that was encoded as `bytes`; empty when it is not in the pool and not
@@ -70,31 +72,39 @@ class ValuePool {
 
  private:
   static constexpr std::size_t kChunk = 4096;
-  static constexpr std::size_t kMostChunks = 1024;
+  static constexpr std::size_t kMostChunks = 1023;
+  static constexpr unsigned kNumberBits = 22;
+  static_assert(kChunk * kMostChunks < std::size_t{1} << kNumberBits);
   static constexpr std::size_t kSeenSlots = std::size_t{1} << 20;
   static constexpr std::uint32_t kSeenBefore = 3;
   static constexpr std::size_t kBlock = std::size_t{64} << 10;  // bytes
 
-  struct Slot {
-    const char* bytes = nullptr;  // their count, four bytes, stands before them
-    std::atomic<const Entry*> entry{nullptr};
-  };
+  using Entries = std::array<std::atomic<const Entry*>, kChunk>;
   struct Chunk {
-    std::array<Slot, kChunk> slots;
+    ~Chunk();
+    std::array<const char*, kChunk> bytes{};  // their count, four bytes, stands before them
+    std::atomic<Entries*> entries{nullptr};   // made when one is asked for
   };
   struct Free {
     void operator()(void* memory) const noexcept { std::free(memory); }
   };
 
   static std::unique_ptr<const Entry> decoded(std::string_view bytes);
-  static std::string_view bytesOf(const Slot& slot) noexcept;
-  Slot& slotAt(std::uint32_t number) const noexcept;
+  static std::string_view bytesAt(const char* place) noexcept;
+  Chunk& chunkOf(std::uint32_t number) const noexcept;
   bool append(std::string_view bytes);
   const char* keep(std::string_view bytes);
   bool isCommon(std::uint64_t hash);
-  std::uint32_t& slotOf(std::uint32_t hash) { return slots_[hash & (slots_.size() - 1)]; }
-  void link(std::uint32_t number);
-  void addHash(std::uint64_t hash);
+  static std::uint32_t numberIn(std::uint32_t slot) noexcept {
+    return (slot & ((1U << kNumberBits) - 1)) - 1;
+  }
+  static std::uint32_t tagIn(std::uint32_t slot) noexcept { return slot >> kNumberBits; }
+  static std::uint32_t tagOf(std::uint64_t hash) noexcept {
+    return static_cast<std::uint32_t>(hash >> (32 + kNumberBits));
+  }
+  std::uint32_t* slotFor(std::uint64_t hash, std::string_view bytes);
+  void addLast(std::uint64_t hash);
+  void forgetLast();
 
   std::vector<std::atomic<Chunk*>> chunks_;
   std::atomic<std::uint32_t> size_{0};
@@ -103,9 +113,9 @@ class ValuePool {
   std::vector<std::unique_ptr<char[]>> blocks_;  // of the values' bytes
   std::size_t lastBlock_ = 0;                    // the size of the last one
   std::size_t left_ = 0;                         // bytes at its end
-  std::vector<std::uint32_t> hashes_;            // by number
-  std::vector<std::uint32_t> next_;              // by number: of those in one slot, as number + 1
-  std::vector<std::uint32_t> slots_;             // as many as a power of two: a number + 1
+  /// As many as a power of two, half of them free: a number + 1, and above it a tag, a part of the
+  /// hash.
+  std::vector<std::uint32_t> slots_;
   /// By the hash's low bits: its high bits, and how often. Takes up memory where it is used.
   std::unique_ptr<std::uint32_t[], Free> seen_;
   /// Somebody may have been given one by a record that is not what was written.
