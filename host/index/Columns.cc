@@ -13,7 +13,6 @@ namespace thmp {
 namespace {
 
 constexpr query::Folding kAll{.foldCase = true, .dropMarks = true};
-constexpr char kSubjectEnd = '\n';
 
 // Whole seconds, or bytes, that fit.
 std::optional<std::int32_t> smallNumber(const Value& value) {
@@ -215,13 +214,7 @@ class Columns::Reading {
     }
     thread_local query::FoldedText folded;
     folded.assign(*text, kAll);
-    if (folded.bytes().find(kSubjectEnd) != std::string_view::npos ||
-        columns_.subjects_.size() + folded.size() + 1 > UINT32_MAX) {
-      fits_ = false;
-      return;
-    }
-    columns_.subjects_ += folded.bytes();
-    columns_.subjects_ += kSubjectEnd;
+    fits_ = columns_.subjects_.add(row_, folded.bytes()) && fits_;
   }
 
   Columns& columns_;
@@ -274,7 +267,6 @@ bool Columns::put(std::int64_t id, std::int64_t mailbox, std::string_view record
     return true;
   });
   const bool fits = reading.end();
-  subjectBegins_.push_back(static_cast<std::uint32_t>(subjects_.size()));
   if (!hasShape || !fits) setIrregular(id);
   return true;
 }
@@ -316,8 +308,8 @@ void Columns::grow(Row row) {
   mailboxes_.resize(size);
   identifiers_.resize(size);
   for (std::vector<std::int32_t>& column : numbers_) column.resize(size, kNoNumber);
-  subjectBegins_.resize(size, static_cast<std::uint32_t>(subjects_.size()));
   end_ = row + 1;
+  subjects_.growTo(end_);
 }
 
 bool Columns::setShape(Row row, std::string_view record) {
@@ -415,24 +407,6 @@ const TermColumn& Columns::terms(AttributeKey key) const {
   return terms_[places()[static_cast<std::size_t>(key)].column];
 }
 
-RowSet Columns::rowsWithSubject(std::string_view needle) const {
-  RowSet rows;
-  if (needle.empty()) {
-    for (Row row = 0; row < end_; ++row) {
-      if (subjectBegins_[row] != subjectBegins_[row + std::size_t{1}]) rows.insert(row);
-    }
-    return rows;
-  }
-  if (needle.find(kSubjectEnd) != std::string_view::npos) return rows;
-  for (std::size_t at = subjects_.find(needle); at != std::string::npos;) {
-    const auto after = std::upper_bound(subjectBegins_.begin(), subjectBegins_.end(),
-                                        static_cast<std::uint32_t>(at));
-    rows.insert(static_cast<Row>(after - subjectBegins_.begin() - 1));
-    at = subjects_.find(needle, subjects_.find(kSubjectEnd, at) + 1);
-  }
-  return rows;
-}
-
 RowSet Columns::rowsWithIdentifier(std::optional<std::string_view> identifier) const {
   const std::uint32_t hash = identifier ? identifierHash(*identifier) : 0;
   RowSet rows;
@@ -449,8 +423,7 @@ void Columns::shrink() {
   identifiers_.shrink_to_fit();
   for (std::vector<std::int32_t>& column : numbers_) column.shrink_to_fit();
   for (TermColumn& column : terms_) column.shrink();
-  subjects_.shrink_to_fit();
-  subjectBegins_.shrink_to_fit();
+  subjects_.shrink();
 }
 
 void Columns::write(ByteWriter& out) const {
@@ -468,8 +441,7 @@ void Columns::write(ByteWriter& out) const {
   texts.write(out);
   out.put(terms.bytes());
   out.put(identifiers_);
-  out.put(subjects_);
-  out.put(subjectBegins_);
+  subjects_.write(out);
 }
 
 std::unique_ptr<Columns> Columns::read(ByteReader& in) {
@@ -490,9 +462,7 @@ std::unique_ptr<Columns> Columns::read(ByteReader& in) {
     if (!column.read(terms, texts, made->end_)) return nullptr;
   }
   in.get(made->identifiers_);
-  made->subjects_ = in.text();
-  in.get(made->subjectBegins_);
-  if (!in.ok() || !made->isSound()) return nullptr;
+  if (!made->subjects_.read(in, made->end_) || !made->isSound()) return nullptr;
   for (std::size_t i = 0; i < made->shapeNumbers_.size(); ++i) {
     made->shapeOrdinals_.emplace(made->shapeNumbers_[i], static_cast<std::uint32_t>(i + 1));
   }
@@ -519,11 +489,7 @@ bool Columns::isSound() const {
          shapes_.size() == end_ && mailboxes_.size() == end_ && identifiers_.size() == end_ &&
          std::all_of(numbers_.begin(), numbers_.end(),
                      [this](const auto& column) { return column.size() == end_; }) &&
-         atMost(shapes_, shapeNumbers_.size()) && atMost(mailboxes_, mailboxNumbers_.size()) &&
-         subjectBegins_.size() == (end_ == 0 ? 0 : std::size_t{end_} + 1) &&
-         std::is_sorted(subjectBegins_.begin(), subjectBegins_.end()) &&
-         (end_ == 0 || subjectBegins_.back() == subjects_.size()) &&
-         (subjects_.empty() || subjects_.back() == kSubjectEnd);
+         atMost(shapes_, shapeNumbers_.size()) && atMost(mailboxes_, mailboxNumbers_.size());
 }
 
 RowSet Columns::present() const {

@@ -24,6 +24,7 @@
 
 #include "base/value.h"
 #include "host/index/RowSet.h"
+#include "host/index/SubjectColumn.h"
 #include "host/index/TermColumn.h"
 #include "host/index/ValuePool.h"
 #include "host/store/attribute_keys.h"
@@ -35,7 +36,7 @@ enum class ColumnKind : std::uint8_t {
   kShape,       // in the shapes: see isShapeAttribute()
   kNumber,      // as a number a row
   kTerms,       // as distinct texts with their rows
-  kSubject,     // folded, a text a row
+  kSubject,     // folded, as distinct texts
   kIdentifier,  // as a hash a row
   kNone,
 };
@@ -71,8 +72,7 @@ class Columns {
                         const std::function<bool(const Value& number)>& holds) const;
   /// REQUIRES: kindOf(key) is kTerms.
   const TermColumn& terms(AttributeKey key) const;
-  /// Those whose folded subject contains `needle`; with an empty one, those that have a subject.
-  RowSet rowsWithSubject(std::string_view needle) const;
+  const SubjectColumn& subjects() const { return subjects_; }
   /// Those whose Message-ID may equal `identifier`, case and diacritics aside; empty for any.
   RowSet rowsWithIdentifier(std::optional<std::string_view> identifier) const;
 
@@ -126,8 +126,7 @@ class Columns {
   std::array<TermColumn, kTermColumns> terms_;
   std::vector<std::uint32_t> identifiers_;  // by row: a hash, 0 for none
 
-  std::string subjects_;                      // folded, a line each
-  std::vector<std::uint32_t> subjectBegins_;  // by row; that of the next row is its end
+  SubjectColumn subjects_;
 };
 
 }  // namespace thmp

@@ -17,7 +17,7 @@ namespace thmp {
 namespace {
 
 // Changes whenever the columns, their order or their form do.
-constexpr std::uint64_t kForm = 0x54484D50'434F4C01;
+constexpr std::uint64_t kForm = 0x54484D50'434F4C02;
 constexpr std::size_t kChecksumSize = sizeof(std::uint64_t);
 // Ten million messages. What is larger is none of ours.
 constexpr std::size_t kMaxSize = std::size_t{4} << 30;

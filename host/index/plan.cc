@@ -401,15 +401,16 @@ class Planner {
   // What a text must have in it to match, for each pattern of each literal.
   Found bySubject(const Predicate& predicate) {
     if (isPresence(predicate)) {
-      return predicate.op == Operator::kEqual ? Found{columns_.rowsWithSubject({}), {}} : Found{};
+      return predicate.op == Operator::kEqual ? Found{columns_.subjects().rowsWith({}), {}}
+                                              : Found{};
     }
     RowSet found;
     for (const Literal* literal : predicate.literals) {
       if (!literal->text) continue;  // such as a time, which no text equals
-      RowSet rows = columns_.rowsWithSubject({});
+      RowSet rows = columns_.subjects().rowsWith({});
       for (const Pattern& pattern : literal->text->patterns()) {
         const std::string needle = query::foldText(pattern.longestLiteral(), kWordFolding);
-        if (!needle.empty()) rows &= columns_.rowsWithSubject(needle);
+        if (!needle.empty()) rows &= columns_.subjects().rowsWith(needle);
       }
       found |= rows;
     }
