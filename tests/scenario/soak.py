@@ -241,13 +241,13 @@ class Soak:
             path.unlink()
 
     def read_lines(self):
-        count = len(self.host.lines)
-        for line in self.host.lines[:count]:
+        lines = self.host.lines
+        for line in lines:
             self.removals.update(REMOVAL.findall(line))
             self.terminated.update(TERMINATED.findall(line))
             if TROUBLE.search(line):
                 raise Wrong(f"the host says: {line}")
-        del self.host.lines[:count]
+        lines.clear()
 
     def look(self):
         """Takes all that lies in "out"."""

@@ -14,7 +14,6 @@ import signal
 import subprocess
 import sys
 import tempfile
-import threading
 import time
 import unittest
 import urllib.parse
@@ -180,16 +179,26 @@ class Host:
         self.world = world
         # Answers of an earlier host, which this one has not taken away yet, are none of its own.
         self.before = {path.name for path in world.outbox.iterdir()} if world.outbox.is_dir() else set()
+        # A file: what was said before something is seen to be done is there then.
+        self.errors = tempfile.TemporaryFile()
+        self.read, self.rest, self.offset = [], b"", 0
         self.process = subprocess.Popen([*prefix, *UNDER, str(HOST), "serve", *arguments], env=environment or world.environment,
-                                        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=self.errors,
                                         text=True, errors="replace", umask=umask)
-        self.lines = []
-        self.reader = threading.Thread(target=self._read, daemon=True)
-        self.reader.start()
+
+    @property
+    def lines(self):
+        """All that it has said by now."""
+        if not self.errors.closed:
+            self._read()
+        return self.read
 
     def _read(self):
-        for line in self.process.stderr:
-            self.lines.append(line.rstrip("\n"))
+        while piece := os.pread(self.errors.fileno(), 1 << 20, self.offset):
+            self.offset += len(piece)
+            self.rest += piece
+        *whole, self.rest = self.rest.split(b"\n")
+        self.read += (line.decode(errors="replace") for line in whole)
 
     def _ended(self):
         return self.process.poll() is not None
@@ -203,10 +212,10 @@ class Host:
         wait_for(lambda: any("THMPMailPlugin create instance" in line for line in self.lines) and ready(), "PluginReady")
 
     def wait_for_line(self, text, count=1):
-        wait_for(lambda: sum(text in line for line in list(self.lines)) >= count, f"{count} x {text!r} in {self.lines[-20:]}")
+        wait_for(lambda: self.count(text) >= count, f"{count} x {text!r} in {self.lines[-20:]}")
 
     def count(self, text):
-        return sum(text in line for line in list(self.lines))
+        return sum(text in line for line in self.lines)
 
     def send(self, number):
         self.process.send_signal(number)
@@ -226,9 +235,9 @@ class Host:
 
     def wait(self):
         status = self.process.wait(PATIENCE)
-        self.reader.join(PATIENCE)
         self.process.stdout.close()
-        self.process.stderr.close()
+        self._read()
+        self.errors.close()
         return status
 
     def kill(self):
