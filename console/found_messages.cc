@@ -22,10 +22,13 @@ std::string firstText(const Value& value) {
 }
 
 // At once, so that what is written is whole lines.
-void writeLine(std::string json, StandardOutput& output) {
-  if (output.isTerminal()) json = shownJson(json);
-  json += '\n';
-  output.write(json);
+void writeLine(fmt::memory_buffer json, StandardOutput& output) {
+  if (output.isTerminal()) {
+    output.write(shownJson({json.data(), json.size()}) + '\n');
+  } else {
+    json.push_back('\n');
+    output.write({json.data(), json.size()});
+  }
 }
 
 std::string dimmed(const std::string& text, const StandardOutput& output) {
@@ -35,22 +38,24 @@ std::string dimmed(const std::string& text, const StandardOutput& output) {
 }  // namespace
 
 void printFoundEvent(const Dictionary& item, StandardOutput& output) {
-  std::string json;
+  fmt::memory_buffer json;
   json.reserve(std::size_t{8} << 10);  // more than most messages take
-  json += R"({"event":"found","index":)";
-  appendJson(item["index"], json);
-  json += R"(,"libraryID":)";
-  appendJson(item["libraryID"], json);
-  json += R"(,"path":)";
-  appendJson(item["kMDItemPath"], json);
-  json += R"(,"attributes":)";
-  appendJson(item["attributes"], json);
-  json += '}';
+  const auto add = [&](std::string_view before, std::string_view key) {
+    json.append(before);
+    appendJson(item[key], json);
+  };
+  add(R"({"event":"found","index":)", "index");
+  add(R"(,"libraryID":)", "libraryID");
+  add(R"(,"path":)", "kMDItemPath");
+  add(R"(,"attributes":)", "attributes");
+  json.push_back('}');
   writeLine(std::move(json), output);
 }
 
 void printLine(const Json& json, StandardOutput& output) {
-  writeLine(json.dump(-1, ' ', false, Json::error_handler_t::replace), output);
+  fmt::memory_buffer line;
+  line.append(json.dump(-1, ' ', false, Json::error_handler_t::replace));
+  writeLine(std::move(line), output);
 }
 
 std::optional<Date> messageDate(const Value& attributes) {

@@ -4,7 +4,8 @@
 // message that it finds. Any thread.
 #pragma once
 
-#include <string>
+#include <fmt/format.h>
+
 #include <string_view>
 
 #include "base/value.h"
@@ -13,9 +14,9 @@ namespace thmp::console {
 
 /// Appends `value` as JSON on one line: dates in ISO 8601 and UTC, data in base64, what is no UTF-8
 /// as U+FFFD. REQUIRES: a value of bounded depth, as the property-list reader gives it.
-void appendJson(const Value& value, std::string& json);
+void appendJson(const Value& value, fmt::memory_buffer& json);
 
 /// Appends `text` as a JSON text, in its quotes.
-void appendJsonText(std::string_view text, std::string& json);
+void appendJsonText(std::string_view text, fmt::memory_buffer& json);
 
 }  // namespace thmp::console

@@ -14,9 +14,9 @@ namespace thmp::console {
 namespace {
 
 std::string jsonOf(const Value& value) {
-  std::string json;
+  fmt::memory_buffer json;
   appendJson(value, json);
-  return json;
+  return fmt::to_string(json);
 }
 
 TEST(JsonText, HasAFormForEachKindOfValue) {
