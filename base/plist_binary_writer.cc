@@ -116,6 +116,10 @@ class Output {
   }
   /// Takes the last bytes away.
   void shrinkTo(std::size_t size) { size_ = size; }
+  /// Makes room for about so many more.
+  void expect(std::size_t count) {
+    if (capacity_ - size_ < count) reserve(size_ + count);
+  }
 
  private:
   void reserve(std::size_t capacity) {
@@ -138,10 +142,11 @@ class ContentTable {
   ContentTable(std::uint64_t seed, const Output& out, const std::vector<std::uint64_t>& offsets)
       : seed_(seed), out_(out), offsets_(offsets), slots_(kFirstSlots) {}
 
-  /// Makes room for about so many.
+  /// Makes room for about so many in all.
   void expect(std::size_t count) {
     if (2 * count > slots_.size()) growTo(std::bit_ceil(2 * count));
   }
+  std::size_t size() const { return used_; }
 
   /// The place of the number of the one that stands at `begin` of what was written, up to its end;
   /// as AddressTable::at.
@@ -437,6 +442,11 @@ struct Container {
 constexpr std::size_t kManyContainers = 100;
 /// Longer lists come one after the other, and whoever reads them has use for the other processor.
 constexpr std::size_t kMostContainers = 1000;
+/// After one of so many of them it is guessed what all will take.
+constexpr std::size_t kSome = 16;
+/// Elements that room is made for on a guess, and bytes for each of them.
+constexpr std::size_t kMostRoom = std::size_t{1} << 20;
+constexpr std::size_t kMostBytes = 16;
 
 /// Containers that two threads take, one from the front, one from the back, until they meet.
 class WaitingContainers {
@@ -518,6 +528,15 @@ class BinaryWriter final : private EntrySink {
   struct KnownLayout {
     std::vector<std::uint32_t> keys;
     std::vector<std::uint32_t> values;
+  };
+
+  /// Of what there is so far.
+  struct Sizes {
+    std::size_t bytes;
+    std::size_t scalars;
+    std::size_t objects;
+    std::size_t containers;
+    std::size_t references;
   };
 
   struct Recent {
@@ -622,6 +641,10 @@ class BinaryWriter final : private EntrySink {
   void numberAll();
   void numberLast(WaitingContainers& waiting);
   void numberRest();
+  Sizes sizes() const {
+    return {out_.size(), contents_.size(), offsets_.size(), containers_.size(), references_.size()};
+  }
+  void makeRoom(const Sizes& before, std::size_t times);
   void numberElements(std::size_t place);
   void takeOver(const BinaryWriter& other);
   void takeRow(Container& container, std::size_t from);
@@ -698,7 +721,32 @@ void BinaryWriter::numberLast(WaitingContainers& waiting) {
 }
 
 void BinaryWriter::numberRest() {
-  for (; next_ < containers_.size() && !isRefused_; ++next_) numberElements(next_);
+  while (next_ < containers_.size() && !isRefused_) {
+    // Those that wait are mostly of one kind, as the entries of a list are.
+    const std::size_t end = containers_.size();
+    const std::size_t some = next_ + (end - next_) / kSome;
+    const Sizes before = sizes();
+    for (; next_ < end && !isRefused_; ++next_) {
+      if (next_ == some && end - next_ > kManyContainers) makeRoom(before, kSome);
+      numberElements(next_);
+    }
+  }
+}
+
+/// For `times` as much as has come since it was `before`.
+void BinaryWriter::makeRoom(const Sizes& before, std::size_t times) {
+  const Sizes now = sizes();
+  const auto more = [&](std::size_t Sizes::*size, std::size_t most = kMostRoom) {
+    return std::min((now.*size - before.*size) * times, most);
+  };
+  const auto reserve = [](auto& all, std::size_t count) {
+    if (all.capacity() < all.size() + count) all.reserve(all.size() + count);
+  };
+  out_.expect(more(&Sizes::bytes, kMostRoom * kMostBytes));
+  contents_.expect(now.scalars + more(&Sizes::scalars));
+  reserve(offsets_, more(&Sizes::objects));
+  reserve(containers_, more(&Sizes::containers));
+  reserve(references_, more(&Sizes::references));
 }
 
 /// Takes over what `other` has numbered, the containers that it took from this one among it.
