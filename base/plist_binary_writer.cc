@@ -118,7 +118,7 @@ class Output {
   void shrinkTo(std::size_t size) { size_ = size; }
   /// Makes room for about so many more.
   void expect(std::size_t count) {
-    if (capacity_ - size_ < count) reserve(size_ + count);
+    if (capacity_ - size_ < count) reserve(std::max(size_ + count, 2 * capacity_));
   }
 
  private:
@@ -739,8 +739,10 @@ void BinaryWriter::makeRoom(const Sizes& before, std::size_t times) {
   const auto more = [&](std::size_t Sizes::*size, std::size_t most = kMostRoom) {
     return std::min((now.*size - before.*size) * times, most);
   };
+  // At least twice what there was: this may be asked for often.
   const auto reserve = [](auto& all, std::size_t count) {
-    if (all.capacity() < all.size() + count) all.reserve(all.size() + count);
+    const std::size_t needed = all.size() + count;
+    if (all.capacity() < needed) all.reserve(std::max(needed, 2 * all.capacity()));
   };
   out_.expect(more(&Sizes::bytes, kMostRoom * kMostBytes));
   contents_.expect(now.scalars + more(&Sizes::scalars));
