@@ -21,8 +21,8 @@ namespace {
 constexpr PropertyListLimits kDefaultsLimits{std::size_t{64} << 20, 1'000'000, 512};
 // What the host watches besides mail: the exchange, the applications, the folders above them.
 constexpr std::size_t kOtherWatches = 32;
-// One for the mail, one for the rest.
-constexpr std::uint64_t kInstances = 2;
+// One for the mail, one for the exchange, one for the rest.
+constexpr std::uint64_t kInstances = 3;
 
 Finding checkMailFolder(const std::string& path, const Library* library, std::size_t& folders) {
   const std::string subject = "mail folder";
