@@ -10,8 +10,8 @@ namespace thmp {
 
 namespace {
 
-// Somebody could make many subjects for one place; after so many that are others, one is kept
-// twice.
+// Somebody could make many subjects for one place; after so many that are others, one is kept as
+// often as it comes.
 constexpr std::size_t kMostProbesForAText = 32;
 
 }  // namespace

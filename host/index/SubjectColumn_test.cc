@@ -6,6 +6,11 @@
 
 #include <map>
 #include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "host/index/message_record.h"
 
 namespace thmp {
 namespace {
@@ -61,6 +66,27 @@ TEST(SubjectColumn, KeepsEachSubjectOnce) {
   std::map<Row, std::string> thread;
   for (Row row = 0; row < 1000; ++row) thread[row] = "re: " + std::string(1000, 'x');
   EXPECT_LT(bytesOf(columnOf(thread, 1000)).size(), 6'000U);
+}
+
+TEST(SubjectColumn, ManySubjectsForOnePlaceAreAllFound) {
+  std::vector<std::string> crowd;
+  for (int i = 0; crowd.size() < 40; ++i) {
+    std::string subject = "subject " + std::to_string(i) + ".";
+    if (fingerprint(subject) % 128 == 0) crowd.push_back(std::move(subject));
+  }
+  SubjectColumn column;
+  for (Row row = 0; row < 80; ++row) {
+    column.growTo(row + 1);
+    EXPECT_TRUE(column.add(row, crowd[row % 40]));
+  }
+  const std::string bytes = bytesOf(column);
+  ByteReader in(bytes);
+  SubjectColumn readBack;
+  ASSERT_TRUE(readBack.read(in, 80));
+  for (Row row = 0; row < 40; ++row) {
+    EXPECT_THAT(rowsOf(column.rowsWith(crowd[row])), ElementsAre(row, row + 40));
+    EXPECT_THAT(rowsOf(readBack.rowsWith(crowd[row])), ElementsAre(row, row + 40));
+  }
 }
 
 TEST(SubjectColumn, FindsWhatPlainTextsDoAlsoOnceItIsReadBack) {

@@ -73,10 +73,10 @@ std::string_view ValuePool::bytesAt(const char* place) noexcept {
 
 const ValuePool::Entry* ValuePool::at(std::uint32_t number) const {
   if (number >= size()) return nullptr;
-  std::atomic<Entries*>& entries = chunkOf(number).entries;
-  if (entries.load(std::memory_order_acquire) == nullptr)
-    setOnce(entries, std::make_unique<Entries>());
-  std::atomic<const Entry*>& entry = (*entries.load(std::memory_order_acquire))[number % kChunk];
+  Chunk& chunk = chunkOf(number);
+  Entries* entries = chunk.entries.load(std::memory_order_acquire);
+  if (entries == nullptr) entries = setOnce(chunk.entries, std::make_unique<Entries>());
+  std::atomic<const Entry*>& entry = (*entries)[number % kChunk];
   const Entry* const known = entry.load(std::memory_order_acquire);
   return known != nullptr ? known : setOnce(entry, decoded(bytes(number)));
 }
@@ -147,7 +147,9 @@ void ValuePool::forgetLast() {
   if (slot != nullptr && *slot != 0 && numberIn(*slot) == number) *slot = 0;
   size_.store(number, std::memory_order_release);
   Entries* const entries = chunkOf(number).entries.load(std::memory_order_acquire);
-  if (entries != nullptr) forgotten_.emplace_back((*entries)[number % kChunk].exchange(nullptr));
+  if (entries == nullptr) return;
+  std::unique_ptr<const Entry> entry((*entries)[number % kChunk].exchange(nullptr));
+  if (entry) forgotten_.push_back(std::move(entry));
 }
 
 std::unique_ptr<const ValuePool::Entry> ValuePool::decoded(std::string_view bytes) {
@@ -165,9 +167,9 @@ const char* ValuePool::keep(std::string_view bytes) {
   const auto size = static_cast<std::uint32_t>(bytes.size());
   const std::size_t needed = sizeof size + bytes.size();
   if (needed > left_) {
-    left_ = std::max(kBlock, needed);
-    blocks_.push_back(std::make_unique<char[]>(left_));
-    lastBlock_ = left_;
+    const std::size_t room = std::max(kBlock, needed);
+    blocks_.push_back(std::make_unique<char[]>(room));
+    left_ = lastBlock_ = room;
   }
   char* place = blocks_.back().get() + (lastBlock_ - left_);
   std::memcpy(place, &size, sizeof size);
