@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <string_view>
-#include <utility>
 
 #include "console/calendar.h"
 #include "console/json_text.h"
@@ -21,13 +20,12 @@ std::string firstText(const Value& value) {
   return shown(value.asText().value_or(""));
 }
 
-// At once, so that what is written is whole lines.
-void writeLine(fmt::memory_buffer json, StandardOutput& output) {
+/// `line` ends in its newline, for what is written at once is whole.
+void writeLine(std::string_view line, StandardOutput& output) {
   if (output.isTerminal()) {
-    output.write(shownJson({json.data(), json.size()}) + '\n');
+    output.write(shownJson(line.substr(0, line.size() - 1)) + '\n');
   } else {
-    json.push_back('\n');
-    output.write({json.data(), json.size()});
+    output.write(line);
   }
 }
 
@@ -48,14 +46,12 @@ void printFoundEvent(const Dictionary& item, StandardOutput& output) {
   add(R"(,"libraryID":)", "libraryID");
   add(R"(,"path":)", "kMDItemPath");
   add(R"(,"attributes":)", "attributes");
-  json.push_back('}');
-  writeLine(std::move(json), output);
+  json.append(std::string_view("}\n"));
+  writeLine({json.data(), json.size()}, output);
 }
 
 void printLine(const Json& json, StandardOutput& output) {
-  fmt::memory_buffer line;
-  line.append(json.dump(-1, ' ', false, Json::error_handler_t::replace));
-  writeLine(std::move(line), output);
+  writeLine(json.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n', output);
 }
 
 std::optional<Date> messageDate(const Value& attributes) {

@@ -14,16 +14,16 @@ namespace thmp::console {
 namespace {
 
 /// Appends to this cost less than to a string, whose every byte is a call.
-using Json = fmt::memory_buffer;
+using Buffer = fmt::memory_buffer;
 
 template <typename Number>
-void appendNumber(Number number, Json& json) {
+void appendNumber(Number number, Buffer& json) {
   std::array<char, 20> digits;  // enough for 64 bits
   const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
   json.append(digits.data(), end);
 }
 
-void appendBase64(std::string_view bytes, Json& json) {
+void appendBase64(std::string_view bytes, Buffer& json) {
   constexpr std::string_view kAlphabet =
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   for (std::size_t i = 0; i < bytes.size(); i += 3) {
@@ -98,7 +98,7 @@ Sequence sequenceAt(std::string_view text) {
   return {size, true};
 }
 
-void appendEscape(char c, Json& json) {
+void appendEscape(char c, Buffer& json) {
   constexpr std::string_view kEscaped = "\b\t\n\f\r\"\\";
   constexpr std::string_view kLetters = "btnfr\"\\";
   constexpr std::string_view kDigits = "0123456789abcdef";
@@ -113,7 +113,7 @@ void appendEscape(char c, Json& json) {
   }
 }
 
-void appendArray(const Array& array, Json& json) {
+void appendArray(const Array& array, Buffer& json) {
   json.push_back('[');
   for (std::size_t i = 0; i < array.size(); ++i) {
     if (i > 0) json.push_back(',');
@@ -122,7 +122,7 @@ void appendArray(const Array& array, Json& json) {
   json.push_back(']');
 }
 
-void appendObject(const Dictionary& dictionary, Json& json) {
+void appendObject(const Dictionary& dictionary, Buffer& json) {
   json.push_back('{');
   bool isFirst = true;
   for (const auto& [key, member] : dictionary) {

@@ -50,6 +50,14 @@ void appendEscaped(std::string& out, std::string_view bytes) {
   }
 }
 
+/// How many bytes at the front are ASCII without controls.
+std::size_t plainBytes(std::string_view text) {
+  const auto* end = std::find_if(text.begin(), text.end(), [](char byte) {
+    return static_cast<signed char>(byte) < ' ' || byte == '\x7F';
+  });
+  return static_cast<std::size_t>(end - text.begin());
+}
+
 }  // namespace
 
 bool isUtf8(std::string_view bytes) {
@@ -59,14 +67,6 @@ bool isUtf8(std::string_view bytes) {
     bytes.remove_prefix(character.length);
   }
   return true;
-}
-
-/// How many bytes at the front are ASCII without controls.
-std::size_t plainBytes(std::string_view text) {
-  const auto* end = std::find_if(text.begin(), text.end(), [](char byte) {
-    return static_cast<signed char>(byte) < ' ' || byte == '\x7F';
-  });
-  return static_cast<std::size_t>(end - text.begin());
 }
 
 std::string escapeControls(std::string_view text) {
