@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -77,17 +78,22 @@ struct Watched {
 
 void report(const std::shared_ptr<Watched>& watched) {
   if (watched->cancelled || watched->pending.exchange(true)) return;
-  watched->post([watched] {
-    // Before the call: a change during it is told by another one.
+  try {
+    watched->post([watched] {
+      // Before the call: a change during it is told by another one.
+      watched->pending = false;
+      std::vector<std::string> names;
+      {
+        const Lock lock(watched->namesMutex);
+        names.swap(watched->goneNames);
+      }
+      if (!watched->cancelled) watched->changed();
+      if (!watched->cancelled && !names.empty()) watched->gone(names);
+    });
+  } catch (...) {
     watched->pending = false;
-    std::vector<std::string> names;
-    {
-      const Lock lock(watched->namesMutex);
-      names.swap(watched->goneNames);
-    }
-    if (!watched->cancelled) watched->changed();
-    if (!watched->cancelled && !names.empty()) watched->gone(names);
-  });
+    throw;
+  }
 }
 
 /// What is to be done once the registry's mutex is free again.
@@ -146,6 +152,8 @@ class InotifyWatches::Registry : public std::enable_shared_from_this<Registry> {
       }
     }
     if (reader.joinable()) reader.join();
+    // Until a reading that has begun is over.
+    const Lock reading(reading_);
   }
 
  private:
@@ -185,7 +193,7 @@ class InotifyWatches::Registry : public std::enable_shared_from_this<Registry> {
         std::array<pollfd, 2> ready = {{{instance, POLLIN, 0}, {end, POLLIN, 0}}};
         if (::poll(ready.data(), ready.size(), -1) < 0) continue;  // EINTR, or memory is short
         if (ready[1].revents != 0) return;
-        read(instance);
+        runGuarded([this, instance] { read(instance); });
       }
     });
     stop_ = std::move(stop);
@@ -268,21 +276,41 @@ class InotifyWatches::Registry : public std::enable_shared_from_this<Registry> {
     }
   }
 
-  /// What is there to read. On the reader's thread.
+  /// What is there to read, all of it, so that many changes are told once. On the reader's thread.
   void read(int instance) {
-    std::array<char, std::size_t{1} << 14> buffer;
-    const ssize_t count = ::read(instance, buffer.data(), buffer.size());
-    if (count <= 0) return;
-    Outcome outcome;
     // Held to the end, so that nothing is done after end().
-    const Lock lock(mutex_);
-    if (ended_) return;
-    handle(std::string_view(buffer.data(), static_cast<std::size_t>(count)), outcome);
+    const Lock reading(reading_);
+    // When memory is short, what has been read is lost; the next time all watches make up for it.
+    const bool lost = std::exchange(lost_, true);
+    Outcome outcome;
+    {
+      const Lock lock(mutex_);
+      if (ended_) return;
+      std::vector<std::shared_ptr<Watched>> replaced;
+      if (lost) replaceAll(outcome, replaced);
+      std::array<char, std::size_t{1} << 14> buffer;
+      int waiting = 0;
+      ::ioctl(instance, FIONREAD, &waiting);
+      do {
+        const ssize_t count = ::read(instance, buffer.data(), buffer.size());
+        if (count <= 0) break;
+        handle(std::string_view(buffer.data(), static_cast<std::size_t>(count)), outcome, replaced);
+        waiting -= static_cast<int>(count);
+      } while (waiting > 0);
+      rearm(replaced, outcome);
+    }
     carryOut(outcome);
+    lost_ = false;
   }
 
-  void handle(std::string_view bytes, Outcome& outcome) THMP_REQUIRES(mutex_) {
-    std::vector<std::shared_ptr<Watched>> replaced;
+  void replaceAll(Outcome& outcome, std::vector<std::shared_ptr<Watched>>& replaced)
+      THMP_REQUIRES(mutex_) {
+    outcome.reports.insert(outcome.reports.end(), watches_.begin(), watches_.end());
+    replaced.insert(replaced.end(), watches_.begin(), watches_.end());
+  }
+
+  void handle(std::string_view bytes, Outcome& outcome,
+              std::vector<std::shared_ptr<Watched>>& replaced) THMP_REQUIRES(mutex_) {
     while (bytes.size() >= sizeof(inotify_event)) {
       inotify_event event = {};
       bytes.copy(reinterpret_cast<char*>(&event), sizeof event);
@@ -290,13 +318,11 @@ class InotifyWatches::Registry : public std::enable_shared_from_this<Registry> {
       const std::string_view name = field.substr(0, field.find('\0'));
       bytes.remove_prefix(sizeof event + event.len);
       if ((event.mask & IN_Q_OVERFLOW) != 0) {
-        outcome.reports.insert(outcome.reports.end(), watches_.begin(), watches_.end());
-        replaced.insert(replaced.end(), watches_.begin(), watches_.end());
+        replaceAll(outcome, replaced);
       } else {
         handle(event, name, outcome, replaced);
       }
     }
-    rearm(replaced, outcome);
   }
 
   void handle(const inotify_event& event, std::string_view name, Outcome& outcome,
@@ -340,6 +366,8 @@ class InotifyWatches::Registry : public std::enable_shared_from_this<Registry> {
   SystemLog& log_;
   const MakeInstance makeInstance_;
   const std::shared_ptr<LinuxSerialQueue> queue_;  // null: a thread reads
+  Mutex reading_;                                  // taken before `mutex_`
+  bool lost_ THMP_GUARDED_BY(reading_) = false;
   Mutex mutex_;
   std::thread reader_ THMP_GUARDED_BY(mutex_);
   std::shared_ptr<const Descriptor> instance_ THMP_GUARDED_BY(mutex_);
@@ -379,13 +407,14 @@ class InotifyWatch final : public DirectoryWatch {
 
 }  // namespace
 
-InotifyWatches::InotifyWatches(SystemLog& log) : InotifyWatches(log, makeInstance) {}
-
-InotifyWatches::InotifyWatches(SystemLog& log, MakeInstance makeInstance)
-    : registry_(std::make_shared<Registry>(log, std::move(makeInstance), nullptr)) {}
+InotifyWatches::InotifyWatches(SystemLog& log) : InotifyWatches(log, nullptr) {}
 
 InotifyWatches::InotifyWatches(SystemLog& log, std::shared_ptr<LinuxSerialQueue> reader)
-    : registry_(std::make_shared<Registry>(log, makeInstance, std::move(reader))) {}
+    : InotifyWatches(log, std::move(reader), makeInstance) {}
+
+InotifyWatches::InotifyWatches(SystemLog& log, std::shared_ptr<LinuxSerialQueue> reader,
+                               MakeInstance makeInstance)
+    : registry_(std::make_shared<Registry>(log, std::move(makeInstance), std::move(reader))) {}
 
 InotifyWatches::~InotifyWatches() { registry_->end(); }
 

@@ -36,9 +36,10 @@ class InotifyWatches {
 
   /// `log` takes what the user should know of watches that fail or are set again.
   explicit InotifyWatches(SystemLog& log);
-  InotifyWatches(SystemLog& log, MakeInstance makeInstance);
-  /// Read by `reader`, which watches no other descriptor.
+  /// Read by `reader`, which watches no other descriptor; null for a thread of their own.
   InotifyWatches(SystemLog& log, std::shared_ptr<LinuxSerialQueue> reader);
+  InotifyWatches(SystemLog& log, std::shared_ptr<LinuxSerialQueue> reader,
+                 MakeInstance makeInstance);
   ~InotifyWatches();
   InotifyWatches(const InotifyWatches&) = delete;
   InotifyWatches& operator=(const InotifyWatches&) = delete;

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cerrno>
 #include <filesystem>
+#include <new>
 
 #include "platform/linux/LinuxSerialQueue.h"
 #include "platform/linux/testing.h"
@@ -37,16 +38,17 @@ class InotifyWatchesTest : public ::testing::TestWithParam<Reader> {
     return made;
   }
 
-  /// Further watches, whose reader is no other's.
-  static InotifyWatches newWatches(SystemLog& log) {
-    if (GetParam() == Reader::kThread) return InotifyWatches(log);
-    return {log, LinuxSerialQueue::create("test.reader")};
+  /// Null for a thread.
+  static std::shared_ptr<LinuxSerialQueue> newReader() {
+    return GetParam() == Reader::kThread ? nullptr : LinuxSerialQueue::create("test.reader");
   }
 
   /// Until all that is posted has run.
-  void drain() {
+  void drain() { drain(queue_); }
+  static void drain(const std::shared_ptr<LinuxSerialQueue>& queue) {
+    if (!queue) return;
     auto drained = std::make_shared<Count>();
-    queue_->post([drained] { drained->raise(); });
+    queue->post([drained] { drained->raise(); });
     EXPECT_TRUE(drained->reaches(1));
   }
 
@@ -66,8 +68,7 @@ class InotifyWatchesTest : public ::testing::TestWithParam<Reader> {
   const TemporaryFolder folder_;
   testing::CollectingLog log_;
   const std::shared_ptr<LinuxSerialQueue> queue_ = LinuxSerialQueue::create("test.watches");
-  InotifyWatches watches_ =
-      GetParam() == Reader::kThread ? InotifyWatches(log_) : InotifyWatches(log_, queue_);
+  InotifyWatches watches_{log_, GetParam() == Reader::kThread ? nullptr : queue_};
   const std::shared_ptr<Count> calls_ = std::make_shared<Count>();
   int files_ = 0;
 };
@@ -186,7 +187,8 @@ TEST_P(InotifyWatchesTest, ChangesThatComeWhileTheQueueIsBusyAreOneCall) {
     EXPECT_TRUE(leave->reaches(1));
   });
   ASSERT_TRUE(entered->reaches(1));
-  for (int i = 0; i < 100; ++i) testing::writeFile(folder_.at("in/" + std::to_string(i)), "x");
+  // More than the reader takes at a time.
+  for (int i = 0; i < 2000; ++i) testing::writeFile(folder_.at("in/" + std::to_string(i)), "x");
   // A thread reads it after all of the others, so those have been read, too. A queue that is busy
   // reads nothing.
   testing::writeFile(folder_.at("other/last"), "x");
@@ -214,7 +216,7 @@ TEST_P(InotifyWatchesTest, OverflowOfTheKernelsQueueMeansAChange) {
     Count leave;
   } blocking;
   {
-    InotifyWatches watches = newWatches(blocking);
+    InotifyWatches watches(blocking, newReader());
     const auto calls = std::make_shared<Count>();
     const auto overflowCalls = std::make_shared<Count>();
     const auto first = watch(watches, folder_.at("late"), calls);
@@ -238,7 +240,7 @@ TEST_P(InotifyWatchesTest, OverflowOfTheKernelsQueueMeansAChange) {
 TEST_P(InotifyWatchesTest, WatchTheSystemRefusesIsToldOnceAndSetLater) {
   testing::makeFolder(folder_.at("in"));
   auto refuse = std::make_shared<std::atomic<bool>>(true);
-  InotifyWatches watches(log_, [refuse] {
+  InotifyWatches watches(log_, newReader(), [refuse] {
     if (!*refuse) return ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
     errno = EMFILE;
     return -1;
@@ -270,9 +272,10 @@ TEST_P(InotifyWatchesTest, RetryLeavesWatchesThatRunAlone) {
 
 TEST_P(InotifyWatchesTest, ManyWatchesTakeOneInstanceAndGiveAllBack) {
   testing::makeFolder(folder_.at("in"));
+  const auto reader = newReader();
   const std::size_t before = testing::openDescriptors();
   {
-    InotifyWatches watches = newWatches(log_);
+    InotifyWatches watches(log_, reader);
     std::vector<std::unique_ptr<DirectoryWatch>> made;
     made.reserve(200);
     for (int i = 0; i < 200; ++i) made.push_back(watch(watches, folder_.at("in"), calls_));
@@ -281,8 +284,29 @@ TEST_P(InotifyWatchesTest, ManyWatchesTakeOneInstanceAndGiveAllBack) {
     drain();
   }
   drain();
+  // The reader may be in its last look at the instance.
+  drain(reader);
   // A queue keeps what wakes it.
   EXPECT_LE(testing::openDescriptors(), before + (GetParam() == Reader::kThread ? 0 : 1));
+}
+
+TEST_P(InotifyWatchesTest, QueueThatHadNoMemoryForACallGetsTheNextOne) {
+  testing::makeFolder(folder_.at("in"));
+  auto refusals = std::make_shared<Count>();
+  const auto made = watches_.makeWatch(
+      folder_.at("in"),
+      [refusals, post = onto(queue_)](std::function<void()> closure) {
+        if (refusals->value() == 0) {
+          refusals->raise();
+          throw std::bad_alloc();
+        }
+        post(std::move(closure));
+      },
+      [calls = calls_] { calls->raise(); });
+  made->resume();
+  testing::writeFile(folder_.at("in/first"), "x");
+  ASSERT_TRUE(refusals->reaches(1));
+  EXPECT_TRUE(reportsFileIn(folder_.at("in")));
 }
 
 TEST_P(InotifyWatchesTest, StartAndStopManyTimesWhileFilesCome) {
@@ -320,12 +344,16 @@ TEST_P(InotifyWatchesTest, WatchResumedTwiceIsOneAndOneResumedAfterItsEndIsNone)
 
 TEST_P(InotifyWatchesTest, WatchThatOutlivesTheWatchesStaysSilent) {
   testing::makeFolder(folder_.at("in"));
-  auto watches = std::unique_ptr<InotifyWatches>(new InotifyWatches(newWatches(log_)));
+  const auto reader = newReader();
+  auto watches = std::make_unique<InotifyWatches>(log_, reader);
   const auto early = watch(*watches, folder_.at("in"), calls_);
   const auto late = watches->makeWatch(folder_.at("in"), onto(queue_), [] {});
   watches.reset();
   late->resume();
   testing::writeFile(folder_.at("in/file"), "x");
+  // The reader's last look comes after what it runs first.
+  drain(reader);
+  drain(reader);
   drain();
   EXPECT_EQ(calls_->value(), 0);
 }

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <utility>
+#include <vector>
 
 #include "platform/linux/LinuxSerialQueue.h"
 
@@ -16,12 +17,13 @@ std::unique_ptr<DirectoryWatch> LinuxExecution::makeDirectoryWatch(
     const std::string& directory, std::shared_ptr<SerialQueue> queue,
     std::function<void()> changed) {
   const Lock lock(mutex_);
-  std::unique_ptr<InotifyWatches>& watches = queueWatches_[queue];
-  if (!watches) {
-    watches =
+  auto watches = queueWatches_.find(queue);
+  if (watches == queueWatches_.end()) {
+    auto made =
         std::make_unique<InotifyWatches>(log_, std::static_pointer_cast<LinuxSerialQueue>(queue));
+    watches = queueWatches_.emplace(queue, std::move(made)).first;
   }
-  return watches->makeWatch(
+  return watches->second->makeWatch(
       directory,
       [queue = std::move(queue)](std::function<void()> closure) {
         queue->post(std::move(closure));
@@ -30,9 +32,13 @@ std::unique_ptr<DirectoryWatch> LinuxExecution::makeDirectoryWatch(
 }
 
 void LinuxExecution::retryWatches() {
-  watches_.retry();
-  const Lock lock(mutex_);
-  for (const auto& [queue, watches] : queueWatches_) watches->retry();
+  std::vector<InotifyWatches*> all = {&watches_};
+  {
+    const Lock lock(mutex_);
+    for (const auto& [queue, watches] : queueWatches_) all.push_back(watches.get());
+  }
+  // Without the lock: a retry may log.
+  for (InotifyWatches* const watches : all) watches->retry();
 }
 
 Date LinuxExecution::now() {

@@ -87,18 +87,17 @@ void LinuxSerialQueue::wake(int wakeUp) {
 void LinuxSerialQueue::run() {
   currentQueue = this;
   for (;;) {
-    std::deque<Closure> closures;
     std::shared_ptr<const Watched> watched;
     int wakeUp = -1;
     {
       const Lock lock(mutex_);
       while (closures_.empty() && !watched_) changed_.wait(mutex_);
-      closures.swap(closures_);
+      taken_.swap(closures_);
       watched = watched_;
       wakeUp = wakeUp_.get();
     }
-    const bool idle = closures.empty();
-    for (; !closures.empty(); closures.pop_front()) runGuarded(closures.front());
+    const bool idle = taken_.empty();
+    for (; !taken_.empty(); taken_.pop_front()) runGuarded(taken_.front());
     if (watched) waitFor(*watched, wakeUp, idle ? -1 : 0);
   }
 }

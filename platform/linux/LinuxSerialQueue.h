@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A serial queue on a thread of its own, which starts with the first closure and holds the queue
-// from then on: it lives as long as the process, is never joined, and what is on it stays reachable
-// while the process exits.
+// A serial queue on a thread of its own, which starts with the first closure or watch and holds the
+// queue from then on: it lives as long as the process, is never joined, and what is on it stays
+// reachable while the process exits.
 //
 // It can wait for one descriptor as well, so that what comes from the system is handled without
 // another thread in between: a pass is the closures that are there by then and one look at it.
@@ -33,7 +33,8 @@ class LinuxSerialQueue final : public SerialQueue,
   /// before. False, with errno, when the system refuses. Any thread; never waits.
   bool watchDescriptor(std::shared_ptr<const Descriptor> descriptor,
                        std::function<void()> readable);
-  /// A call that has begun goes on. The queue lets go of the descriptor soon. Any thread.
+  /// One call may still come of a look that has begun, and the queue lets go of the descriptor
+  /// after it. Any thread.
   void unwatchDescriptor();
 
  private:
@@ -58,6 +59,10 @@ class LinuxSerialQueue final : public SerialQueue,
   std::deque<Closure> closures_ THMP_GUARDED_BY(mutex_);
   std::shared_ptr<const Watched> watched_ THMP_GUARDED_BY(mutex_);
   bool started_ THMP_GUARDED_BY(mutex_) = false;
+
+  // The pass's, on the queue's thread only. Not made there: nothing may end the thread, not even a
+  // lack of memory.
+  std::deque<Closure> taken_;
 };
 
 }  // namespace thmp

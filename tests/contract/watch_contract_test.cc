@@ -218,20 +218,16 @@ TEST_P(WatchContract, NoCallBeginsAfterDestruction) {
 }
 
 TEST_P(WatchContract, CallThatStillWaitsInTheQueueDoesNotBeginAfterCancel) {
-  const auto otherQueue = fixture().execution().makeSerialQueue("test.sentinel");
-  auto sentinelCalls = std::make_shared<Counter>();
   const auto watch = makeWatch(folder(), calls_);
-  const auto sentinel = fixture().execution().makeDirectoryWatch(
-      folder(), otherQueue, [sentinelCalls] { sentinelCalls->raise(); });
   watch->resume();
-  sentinel->resume();
   auto cancelled = std::make_shared<Counter>();
-  // While this runs, the call for the change can only wait behind it.
+  // The call for the change can only wait behind what is posted before it.
   queue()->post([&, cancelled] {
+    queue()->post([&, cancelled] {
+      watch->cancel();
+      cancelled->raise();
+    });
     scene().writeFile(at("new"), "x");
-    EXPECT_TRUE(fixture().waitFor(*sentinelCalls, 1));
-    watch->cancel();
-    cancelled->raise();
   });
 
   ASSERT_TRUE(fixture().waitFor(*cancelled, 1));
