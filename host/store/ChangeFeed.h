@@ -42,7 +42,7 @@ struct MailChanges {
 
 struct ChangeFeedOptions {
   /// Changes are told once no more have come for this long,
-  std::chrono::milliseconds quiet{4};
+  std::chrono::milliseconds quiet{2};
   /// and at the latest after this long.
   std::chrono::milliseconds longest{250};
   /// How often a mail folder that is missing is looked for.
