@@ -10,6 +10,7 @@
 
 #include "client/Histogram.h"
 #include "console/found_messages.h"
+#include "console/terminal.h"
 #include "messaging/message_names.h"
 
 namespace thmp::client {
@@ -79,8 +80,8 @@ void printClosing(const Received& received, std::chrono::duration<double> elapse
                   StandardOutput& output) {
   if (::isatty(STDERR_FILENO) != 1 || output.isPipe()) return;
   output.flush();
-  fmt::print(stderr, "{} message{} in {:.2f} s\n", received.found, received.found == 1 ? "" : "s",
-             elapsed.count());
+  console::say(fmt::format("{} message{} in {:.2f} s\n", received.found,
+                           received.found == 1 ? "" : "s", elapsed.count()));
 }
 
 // Date, author and subject: on a terminal in columns that fit it, else apart by tabs and whole.
@@ -146,7 +147,7 @@ class TimelineOutput : public SearchOutput {
     }
     output_.flush();
     if (summary_.undated() > 0) {
-      fmt::print(stderr, "tallyhive-mail: {} without a date left out\n", summary_.undated());
+      console::say(fmt::format("tallyhive-mail: {} without a date left out\n", summary_.undated()));
     }
     printClosing(received, elapsed, output_);
   }
@@ -197,7 +198,7 @@ void ProgressOutput::found(const Dictionary& item) {
   last_ = now;
   drawn_ = true;
   // What is told next begins at the line's first column and so takes its place.
-  fmt::print(stderr, "\r\x1b[K{} found so far\r", count_);
+  console::say(fmt::format("\r\x1b[K{} found so far\r", count_));
 }
 
 void ProgressOutput::gathered(const Received& received, std::chrono::duration<double> elapsed) {
@@ -212,7 +213,7 @@ void ProgressOutput::completed(const Received& received, const SearchFailure* fa
 }
 
 void ProgressOutput::erase() {
-  if (std::exchange(drawn_, false)) fmt::print(stderr, "\r\x1b[K");
+  if (std::exchange(drawn_, false)) console::say("\r\x1b[K");
 }
 
 std::unique_ptr<SearchOutput> makeSearchOutput(const OutputForm& form, const MailSummary* summary,

@@ -10,6 +10,7 @@
 
 #include "base/plist.h"
 #include "client/exit_status.h"
+#include "console/terminal.h"
 #include "messaging/message_names.h"
 
 namespace thmp::client {
@@ -85,8 +86,8 @@ void SearchSession::post(std::string_view name, const Dictionary& userInfo) {
   if (file) {
     unanswered_.push_back(*std::move(file));
   } else {
-    fmt::print(stderr, "tallyhive-mail: a request could not be sent: {}\n",
-               file.error().description);
+    console::say(
+        fmt::format("tallyhive-mail: a request could not be sent: {}\n", file.error().description));
   }
 }
 
@@ -135,9 +136,9 @@ std::optional<int> SearchSession::look() {
   if (completion) return handleCompletion(*completion);
   if (hostQuit_ || (newHost_ && wasStarted)) {
     standardOutput_.flush();
-    fmt::print(stderr,
-               "tallyhive-mail: the mail host has {}, so this search has ended; start it again\n",
-               hostQuit_ ? "quit" : "been started anew");
+    console::say(fmt::format(
+        "tallyhive-mail: the mail host has {}, so this search has ended; start it again\n",
+        hostQuit_ ? "quit" : "been started anew"));
     return kExitNoPlugin;
   }
   return std::nullopt;
@@ -170,8 +171,8 @@ void SearchSession::read(const Batch& batch) {
   const std::optional<Value> content = pasteboards_.read(
       batch.name, batch.removals ? kRemovalBatchType : kResultsBatchType, kBatchLimits);
   if (!content) {
-    fmt::print(stderr, "tallyhive-mail: a batch of {} could not be read\n",
-               batch.removals ? "removals" : "results");
+    console::say(fmt::format("tallyhive-mail: a batch of {} could not be read\n",
+                             batch.removals ? "removals" : "results"));
   } else if (batch.removals) {
     for (const Value& id : (*content)[kMessageIDsKey].asArray().value_or(Array())) {
       output_.removed(id.asText().value_or(""));
@@ -198,9 +199,10 @@ std::optional<int> SearchSession::handleCompletion(const Dictionary& userInfo) {
     output_.completed(received_, &failure);
     standardOutput_.flush();
     constexpr std::int64_t kInvalidQuery = -2002;
-    fmt::print(
-        stderr, "tallyhive-mail: {}{}\n", console::shown(failure.message),
-        failure.code == kInvalidQuery ? " \"tallyhive-mailhost find QUERY\" shows the place." : "");
+    console::say(fmt::format("tallyhive-mail: {}{}\n", console::shown(failure.message),
+                             failure.code == kInvalidQuery
+                                 ? " \"tallyhive-mailhost find QUERY\" shows the place."
+                                 : ""));
     return kExitUsage;
   }
   if (std::exchange(gathered_, true)) {

@@ -17,6 +17,7 @@
 #include "client/commands.h"
 #include "client/exit_status.h"
 #include "console/calendar.h"
+#include "console/terminal.h"
 #include "platform/linux/XdgFolders.h"
 
 namespace thmp::client {
@@ -66,7 +67,7 @@ int follow(const StoredLog& log, console::StandardOutput& output) {
     Result<std::vector<LogEntry>> entries = log.read();
     if (!entries) return failWith(kExitUsage, entries.error().description);
     if (first && entries->empty()) {
-      fmt::print(stderr, "There is no log yet; its lines will appear as a host writes them.\n");
+      console::say("There is no log yet; its lines will appear as a host writes them.\n");
     }
     print(std::span(*entries).subspan(firstNewEntry(shown, *entries)), output);
     shown = *std::move(entries);

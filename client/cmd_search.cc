@@ -96,8 +96,8 @@ int writeReport(const std::string& file, const MailSummary& summary, const Repor
     return failWith(kExitUsage, written.error().description);
   }
   if (::isatty(STDERR_FILENO) == 1) {
-    fmt::print(stderr, "{} message{} in {}\n", summary.total().total(),
-               summary.total().total() == 1 ? "" : "s", console::shown(file));
+    console::say(fmt::format("{} message{} in {}\n", summary.total().total(),
+                             summary.total().total() == 1 ? "" : "s", console::shown(file)));
   }
   return kExitSuccess;
 }
@@ -137,8 +137,9 @@ int search(SearchOptions options, const CommonOptions& common) {
     return failWith(kExitUsage, wrong + "; see tallyhive-mail search --help");
   }
   const std::string query = fmt::format("{}", fmt::join(options.words, " "));
+  const bool isShorthand = !isPredicate(query);
   const Result<std::string> predicate =
-      isPredicate(query) ? Result<std::string>(query) : predicateFromShorthand(query);
+      isShorthand ? predicateFromShorthand(query) : Result<std::string>(query);
   if (!predicate) return failWith(kExitUsage, predicate.error().description);
   options.request.query = *predicate;
   if (std::optional<std::string>& attribute = options.request.sortingAttribute) {
@@ -161,7 +162,14 @@ int search(SearchOptions options, const CommonOptions& common) {
   options.request.timeout = common.timeout();
   options.request.uniqueName =
       options.uniqueName ? *options.uniqueName : freshName("tallyhive-mail-");
-  return run(options, query, common);
+  const int status = run(options, query, common);
+  if (status == kExitNothingFound && isShorthand &&
+      query.find_first_of("*?&|!") != std::string::npos) {
+    failWith(status,
+             "* ? & | and ! stand for themselves in words; a word finds all that begins with it, "
+             "and all words of a query are meant");
+  }
+  return status;
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 namespace thmp::client {
 
 int failWith(int status, std::string_view what) {
-  fmt::print(stderr, "tallyhive-mail: {}\n", console::shown(what));
+  console::say(fmt::format("tallyhive-mail: {}\n", console::shown(what)));
   return status;
 }
 

@@ -12,6 +12,7 @@
 
 int main(int argc, char** argv) {
   using namespace thmp::client;
+  thmp::console::prepareStandardStreams();
   try {
     const int status = runApp(*buildApp(), {argv + std::min(argc, 1), argv + argc});
     const std::string lost = thmp::console::lostOutput();

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "console/terminal.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
 #include <signal.h>
@@ -68,10 +69,21 @@ std::size_t widthOf(utf8proc_int32_t codePoint) {
 
 }  // namespace
 
-StandardOutput::StandardOutput(ColorMode color)
-    : terminal_(::isatty(STDOUT_FILENO) == 1), color_(colorWanted(color, terminal_)) {
+void prepareStandardStreams() {
   ::signal(SIGPIPE, SIG_IGN);
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (::fcntl(stream, F_GETFD) >= 0) continue;
+    // The lowest one that is free; open for what nobody does with it.
+    ::open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+  }
 }
+
+void say(std::string_view text) noexcept {
+  [[maybe_unused]] const std::size_t written = std::fwrite(text.data(), 1, text.size(), stderr);
+}
+
+StandardOutput::StandardOutput(ColorMode color)
+    : terminal_(::isatty(STDOUT_FILENO) == 1), color_(colorWanted(color, terminal_)) {}
 
 void StandardOutput::write(std::string_view bytes) {
   buffer_ += bytes;

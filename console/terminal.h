@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Standard output as the programs use it: buffered, aware of a reader that has gone, and with what
-// mail says made safe to show on a terminal. One thread.
+// The standard streams as the programs use them: output buffered, aware of a reader that has gone,
+// and with what mail says made safe to show on a terminal. One thread.
 #pragma once
 
 #include <cstddef>
@@ -10,11 +10,17 @@
 
 namespace thmp::console {
 
+/// A program's first call. A stream that it was started without stays one that cannot be used: no
+/// file of its own comes to stand there and is written to as one. SIGPIPE is ignored from here on.
+void prepareStandardStreams();
+
+/// Writes to standard error. What cannot be written is lost: there is nobody to tell.
+void say(std::string_view text) noexcept;
+
 enum class ColorMode { kAuto, kAlways, kNever };
 
 class StandardOutput {
  public:
-  /// From here on SIGPIPE is ignored: isClosed() tells.
   explicit StandardOutput(ColorMode color);
   StandardOutput(const StandardOutput&) = delete;
   StandardOutput& operator=(const StandardOutput&) = delete;

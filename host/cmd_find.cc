@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <fmt/format.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "console/found_messages.h"
 #include "console/terminal.h"
@@ -23,6 +23,8 @@
 
 namespace thmp {
 namespace {
+
+constexpr char kDisplayName[] = "kMDItemDisplayName";
 
 struct FindOptions {
   std::string query;
@@ -42,8 +44,13 @@ std::optional<std::string> pathOf(const Library& library, const IndexedMessage& 
   return library.pathOfMessage(message.id());
 }
 
+// With the file's name for a message without a subject, as the plug-in gives it.
 Dictionary itemOf(const IndexedMessage& message, std::uint64_t number, const std::string& path) {
-  return {{kAttributesKey, attributesOf(message)},
+  Dictionary attributes = attributesOf(message);
+  if (!attributes.contains(kDisplayName)) {
+    attributes.set(kDisplayName, Value(path.substr(path.rfind('/') + 1)));
+  }
+  return {{kAttributesKey, std::move(attributes)},
           {kLibraryIDKey, message.id()},
           {kPathKey, path},
           {kIndexKey, number}};
@@ -77,7 +84,6 @@ int find(const FindOptions& options) {
   (*index)->setTextSource(mailTexts(**library));
   (*index)->hideMailboxes((*library)->unreachableMailboxes());
 
-  ::signal(SIGPIPE, SIG_IGN);
   console::StandardOutput output(options.color);
   const auto begun = std::chrono::steady_clock::now();
   std::uint64_t found = 0;
@@ -91,7 +97,8 @@ int find(const FindOptions& options) {
   if (!walked) return failWith(kExitFailure, walked.error().description);
   if (::isatty(STDERR_FILENO) == 1 && !options.json && !options.paths) {
     const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - begun;
-    fmt::print(stderr, "{} message{} in {:.2f} s\n", found, found == 1 ? "" : "s", elapsed.count());
+    console::say(
+        fmt::format("{} message{} in {:.2f} s\n", found, found == 1 ? "" : "s", elapsed.count()));
   }
   if (found > 0) return kExitSuccess;
   for (const std::string& doubt : query::doubts(*query)) failWith(kExitFailure, doubt);

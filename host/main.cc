@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "console/completions.h"
+#include "console/terminal.h"
 #include "host/commands.h"
 #include "host/library_versions.h"
 #include "host/query/syntax_error.h"
@@ -22,13 +23,14 @@
 namespace thmp {
 
 int failWith(int status, std::string_view what) {
-  fmt::print(stderr, "tallyhive-mailhost: {}\n", console::shown(what));
+  console::say(fmt::format("tallyhive-mailhost: {}\n", console::shown(what)));
   return status;
 }
 
 int failWithSyntax(std::string_view text, const query::SyntaxError& error) {
-  fmt::print(stderr, "tallyhive-mailhost: {}{}\n{}\n", error.message,
-             error.hint.empty() ? "" : "; " + error.hint, query::pointOut(text, error));
+  console::say(fmt::format("tallyhive-mailhost: {}{}\n{}\n", error.message,
+                           error.hint.empty() ? "" : "; " + error.hint,
+                           query::pointOut(text, error)));
   return kExitUsage;
 }
 
@@ -88,6 +90,7 @@ int run(int argc, char** argv) {
 }  // namespace thmp
 
 int main(int argc, char** argv) {
+  thmp::console::prepareStandardStreams();
   ::umask(077);  // whatever is made here derives from the user's mail
   try {
     const int status = thmp::run(argc, argv);
