@@ -52,8 +52,9 @@ std::string needsValue(const CLI::App& command, const CLI::ParseError& error) {
   const std::string_view what = error.what();
   const std::string name(what.substr(0, what.find(':')));
   const CLI::Option* option = command.get_option_no_throw(name);
-  return option == nullptr ? std::string(what)
-                           : fmt::format("{} needs {}", name, option->get_type_name());
+  if (option == nullptr) return std::string(what);
+  return option->count() > 1 ? fmt::format("{} was given more than once; give it once", name)
+                             : fmt::format("{} needs {}", name, option->get_type_name());
 }
 
 // What is wrong with the arguments, in a few words.
@@ -67,6 +68,13 @@ std::string complaint(const CLI::App& app, const CLI::App& command, const CLI::P
       return fmt::format("name a command: {}", fmt::join(commandNames(app), ", "));
     }
     return noSuch("option", arguments.front(), optionNames(app));
+  }
+  const std::string first = arguments.front().substr(0, arguments.front().find('='));
+  if (first.starts_with("-") && app.get_option_no_throw(first) == nullptr) {
+    return command.get_option_no_throw(first) == nullptr
+               ? noSuch("option", first, optionNames(app))
+               : fmt::format("{} belongs behind the command: tallyhive-mail {} {}", first,
+                             command.get_name(), first);
   }
   if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr) {
     return needsValue(command, error);

@@ -75,6 +75,19 @@ TEST_F(TypedArguments, MissingValueIsNamed) {
             "--timeout needs SECONDS; see tallyhive-mail connect --help");
 }
 
+TEST_F(TypedArguments, OptionThatIsGivenTwiceIsNamed) {
+  EXPECT_EQ(complaint({"search", "--sort", "date", "--sort", "size"}),
+            "--sort was given more than once; give it once; see tallyhive-mail search --help");
+}
+
+TEST_F(TypedArguments, OptionBeforeItsCommandIsToldWhereItBelongs) {
+  EXPECT_EQ(complaint({"--timeout", "1", "search", "plum"}),
+            "--timeout belongs behind the command: tallyhive-mail search --timeout; see "
+            "tallyhive-mail search --help");
+  EXPECT_EQ(complaint({"--jsno", "search", "plum"}),
+            "there is no option --jsno; see tallyhive-mail search --help");
+}
+
 TEST_F(TypedArguments, WhatIsTooMuchIsNamed) {
   EXPECT_EQ(complaint({"log", "plum"}), "log takes no plum; see tallyhive-mail log --help");
 }

@@ -76,6 +76,7 @@ std::unique_ptr<ClientApp> buildApp() {
   for (const auto add : {addConnect, addSearch, addCancel, addTerminate, addLog}) {
     CLI::App* subcommand = nullptr;
     Command command = add(parser, app->common, subcommand);
+    subcommand->footer("");
     subcommand->set_version_flag("--version", versions,
                                  "Print the versions of program and libraries");
     app->commands.emplace_back(subcommand, std::move(command));

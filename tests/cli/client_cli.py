@@ -329,6 +329,14 @@ class Shorthand(WithAHost):
         self.assertIn("Apple", self.world.search("is:flagged", "tre").stdout)
         self.assertEqual(self.world.search("plum", "apple").returncode, 1)
 
+    def test_signs_that_mean_nothing_here_are_told_of_when_nothing_is_found(self):
+        for words in (("pl*m",), ("plum", "&&", "cake")):
+            result = self.world.search(*words)
+            self.assertEqual((result.returncode, result.stdout), (1, ""))
+            self.assertIn("stand for themselves in words", result.stderr)
+        self.assertEqual(self.world.search("nothing-like-it").stderr, "")
+        self.assertEqual(self.world.search('kMDItemSubject == "nothing*"').stderr, "")
+
     def test_explained_predicate_finds_the_same(self):
         for query in ("with:ada", "plum", "-is:read after:2021", 'subject:"plum cake"', "has:attachment"):
             predicate = self.world.search("--explain", query).stdout.rstrip("\n")
