@@ -49,14 +49,21 @@ bool lockExclusively(int descriptor) {
   }
 }
 
+Error unusable(int number, const std::string& what) {
+  Error error = Error::posix(number, what);
+  error.description += "; name another with --mail DIR";
+  return error;
+}
+
 Result<std::string> absoluteFolder(const std::string& path) {
+  if (path.empty()) return Error{"THMPHost", 6, "--mail names no folder", nullptr};
   std::array<char, PATH_MAX> resolved{};
   if (::realpath(path.c_str(), resolved.data()) == nullptr) {
-    return Error::posix(errno, "cannot use the mail folder " + path);
+    return unusable(errno, "cannot use the mail folder " + path);
   }
   struct stat status {};
   if (::stat(resolved.data(), &status) != 0 || !S_ISDIR(status.st_mode)) {
-    return Error::posix(ENOTDIR, "cannot use the mail folder " + path);
+    return unusable(ENOTDIR, "cannot use the mail folder " + path);
   }
   std::string folder(resolved.data());
   if (!isUtf8(folder)) {
@@ -75,6 +82,14 @@ Result<std::string> absoluteFolder(const std::string& path) {
   return folder;
 }
 
+Error notOurs(int number, const std::string& what) {
+  Error error = Error::posix(number, what);
+  if (number == EACCES || number == EROFS) {
+    error.description += "; make it writable for you, or choose another place with XDG_DATA_HOME";
+  }
+  return error;
+}
+
 // Private like every folder of ours.
 bool makePrivateFolders(const std::string& path) {
   std::error_code failure;
@@ -91,11 +106,10 @@ bool makePrivateFolders(const std::string& path) {
 
 Result<std::unique_ptr<HostLock>> HostLock::take(const std::string& path,
                                                  const std::string& command) {
-  if (!makePrivateFolders(std::filesystem::path(path).parent_path())) {
-    return Error::posix(errno, "cannot make the data folder of the host for " + path);
-  }
+  const std::string folder = std::filesystem::path(path).parent_path();
+  if (!makePrivateFolders(folder)) return notOurs(errno, "cannot make the folder " + folder);
   const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (descriptor < 0) return Error::posix(errno, "cannot open " + path);
+  if (descriptor < 0) return notOurs(errno, "cannot open " + path);
   std::unique_ptr<HostLock> lock(new HostLock(descriptor));
   if (!lockExclusively(descriptor)) {
     return Error{"THMPHost", 1, writtenHolder(descriptor).refusal(), nullptr};
@@ -114,7 +128,9 @@ std::string HostLock::Holder::text() const {
 }
 
 std::string HostLock::Holder::refusal() const {
-  return text() + " keeps the index of this data folder up to date; end it first";
+  return text() + " keeps the index of this data folder up to date" +
+         (command == "serve" ? " already; to name other folders end it first"
+                             : "; wait until it is done");
 }
 
 std::optional<HostLock::Holder> HostLock::holder(const std::string& path) {
@@ -146,12 +162,27 @@ Result<std::vector<std::string>> chooseMailFolders(const std::vector<std::string
   return folders;
 }
 
-void rememberMailFolders(const std::vector<std::string>& folders, LinuxPreferences& preferences) {
+bool rememberMailFolders(const std::vector<std::string>& folders, LinuxPreferences& preferences) {
   Array remembered;
   remembered.reserve(folders.size());
   for (const std::string& folder : folders) remembered.push_back(Value(folder));
   preferences.set(kMailFoldersKey, remembered);
-  preferences.flush();
+  return preferences.flush();
+}
+
+std::string whyNoMailFolder(const XdgFolders& xdg) {
+  const std::string path = xdg.config + "/tallyhive-mailhost/defaults.plist";
+  if (::access(path.c_str(), R_OK) != 0 && errno != ENOENT && errno != ENOTDIR) {
+    return Error::posix(errno, "cannot read " + path).description +
+           "; make it readable for you, or name the mail folders again with --mail DIR";
+  }
+  return "no mail folder is known yet; name one with --mail DIR";
+}
+
+std::string unreachableFolderText(const std::string& folder, const std::string& why) {
+  return fmt::format(
+      "the mail folder {} cannot be reached: {}; its mail is kept, and not found until it is back",
+      folder, why);
 }
 
 }  // namespace thmp

@@ -65,7 +65,14 @@ class HostLock {
 Result<std::vector<std::string>> chooseMailFolders(const std::vector<std::string>& given,
                                                    Preferences& preferences);
 
-/// Remembers them in the user defaults, on disk when it returns.
-void rememberMailFolders(const std::vector<std::string>& folders, LinuxPreferences& preferences);
+/// Remembers them in the user defaults, on disk when it returns. False when that fails, which the
+/// defaults have logged.
+bool rememberMailFolders(const std::vector<std::string>& folders, LinuxPreferences& preferences);
+
+/// Why there is none when none was given, and what to do.
+std::string whyNoMailFolder(const XdgFolders& xdg);
+
+/// A line about a mail folder that is not there or cannot be read, and `why`.
+std::string unreachableFolderText(const std::string& folder, const std::string& why);
 
 }  // namespace thmp

@@ -121,8 +121,10 @@ std::string whyNotOpen(const HostFolders& places) {
              "; tallyhive-mailhost doctor looks at all of it";
     }
     const auto keeper = HostLock::holder(places.lock);
-    return keeper ? keeper->text() + " has only begun to index; ask again in a moment"
-                  : "nothing was indexed yet; begin with tallyhive-mailhost index --mail DIR";
+    if (keeper) return keeper->text() + " has only begun to index; ask again in a moment";
+    return path == places.library
+               ? "nothing was indexed yet; begin with tallyhive-mailhost index --mail DIR"
+               : "the index is gone; tallyhive-mailhost index makes it anew, nothing is lost";
   }
   return "library or index cannot be used; tallyhive-mailhost doctor says why";
 }

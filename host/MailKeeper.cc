@@ -11,6 +11,7 @@
 #include <exception>
 #include <utility>
 
+#include "host/HostFolders.h"
 #include "host/progress_text.h"
 
 namespace thmp {
@@ -34,7 +35,9 @@ IndexerOptions optionsFor(std::function<void(const std::string& line)> tell) {
 
 MailKeeper::MailKeeper(Library& library, Index& index, std::vector<std::string> roots,
                        SystemLog& log)
-    : index_(index),
+    : library_(library),
+      index_(index),
+      roots_(roots),
       log_(log),
       indexer_(library, index, optionsFor([this](const std::string& line) { say(line); })),
       feed_(
@@ -143,6 +146,12 @@ std::string MailKeeper::updateAll() {
     if (pace.isDue(std::chrono::steady_clock::now())) say("indexing: " + progressText(progress));
   });
   if (!coverage) return coverage.error().text();
+  if (coverage->stopped) {
+    say(fmt::format("told to quit with {} messages looked at; the next start goes on from here",
+                    coverage->seen));
+    return {};
+  }
+  tellOfUnreachableFolders();
   const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - begun;
   say(
       fmt::format("the index is up to date: seen {}, indexed {}, unchanged {}, removed {}, "
@@ -153,6 +162,17 @@ std::string MailKeeper::updateAll() {
   // What an update of all mail took for a while goes back to the system.
   ::malloc_trim(0);
   return {};
+}
+
+void MailKeeper::tellOfUnreachableFolders() {
+  std::vector<std::string> lines;
+  for (const std::string& root : roots_) {
+    const std::string why = library_.whyUnreachable(root);
+    if (!why.empty()) lines.push_back(unreachableFolderText(root, why));
+  }
+  if (lines == unreachable_) return;
+  for (const std::string& line : lines) say(line);
+  unreachable_ = std::move(lines);
 }
 
 std::string MailKeeper::update(const MailChanges& changes) {

@@ -46,11 +46,15 @@ class MailKeeper {
   /// Both give the reason when they fail; empty otherwise.
   std::string updateAll();
   std::string update(const MailChanges& changes);
+  /// Once, until there are others.
+  void tellOfUnreachableFolders();
   /// Keeps what failed for another try.
   void settle(const std::string& failure);
   void say(const std::string& line);
 
+  Library& library_;
   Index& index_;
+  const std::vector<std::string> roots_;
   SystemLog& log_;
   Indexer indexer_;
   ChangeFeed feed_;
@@ -59,6 +63,7 @@ class MailKeeper {
   // The keeper's thread alone.
   MailChanges inHand_;  // taken up and not yet done
   std::string failure_;
+  std::vector<std::string> unreachable_;  // folders, as they were told of
   static constexpr std::chrono::seconds kFirstRetry{1};
   std::chrono::seconds nextRetry_ = kFirstRetry;
 

@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "console/terminal.h"
 #include "host/HostFolders.h"
 #include "host/commands.h"
 #include "host/index/Index.h"
@@ -79,7 +80,7 @@ void listenForInterruption() {
 class ProgressBar {
  public:
   ~ProgressBar() {
-    if (drawn_) fmt::print(stderr, "\r\x1b[K");
+    if (drawn_) console::say("\r\x1b[K");
   }
   void operator()(const IndexProgress& progress) {
     const auto now = std::chrono::steady_clock::now();
@@ -88,8 +89,8 @@ class ProgressBar {
     drawn_ = true;
     const std::string text = progressText(progress);
     const std::size_t room = columns() - 1;
-    fmt::print(stderr, "\r\x1b[K{}{}", bar(progress, room - std::min(room, text.size())),
-               std::string_view(text).substr(0, room));
+    console::say(fmt::format("\r\x1b[K{}{}", bar(progress, room - std::min(room, text.size())),
+                             std::string_view(text).substr(0, room)));
   }
 
  private:
@@ -139,9 +140,7 @@ void tellOfFoldersWithoutMail(const std::vector<std::string>& roots, const Libra
   for (const std::string& root : roots) {
     const std::string why = library.whyUnreachable(root);
     if (!why.empty()) {
-      failWith(kExitSuccess, fmt::format("the mail folder {} cannot be reached: {}; its mail is "
-                                         "kept, and not found until it is back",
-                                         root, why));
+      failWith(kExitSuccess, unreachableFolderText(root, why));
     } else if (coverage.seen == 0 || (!dryRun && !isKnown(root))) {
       failWith(kExitSuccess,
                fmt::format("there is no mail in {}; name a folder with mailboxes at or below it: "
@@ -171,10 +170,12 @@ int index(const IndexOptions& options) {
     Result<std::vector<std::string>> chosen = chooseMailFolders(options.mail, preferences);
     if (!chosen) return failWith(kExitFailure, chosen.error().description);
     roots = *std::move(chosen);
-    if (!options.mail.empty() && !options.dryRun) rememberMailFolders(roots, preferences);
+    if (!options.mail.empty() && !options.dryRun && !rememberMailFolders(roots, preferences)) {
+      return failWith(kExitFailure, "the mail folders cannot be remembered; make " + xdg.config +
+                                        " and what is in it writable for you");
+    }
   }
-  if (roots.empty())
-    return failWith(kExitUsage, "no mail folder is known yet; name one with --mail DIR");
+  if (roots.empty()) return failWith(kExitUsage, whyNoMailFolder(xdg));
 
   PassingFolder passing;
   if (options.dryRun) {

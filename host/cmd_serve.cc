@@ -99,8 +99,7 @@ int serve(const ServeOptions& options) {
   Result<std::vector<std::string>> roots =
       chooseMailFolders(options.mail, host.linux.preferences());
   if (!roots) return failWith(kExitFailure, roots.error().description);
-  if (roots->empty())
-    return failWith(kExitUsage, "no mail folder is known yet; name one with --mail DIR");
+  if (roots->empty()) return failWith(kExitUsage, whyNoMailFolder(xdg));
   if (!options.mail.empty()) rememberMailFolders(*roots, host.linux.preferences());
   if (const Result<void> opened = openMail(host, folders, *std::move(roots)); !opened) {
     return failWith(kExitFailure, opened.error().description);

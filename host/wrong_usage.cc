@@ -31,15 +31,19 @@ std::vector<std::string> optionNames(const CLI::App& command) {
   return names;
 }
 
-// What gives help on `command`, as it is typed.
-std::string helpOf(const CLI::App& command) {
+std::string typed(const CLI::App& command) {
   const CLI::App* program = command.get_parent();
-  return fmt::format("{}{} --help", program == nullptr ? "" : program->get_name() + " ",
-                     command.get_name());
+  return (program == nullptr ? "" : program->get_name() + " ") + command.get_name();
 }
+
+// What gives help on `command`, as it is typed.
+std::string helpOf(const CLI::App& command) { return typed(command) + " --help"; }
 
 std::string unknownOption(const CLI::App& command, const std::string& written) {
   const std::string name = written.substr(0, written.find('='));
+  if (command.get_option_no_throw(name) != nullptr) {
+    return fmt::format("{} belongs behind the command: {} {}", name, typed(command), name);
+  }
   const std::string meant = nearest(name, optionNames(command));
   if (!meant.empty()) return fmt::format("there is no option {}; did you mean {}?", name, meant);
   return fmt::format("there is no option {}; see {}", name, helpOf(command));

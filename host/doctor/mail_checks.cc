@@ -39,10 +39,10 @@ Finding checkMailFolder(const std::string& path, const Library* library, std::si
   const std::size_t closed = tree.unreadable.size() + tree.failed.size();
   if (closed > 0) {
     const UnreadablePath& first = tree.unreadable.empty() ? tree.failed[0] : tree.unreadable[0];
-    return warn(
-        subject,
-        fmt::format("{}: {} in it cannot be read, such as {}: {}; run chmod u+rx on what is yours",
-                    path, counted(closed, "folder"), first.path, first.reason));
+    return warn(subject, fmt::format("{}: {} in it cannot be read, such as {}: {}; {}", path,
+                                     counted(closed, "folder"), first.path, first.reason,
+                                     tree.unreadable.empty() ? "rename it"
+                                                             : "run chmod u+rx on what is yours"));
   }
   if (tree.mailboxes.empty()) {
     return warn(subject, path +

@@ -245,7 +245,11 @@ class PredicateWriter {
   }
 
   static std::string shownLiteral(const Literal& literal) {
-    return " " + visible(literal.source) + literal.modifiers.letters();
+    const std::string letters = literal.modifiers.letters();
+    // Behind a word without quotes they would be part of it.
+    const bool isQuoted = literal.source.ends_with('"') || literal.source.ends_with('\'');
+    if (letters.empty() || isQuoted) return " " + visible(literal.source) + letters;
+    return " " + visible(literal.source) + " [" + letters + "]";
   }
   static std::string shownValue(const Literal& literal) { return visible(literal.source); }
 

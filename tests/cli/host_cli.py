@@ -92,6 +92,14 @@ class Indexing(Scenario):
         self.assertEqual(result.returncode, 1)
         self.assertEqual(self.remembered(), [str(self.world.mail)])
 
+    def test_host_that_quits_during_its_first_update_says_so(self):
+        self.world.deliver_many(2000)
+        host = self.world.serve(indexed=False)
+        self.assertEqual(host.quit(), 0)
+        waiting = json.loads(self.world.run(HOST, "stat", "--json").stdout)["coverage"]["waiting"]
+        self.assertEqual(host.count("the index is up to date") > 0, waiting == 0)
+        self.assertEqual(host.count("told to quit with ") > 0, waiting > 0)
+
     def test_while_a_host_serves_it_says_which_and_ends_with_1(self):
         self.world.deliver()
         host = self.world.serve()
@@ -302,9 +310,28 @@ class Finding(Scenario):
         for arguments, line in (((), "name a command: index, serve, find, explain, stat, doctor; see tallyhive-mailhost --help"),
                                 (("bogus",), "there is no command bogus; the commands are index, serve, find, explain, stat, doctor"),
                                 (("serve", "--nothing"), "there is no option --nothing; see tallyhive-mailhost serve --help"),
+                                (("--color", "never", "stat"), "--color belongs behind the command: tallyhive-mailhost stat --color"),
                                 (("find",), "QUERY is required; see tallyhive-mailhost find --help")):
             result = self.world.run(HOST, *arguments)
             self.assertEqual((result.returncode, result.stderr), (2, f"tallyhive-mailhost: {line}\n"))
+
+    def test_message_without_a_subject_is_shown_by_its_file_as_the_client_does(self):
+        path = self.world.mail / "cur" / "1.nameless:2,S"
+        path.write_text("From: Ada <ada@example.org>\n\nNo subject.\n")
+        self.world.index()
+        self.assertIn(path.name, self.find('kMDItemTextContent == "No"').stdout)
+        found = json.loads(self.find('kMDItemTextContent == "No"', "--json").stdout)
+        self.world.serve()
+        lines = self.world.search("--json", 'kMDItemTextContent == "No"').stdout.splitlines()
+        self.assertIn(found, [json.loads(line) for line in lines])
+        self.assertEqual(found["attributes"]["kMDItemDisplayName"], path.name)
+
+    def test_index_that_is_gone_is_told_from_one_that_was_never_made(self):
+        for file in (self.world.folders["cache"] / "tallyhive-mailhost").glob("index.*"):
+            file.unlink()
+        result = self.find("true")
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("the index is gone; tallyhive-mailhost index makes it anew", result.stderr)
 
     def test_mail_folder_that_is_missing_keeps_its_messages_out_and_their_ids(self):
         before = self.find("true", "--json").stdout

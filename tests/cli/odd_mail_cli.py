@@ -51,6 +51,43 @@ class OddMail(Scenario):
 
 
 class Folders(OddMail):
+    def test_that_cannot_be_remembered_are_told_and_not_used(self):
+        self.host("index", "--mail", self.world.mail)
+        self.as_nobody()
+        other = self.world.root / "Other"
+        self.world.mail.rename(other)
+        for folder in (self.world.folders["config"] / "tallyhive-mailhost", self.world.folders["config"]):
+            folder.chmod(0o500)
+            self.addCleanup(folder.chmod, 0o700)
+        result = self.run_host("index", "--mail", other)
+        self.assertEqual((result.returncode, result.stdout), (1, ""))
+        self.assertIn("the mail folders cannot be remembered; make ", result.stderr)
+
+    def test_that_were_remembered_where_nobody_can_read_are_not_called_unknown(self):
+        self.host("index", "--mail", self.world.mail)
+        self.as_nobody()
+        defaults = self.world.folders["config"] / "tallyhive-mailhost"
+        defaults.chmod(0)
+        self.addCleanup(defaults.chmod, 0o700)
+        for command in ("index", "serve"):
+            _, line = self.host(command, status=2, lines=1)[-2:]
+            self.assertIn("make it readable for you, or name the mail folders again with --mail DIR", line)
+
+    def test_that_are_missing_are_named_by_a_host_that_serves(self):
+        self.host("index", "--mail", self.world.mail)
+        self.world.mail.rename(self.world.root / "Away")
+        host = self.world.serve(remembered=True)
+        host.wait_for_line(f"the mail folder {self.world.mail} cannot be reached: ")
+
+    def test_without_a_name_are_none(self):
+        _, line = self.host("index", "--mail", "", status=1, lines=1)
+        self.assertIn("--mail names no folder", line)
+
+    def test_name_that_is_no_text_is_to_be_changed(self):
+        os.mkdir(os.fsencode(self.world.mail) + b"/.Bad\xff")
+        self.host("index", "--mail", self.world.mail)
+        self.assertRegex(self.run_host("doctor").stdout, "its path is not UTF-8; rename it")
+
     def test_folder_without_mail_is_named_and_what_mail_is(self):
         empty = self.world.root / "empty"
         empty.mkdir()
