@@ -121,7 +121,8 @@ struct Library::State {
 };
 
 Library::Library(std::unique_ptr<State> state) : state_(std::move(state)) {}
-Library::~Library() = default;
+// The writer closes last, which puts what is in the write-ahead log into the file.
+Library::~Library() { state_->readers.close(); }
 
 Result<std::unique_ptr<Library>> Library::open(const std::string& path, Access access) {
   auto state = std::make_unique<State>(path);

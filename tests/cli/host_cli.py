@@ -92,6 +92,12 @@ class Indexing(Scenario):
         self.assertEqual(result.returncode, 1)
         self.assertEqual(self.remembered(), [str(self.world.mail)])
 
+    def test_leaves_no_write_ahead_log(self):
+        self.world.deliver_many(3)
+        self.world.index()
+        self.assertEqual(sorted(path.name for path in self.world.root.rglob("*.sqlite*")),
+                         ["index.sqlite", "index.sqlite-columns", "library.sqlite"])
+
     def test_host_that_quits_during_its_first_update_says_so(self):
         self.world.deliver_many(2000)
         host = self.world.serve(indexed=False)
