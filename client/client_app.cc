@@ -72,15 +72,15 @@ std::unique_ptr<ClientApp> buildApp() {
   parser.description("Searches mail through the Tallyhive mail plug-in.");
   parser.set_version_flag("--version", versions, "Print the versions of program and libraries");
   parser.require_subcommand(1);
-  parser.footer("tallyhive-mail COMMAND --help tells more of each.");
   for (const auto add : {addConnect, addSearch, addCancel, addTerminate, addLog}) {
     CLI::App* subcommand = nullptr;
     Command command = add(parser, app->common, subcommand);
-    subcommand->footer("");
     subcommand->set_version_flag("--version", versions,
                                  "Print the versions of program and libraries");
     app->commands.emplace_back(subcommand, std::move(command));
   }
+  // Not before: a command takes over the footer that there is when it is added.
+  parser.footer("tallyhive-mail COMMAND --help tells more of each.");
   console::addCompletionOption(
       parser, {{"WHEN", {"auto", "always", "never"}}, {"ATTRIBUTE", sortingWords()}});
   return app;

@@ -40,7 +40,8 @@ MONTH, sent and received apart by tabs, with --json as "month" events. A message
 it lies in a mailbox called Sent (or Sent Mail, Sent Messages, Sent Items), or when its author's
 address is one that its account is known by (kMDItemAccountHandles) or that --me gives.
 --report can stand beside --timeline, --json and --paths; alone it leaves standard output empty.
-Exit status: 0 found, 1 nothing found, 2 wrong usage or failed query, 3 no plug-in.)";
+Exit status: 0 found, 1 nothing found, 2 wrong usage, a failed query or output that cannot be
+written, 3 no plug-in answered or the host has gone; the manual page tells all.)";
 
 struct SearchOptions {
   SearchRequest request;

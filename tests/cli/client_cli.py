@@ -712,6 +712,15 @@ class WithoutAHost(Scenario):
                        "--me", "--explain", "--client", "--timeout", "--color"):
             self.assertIn(option, text)
 
+    def test_help_of_a_command_closes_with_what_belongs_to_it(self):
+        closing = self.world.run(CLIENT, "--help").stdout.splitlines()[-1]
+        self.assertIn("COMMAND --help", closing)
+        search = self.world.run(CLIENT, "search", "--help").stdout
+        for text in ("Exit status: ", "from:TEXT", "--sort takes date"):
+            self.assertIn(text, search)
+        for command in ("connect", "search", "cancel", "terminate", "log"):
+            self.assertNotIn(closing, self.world.run(CLIENT, command, "--help").stdout)
+
     def test_wrong_usage_ends_with_2_and_one_line_that_says_what_to_do(self):
         for arguments, hint in (
                 ((), "name a command"), (("dance",), "--help"), (("serach", "x"), "did you mean search?"),
