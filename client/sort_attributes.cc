@@ -111,6 +111,20 @@ constexpr std::array kShortNames = {
     ShortName{"to", "kMDItemRecipients"}, ShortName{"subject", "kMDItemSubject"},
     ShortName{"size", "kMDItemFSSize"}};
 
+/// Empty when none is near. What all names begin with does not make one near.
+std::string nearestWord(std::string_view name) {
+  constexpr std::string_view kPrefix = "kMDItem";
+  const std::string_view prefix = name.starts_with(kPrefix) ? kPrefix : "";
+  std::vector<std::string_view> rests;
+  const auto add = [&](std::string_view word) {
+    if (word.starts_with(prefix)) rests.push_back(word.substr(prefix.size()));
+  };
+  for (const ShortName& one : kShortNames) add(one.name);
+  for (const std::string_view attribute : kFetched) add(attribute);
+  const std::string_view nearest = nearestName(name.substr(prefix.size()), rests);
+  return nearest.empty() ? std::string() : std::string(prefix) + std::string(nearest);
+}
+
 }  // namespace
 
 std::span<const std::string_view> fetchedAttributes() { return kFetched; }
@@ -126,17 +140,15 @@ std::vector<std::string> sortingWords() {
 }
 
 Result<std::string> sortingAttribute(std::string_view name) {
-  std::vector<std::string_view> names(kFetched.begin(), kFetched.end());
   for (const ShortName& one : kShortNames) {
     if (one.name == name) return std::string(one.attribute);
-    names.push_back(one.name);
   }
   if (std::binary_search(kFetched.begin(), kFetched.end(), name)) return std::string(name);
-  const std::string_view nearest = nearestName(name, names);
+  const std::string meant = nearestWord(name);
   return Error{"THMPSorting", 1,
                "there is no attribute \"" + std::string(name) + "\" to sort by; " +
-                   (nearest.empty() ? "use date, from, to, subject, size or the full name of one"
-                                    : "did you mean " + std::string(nearest) + "?"),
+                   (meant.empty() ? "use date, from, to, subject, size or the full name of one"
+                                  : "did you mean " + meant + "?"),
                nullptr};
 }
 

@@ -32,11 +32,17 @@ TEST(SortingAttribute, SlipsAreHintedAt) {
   EXPECT_EQ(meant("kmditemsubject"),
             "error: there is no attribute \"kmditemsubject\" to sort by; did you mean "
             "kMDItemSubject?");
+  EXPECT_EQ(meant("kMDItemSubjet"),
+            "error: there is no attribute \"kMDItemSubjet\" to sort by; did you mean "
+            "kMDItemSubject?");
 }
 
 TEST(SortingAttribute, WhatIsFarFromAllIsToldWithTheChoice) {
   EXPECT_EQ(meant("colour"),
             "error: there is no attribute \"colour\" to sort by; use date, from, to, "
+            "subject, size or the full name of one");
+  EXPECT_EQ(meant("kMDItemTitle"),
+            "error: there is no attribute \"kMDItemTitle\" to sort by; use date, from, to, "
             "subject, size or the full name of one");
   EXPECT_EQ(meant("").rfind("error: ", 0), 0U);
 }
