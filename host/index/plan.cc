@@ -585,7 +585,7 @@ class PlanText {
       source += std::holds_alternative<InRange>(predicate.node.predicate) ? " in" : " is one of";
     }
     for (const Literal* literal : predicate.literals) {
-      source += " " + query::visible(literal->source) + literal->modifiers.letters();
+      source += " " + query::visible(*literal);
     }
     return source;
   }

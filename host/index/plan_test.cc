@@ -13,6 +13,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/index/Index.h"
@@ -349,6 +350,42 @@ TEST_P(IndexedAnswers, AreThoseOfTheEvaluatorWhileMessagesComeChangeAndGo) {
     compare(mail_.query(2));
   }
   EXPECT_GT(found_, kQueries / 50);
+}
+
+TEST(DescribedPlan, SaysOfEachPredicateHowItIsAnswered) {
+  const std::vector<std::pair<std::string, std::string>> kWays{
+      {"kMDItemAuthors == \"ada@x.org\"cd", "looked up among the distinct texts"},
+      {"FieldMatch(kMDItemAuthors, a, b)", "looked up among the distinct texts"},
+      {"kMDItemAuthors == \"ada*\"cd", "by looking through the distinct texts"},
+      {"kMDItemSubject == \"l*ke\"cd", "by searching the folded subjects"},
+      {"kMDItemTextContent == \"lake\"cd", "in the table of words"},
+      {"kMDItemFSSize > 1000", "by ranges in a column of numbers"},
+      {"InRange(kMDItemContentCreationDate, $time.today(-1), $time.today)",
+       "by ranges in a column of numbers"},
+      {"com_apple_mail_read == 0", "by the kinds of messages"},
+      {"com_apple_mail_repliedTo == \"*\"", "by the kinds of messages"},
+      {"kMDItemIdentifier == \"a@b\"", "by a column of hashes"},
+      {"kMDItemSubject != \"lake\"", "; the rest is what counts"},
+      {"* == \"lake\"cd", "in all columns and the table of words"},
+      {"kMDItemURL == x", "by looking at each message"},
+      {"weather == x", "no message has it"},
+      {"true", "every message"}};
+  for (const auto& [text, way] : kWays) {
+    EXPECT_THAT(describePlan(*query::parse(text, query::testOptions())), HasSubstr(way)) << text;
+  }
+}
+
+TEST(DescribedPlan, ShowsHowPredicatesAreCombined) {
+  const auto query =
+      query::parse("(kMDItemAuthors ==[cd] a || kMDItemFSSize == 1) && !(kMDItemFSSize == 2)",
+                   query::testOptions());
+  EXPECT_EQ(describePlan(*query),
+            "what all of these have in common\n"
+            "  what any of these finds\n"
+            "    kMDItemAuthors == a [cd]: looked up among the distinct texts\n"
+            "    kMDItemFSSize == 1: by ranges in a column of numbers\n"
+            "  all but\n"
+            "    kMDItemFSSize == 2: by ranges in a column of numbers\n");
 }
 
 INSTANTIATE_TEST_SUITE_P(OfRandomQueries, IndexedAnswers, ::testing::Range(1, 9));

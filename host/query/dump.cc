@@ -82,6 +82,13 @@ std::string indented(const std::string& lines) {
 
 }  // namespace
 
+std::string visible(const Literal& literal) {
+  const std::string letters = literal.modifiers.letters();
+  const bool isQuoted = literal.source.ends_with('"') || literal.source.ends_with('\'');
+  if (letters.empty() || isQuoted) return visible(literal.source) + letters;
+  return visible(literal.source) + " [" + letters + "]";
+}
+
 std::string visible(std::string_view source) {
   constexpr std::string_view kHexDigits = "0123456789ABCDEF";
   std::string result;

@@ -14,6 +14,10 @@ namespace thmp::query {
 /// `source` with control characters as \u{...}.
 std::string visible(std::string_view source);
 
+/// A value with its letters: "plum"cd; those of a word without quotes apart, for behind it they
+/// would be part of it: plum [cd].
+std::string visible(const Literal& literal);
+
 /// The tokens of any text, each with its place and kind; where they end for an error, the error.
 std::string dumpTokens(std::string_view text);
 

@@ -181,7 +181,8 @@ class PredicateWriter {
   void operator()(const Or& node) { walkAll(node.operands); }
 
   void operator()(const Comparison& node) {
-    head(node.attribute.name + " " + std::string(operatorText(node.op)) + shownLiteral(node.value));
+    head(node.attribute.name + " " + std::string(operatorText(node.op)) + " " +
+         visible(node.value));
     const bool negated = node.op == Operator::kNotEqual;
     std::string why = whyUnknown(node.attribute);
     const bool presence = isEquality(node.op) && node.value.isPresence;
@@ -195,7 +196,7 @@ class PredicateWriter {
 
   void operator()(const InRange& node) {
     const Bounds& bounds = *node.bounds;
-    head("InRange " + node.attribute.name + shownLiteral(bounds.low) + shownLiteral(bounds.high));
+    head("InRange " + node.attribute.name + " " + visible(bounds.low) + " " + visible(bounds.high));
     if (const std::string why = whyUnknown(node.attribute); !why.empty()) return doubt(why);
     for (const Literal* bound : {&bounds.low, &bounds.high}) {
       const std::string why = neverOrdered(node.attribute, *bound);
@@ -244,13 +245,6 @@ class PredicateWriter {
     if (std::find(found.begin(), found.end(), why) == found.end()) found.push_back(why);
   }
 
-  static std::string shownLiteral(const Literal& literal) {
-    const std::string letters = literal.modifiers.letters();
-    // Behind a word without quotes they would be part of it.
-    const bool isQuoted = literal.source.ends_with('"') || literal.source.ends_with('\'');
-    if (letters.empty() || isQuoted) return " " + visible(literal.source) + letters;
-    return " " + visible(literal.source) + " [" + letters + "]";
-  }
   static std::string shownValue(const Literal& literal) { return visible(literal.source); }
 
   std::string local(Date date) const {

@@ -73,6 +73,13 @@ TEST(QueryExplanation, TextIsShownAsItIsCompared) {
   EXPECT_THAT(predicatesOf("subject == \"\""), HasSubstr("is, as a whole, \"\""));
 }
 
+TEST(QueryExplanation, LettersStandApartFromAWordWithoutQuotes) {
+  EXPECT_THAT(predicatesOf("subject ==[cd] plum"), StartsWith("kMDItemSubject == plum [cd]\n"));
+  EXPECT_THAT(predicatesOf("subject ==[cd] \"plum\""),
+              StartsWith("kMDItemSubject == \"plum\"cd\n"));
+  EXPECT_THAT(predicatesOf("subject == plum"), StartsWith("kMDItemSubject == plum\n"));
+}
+
 TEST(QueryExplanation, WordsAreToldOneByOne) {
   EXPECT_THAT(predicatesOf("subject == \"Plum\"wc"), HasSubstr("has the word \"plum\""));
   EXPECT_THAT(predicatesOf("subject == \"Plum, ca*\"ct"),
