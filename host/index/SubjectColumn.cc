@@ -5,16 +5,9 @@
 #include <bit>
 
 #include "host/index/message_record.h"
+#include "host/index/probing.h"
 
 namespace thmp {
-
-namespace {
-
-// Somebody could make many subjects for one place; after so many that are others, one is kept as
-// often as it comes.
-constexpr std::size_t kMostProbesForAText = 32;
-
-}  // namespace
 
 bool SubjectColumn::add(Row row, std::string_view folded) {
   if (folded.find(kEnd) != std::string_view::npos ||
@@ -85,14 +78,11 @@ std::uint32_t SubjectColumn::numberOf(std::string_view folded) {
   return number;
 }
 
-/// Where the number of the text stands, or where it is to be put; null for neither.
+/// Where the number of the text stands, or where it is to be put; null for neither: then it is kept
+/// as often as it comes.
 std::uint32_t* SubjectColumn::slotFor(std::string_view folded) {
-  const std::uint64_t hash = fingerprint(folded);
-  for (std::size_t probe = 0; probe < kMostProbesForAText; ++probe) {
-    std::uint32_t& slot = slots_[(hash + probe) & (slots_.size() - 1)];
-    if (slot == 0 || textOf(slot - 1) == folded) return &slot;
-  }
-  return nullptr;
+  return probe(slots_, fingerprint(folded),
+               [&](std::uint32_t slot) { return textOf(slot - 1) == folded; });
 }
 
 void SubjectColumn::makeSlots() {

@@ -8,13 +8,11 @@
 
 #include "host/index/RecordEntries.h"
 #include "host/index/message_record.h"
+#include "host/index/probing.h"
 
 namespace thmp {
 
 namespace {
-
-// Somebody could make many values for one place; after so many others, a value is not taken in.
-constexpr std::size_t kMostProbes = 32;
 
 // Of what another thread may have set meanwhile, the one that is there.
 template <typename T>
@@ -115,12 +113,9 @@ void ValuePool::end(bool committed) {
 
 /// Where the value's number stands, or where it is to be put; null for neither.
 std::uint32_t* ValuePool::slotFor(std::uint64_t hash, std::string_view bytes) {
-  for (std::size_t probe = 0; probe < kMostProbes; ++probe) {
-    std::uint32_t& slot = slots_[(hash + probe) & (slots_.size() - 1)];
-    if (slot == 0) return &slot;
-    if (tagIn(slot) == tagOf(hash) && this->bytes(numberIn(slot)) == bytes) return &slot;
-  }
-  return nullptr;
+  return probe(slots_, hash, [&](std::uint32_t slot) {
+    return tagIn(slot) == tagOf(hash) && this->bytes(numberIn(slot)) == bytes;
+  });
 }
 
 /// Makes the value that was appended last one that is found.
