@@ -644,7 +644,7 @@ class BinaryWriter final : private EntrySink {
   Sizes sizes() const {
     return {out_.size(), contents_.size(), offsets_.size(), containers_.size(), references_.size()};
   }
-  void makeRoom(const Sizes& before, std::size_t times);
+  void makeRoom(const Sizes& before);
   void numberElements(std::size_t place);
   void takeOver(const BinaryWriter& other);
   void takeRow(Container& container, std::size_t from);
@@ -727,17 +727,17 @@ void BinaryWriter::numberRest() {
     const std::size_t some = next_ + (end - next_) / kSome;
     const Sizes before = sizes();
     for (; next_ < end && !isRefused_; ++next_) {
-      if (next_ == some && end - next_ > kManyContainers) makeRoom(before, kSome);
+      if (next_ == some && end - next_ > kManyContainers) makeRoom(before);
       numberElements(next_);
     }
   }
 }
 
-/// For `times` as much as has come since it was `before`.
-void BinaryWriter::makeRoom(const Sizes& before, std::size_t times) {
+/// For as many times what has come since it was `before` as that was a part.
+void BinaryWriter::makeRoom(const Sizes& before) {
   const Sizes now = sizes();
   const auto more = [&](std::size_t Sizes::*size, std::size_t most = kMostRoom) {
-    return std::min((now.*size - before.*size) * times, most);
+    return std::min((now.*size - before.*size) * kSome, most);
   };
   // At least twice what there was: this may be asked for often.
   const auto reserve = [](auto& all, std::size_t count) {
