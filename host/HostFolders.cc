@@ -18,8 +18,10 @@
 #include <string_view>
 #include <thread>
 
+#include "base/plist.h"
 #include "host/store/MailFolders.h"
 #include "host/store/folder_names.h"
+#include "platform/linux/posix_io.h"
 #include "platform/linux/utf8.h"
 
 namespace thmp {
@@ -49,8 +51,8 @@ bool lockExclusively(int descriptor) {
   }
 }
 
-Error unusable(int number, const std::string& what) {
-  Error error = Error::posix(number, what);
+Error unusable(int number, const std::string& path) {
+  Error error = Error::posix(number, "cannot use the mail folder " + path);
   error.description += "; name another with --mail DIR";
   return error;
 }
@@ -59,11 +61,11 @@ Result<std::string> absoluteFolder(const std::string& path) {
   if (path.empty()) return Error{"THMPHost", 6, "--mail names no folder", nullptr};
   std::array<char, PATH_MAX> resolved{};
   if (::realpath(path.c_str(), resolved.data()) == nullptr) {
-    return unusable(errno, "cannot use the mail folder " + path);
+    return unusable(errno, path);
   }
   struct stat status {};
   if (::stat(resolved.data(), &status) != 0 || !S_ISDIR(status.st_mode)) {
-    return unusable(ENOTDIR, "cannot use the mail folder " + path);
+    return unusable(ENOTDIR, path);
   }
   std::string folder(resolved.data());
   if (!isUtf8(folder)) {
@@ -144,15 +146,37 @@ std::optional<HostLock::Holder> HostLock::holder(const std::string& path) {
 
 HostLock::~HostLock() { ::close(descriptor_); }
 
-Result<std::vector<std::string>> chooseMailFolders(const std::vector<std::string>& given,
-                                                   Preferences& preferences) {
-  std::vector<std::string> folders;
-  if (given.empty()) {
-    for (const Value& folder : preferences.get(kMailFoldersKey).asArray().value_or(Array())) {
-      if (const auto path = folder.asText()) folders.emplace_back(*path);
-    }
-    return folders;
+Result<std::vector<std::string>> rememberedMailFolders(const XdgFolders& xdg) {
+  const std::string path = xdg.config + "/tallyhive-mailhost/defaults.plist";
+  const Descriptor file = openAt(AT_FDCWD, path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+  if (!file && errno == ENOENT) return std::vector<std::string>();
+  const auto bytes = file ? readRegularFile(file.get(), kBatchLimits.maxBytes) : std::nullopt;
+  if (!bytes) {
+    return Error{"THMPHost", 7,
+                 Error::posix(errno, "cannot read " + path).description +
+                     "; it names the mail folders: make it readable for you",
+                 nullptr};
   }
+  const auto root = readPropertyList(*bytes, kBatchLimits);
+  const auto values = root ? root->asDictionary() : std::nullopt;
+  if (!values) {
+    return Error{"THMPHost", 8,
+                 path +
+                     " is damaged; it named the mail folders: name them again with "
+                     "tallyhive-mailhost index --mail DIR",
+                 nullptr};
+  }
+  std::vector<std::string> folders;
+  for (const Value& folder : (*values)[kMailFoldersKey].asArray().value_or(Array())) {
+    if (const auto text = folder.asText()) folders.emplace_back(*text);
+  }
+  return folders;
+}
+
+Result<std::vector<std::string>> chooseMailFolders(const std::vector<std::string>& given,
+                                                   const XdgFolders& xdg) {
+  if (given.empty()) return rememberedMailFolders(xdg);
+  std::vector<std::string> folders;
   folders.reserve(given.size());
   for (const std::string& path : given) {
     Result<std::string> folder = absoluteFolder(path);
@@ -168,15 +192,6 @@ bool rememberMailFolders(const std::vector<std::string>& folders, LinuxPreferenc
   for (const std::string& folder : folders) remembered.push_back(Value(folder));
   preferences.set(kMailFoldersKey, remembered);
   return preferences.flush();
-}
-
-std::string whyNoMailFolder(const XdgFolders& xdg) {
-  const std::string path = xdg.config + "/tallyhive-mailhost/defaults.plist";
-  if (::access(path.c_str(), R_OK) != 0 && errno != ENOENT && errno != ENOTDIR) {
-    return Error::posix(errno, "cannot read " + path).description +
-           "; make it readable for you, or name the mail folders again with --mail DIR";
-  }
-  return "no mail folder is known yet; name one with --mail DIR";
 }
 
 std::string unreachableFolderText(const std::string& folder, const std::string& why) {

@@ -13,7 +13,6 @@
 #include "base/result.h"
 #include "platform/linux/LinuxPreferences.h"
 #include "platform/linux/XdgFolders.h"
-#include "platform/preferences.h"
 
 namespace thmp {
 
@@ -60,17 +59,21 @@ class HostLock {
   const int descriptor_;
 };
 
+/// The mail folders that the user defaults name; none when there are no defaults yet. An error, in
+/// one line that says what to do, when they cannot be read.
+Result<std::vector<std::string>> rememberedMailFolders(const XdgFolders& xdg);
+
 /// The mail folders to use: those given, made absolute; without any the remembered ones. An error
 /// when one that is given is no folder, or none that can be read.
 Result<std::vector<std::string>> chooseMailFolders(const std::vector<std::string>& given,
-                                                   Preferences& preferences);
+                                                   const XdgFolders& xdg);
 
 /// Remembers them in the user defaults, on disk when it returns. False when that fails, which the
 /// defaults have logged.
 bool rememberMailFolders(const std::vector<std::string>& folders, LinuxPreferences& preferences);
 
-/// Why there is none when none was given, and what to do.
-std::string whyNoMailFolder(const XdgFolders& xdg);
+/// When none is given and none remembered.
+inline constexpr char kNoMailFolderText[] = "no mail folder is known yet; name one with --mail DIR";
 
 /// A line about a mail folder that is not there or cannot be read, and `why`.
 std::string unreachableFolderText(const std::string& folder, const std::string& why);

@@ -59,7 +59,7 @@ Findings examine(const std::string& bundle) {
   add(doctor::checkExchange(xdg, serving, now));
   add({doctor::checkPasteboards(xdg, serving)});
   add(doctor::checkApplications(xdg, serving));
-  const auto remembered = doctor::rememberedMailFolders(xdg);
+  const auto remembered = rememberedMailFolders(xdg);
   const std::vector<std::string> mailFolders =
       remembered ? *remembered : std::vector<std::string>();
   const doctor::StoreLook stores =

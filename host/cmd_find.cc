@@ -112,7 +112,9 @@ Command addFind(CLI::App& app, CLI::App*& subcommand) {
       app.add_subcommand("find", "Run one query on the index directly, without the plug-in");
   const auto options = std::make_shared<FindOptions>();
   subcommand
-      ->add_option("QUERY", options->query, "A predicate, such as 'kMDItemSubject == \"*lake*\"cd'")
+      ->add_option("QUERY", options->query,
+                   "A predicate, such as 'kMDItemSubject == \"*lake*\"cd'; for plain words "
+                   "there is tallyhive-mail search")
       ->required();
   CLI::Option* json = subcommand->add_flag("--json", options->json, "Print one JSON object a line");
   CLI::Option* paths =

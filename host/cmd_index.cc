@@ -164,18 +164,16 @@ int index(const IndexOptions& options) {
   }
 
   LinuxLog log("tallyhive-mailhost");
-  std::vector<std::string> roots;
-  {
+  const Result<std::vector<std::string>> roots = chooseMailFolders(options.mail, xdg);
+  if (!roots) return failWith(kExitFailure, roots.error().description);
+  if (roots->empty()) return failWith(kExitUsage, kNoMailFolderText);
+  if (!options.mail.empty() && !options.dryRun) {
     LinuxPreferences preferences(xdg.config + "/tallyhive-mailhost", log);
-    Result<std::vector<std::string>> chosen = chooseMailFolders(options.mail, preferences);
-    if (!chosen) return failWith(kExitFailure, chosen.error().description);
-    roots = *std::move(chosen);
-    if (!options.mail.empty() && !options.dryRun && !rememberMailFolders(roots, preferences)) {
+    if (!rememberMailFolders(*roots, preferences)) {
       return failWith(kExitFailure, "the mail folders cannot be remembered; make " + xdg.config +
                                         " and what is in it writable for you");
     }
   }
-  if (roots.empty()) return failWith(kExitUsage, whyNoMailFolder(xdg));
 
   PassingFolder passing;
   if (options.dryRun) {
@@ -192,13 +190,13 @@ int index(const IndexOptions& options) {
   IndexerOptions indexerOptions;
   indexerOptions.tell = [](const std::string& line) { failWith(kExitSuccess, line); };
   Indexer indexer(**library, **messages, std::move(indexerOptions));
-  indexer.setRoots(roots);
+  indexer.setRoots(*roots);
   const Result<Coverage> coverage = bringUpToDate(indexer, options.dryRun);
   if (!coverage) return failWith(kExitFailure, coverage.error().description);
   fmt::print("seen {}, indexed {}, unchanged {}, removed {}, incomplete {}, failed {}\n",
              coverage->seen, coverage->indexed, coverage->unchanged, coverage->removed,
              coverage->incomplete, coverage->failed);
-  if (!coverage->stopped) tellOfFoldersWithoutMail(roots, **library, *coverage, options.dryRun);
+  if (!coverage->stopped) tellOfFoldersWithoutMail(*roots, **library, *coverage, options.dryRun);
   if (coverage->stopped) {
     return failWith(kExitInterrupted, "interrupted; the next run goes on from here");
   }

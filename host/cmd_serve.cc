@@ -87,6 +87,9 @@ int serve(const ServeOptions& options) {
   const HostFolders folders(xdg);
   Result<std::unique_ptr<HostLock>> lock = HostLock::take(folders.lock, "serve");
   if (!lock) return failWith(kExitFailure, lock.error().description);
+  Result<std::vector<std::string>> roots = chooseMailFolders(options.mail, xdg);
+  if (!roots) return failWith(kExitFailure, roots.error().description);
+  if (roots->empty()) return failWith(kExitUsage, kNoMailFolderText);
 
   theHost = new Host(xdg, *std::move(lock));
   Host& host = *theHost;
@@ -96,10 +99,6 @@ int serve(const ServeOptions& options) {
   loop.watchSignals({SIGTERM, SIGINT, hangUp, SIGUSR1},
                     [&host](int signal) { received(host, signal); });
 
-  Result<std::vector<std::string>> roots =
-      chooseMailFolders(options.mail, host.linux.preferences());
-  if (!roots) return failWith(kExitFailure, roots.error().description);
-  if (roots->empty()) return failWith(kExitUsage, whyNoMailFolder(xdg));
   if (!options.mail.empty()) rememberMailFolders(*roots, host.linux.preferences());
   if (const Result<void> opened = openMail(host, folders, *std::move(roots)); !opened) {
     return failWith(kExitFailure, opened.error().description);

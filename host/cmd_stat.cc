@@ -17,8 +17,7 @@
 #include "host/HostFolders.h"
 #include "host/HostStatus.h"
 #include "host/commands.h"
-#include "platform/linux/LinuxLog.h"
-#include "platform/linux/LinuxPreferences.h"
+#include "platform/linux/XdgFolders.h"
 
 namespace thmp {
 namespace {
@@ -176,9 +175,7 @@ Json jsonOfStatus(const HostStatus& status) {
 
 int stat(const StatOptions& options) {
   const XdgFolders xdg = XdgFolders::fromEnvironment();
-  LinuxLog log("tallyhive-mailhost");
-  LinuxPreferences preferences(xdg.config + "/tallyhive-mailhost", log);
-  const Result<std::vector<std::string>> named = chooseMailFolders({}, preferences);
+  const Result<std::vector<std::string>> named = rememberedMailFolders(xdg);
   if (!named) return failWith(kExitFailure, named.error().description);
   const std::size_t mostPaths =
       options.json ? std::numeric_limits<std::size_t>::max() : kMostListed;

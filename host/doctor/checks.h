@@ -59,9 +59,6 @@ Finding checkBundle(const Result<std::string>& version);
 /// The data folder of the exchange, "in" and "out": their modes, and what lies in them.
 Findings checkExchange(const XdgFolders& xdg, bool serving, Date now);
 
-/// The mail folders that the user defaults name. An error when the file cannot be read.
-Result<std::vector<std::string>> rememberedMailFolders(const XdgFolders& xdg);
-
 struct MailLook {
   Findings findings;
   /// In all mail folders together, themselves included.

@@ -10,7 +10,6 @@
 #include <bit>
 #include <charconv>
 
-#include "base/plist.h"
 #include "host/doctor/checks.h"
 #include "host/store/MailFolders.h"
 #include "platform/linux/posix_io.h"
@@ -18,7 +17,6 @@
 namespace thmp::doctor {
 namespace {
 
-constexpr PropertyListLimits kDefaultsLimits{std::size_t{64} << 20, 1'000'000, 512};
 // What the host watches besides mail: the exchange, the applications, the folders above them.
 constexpr std::size_t kOtherWatches = 32;
 // One for the mail, one for the exchange, one for the rest.
@@ -66,34 +64,17 @@ std::optional<std::uint64_t> numberIn(const std::string& path) {
 
 }  // namespace
 
-Result<std::vector<std::string>> rememberedMailFolders(const XdgFolders& xdg) {
-  const std::string path = xdg.config + "/tallyhive-mailhost/defaults.plist";
-  const Descriptor file = openAt(AT_FDCWD, path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
-  if (!file && errno == ENOENT) return std::vector<std::string>();
-  const auto bytes = file ? readRegularFile(file.get(), kDefaultsLimits.maxBytes) : std::nullopt;
-  if (!bytes) return Error::posix(errno, "cannot read " + path);
-  Error error;
-  const auto root = readPropertyList(*bytes, kDefaultsLimits, &error);
-  const auto values = root ? root->asDictionary() : std::nullopt;
-  if (!values) return Error{"THMPHost", 4, path + " is damaged", nullptr};
-  std::vector<std::string> folders;
-  for (const Value& folder : (*values)[kMailFoldersKey].asArray().value_or(Array())) {
-    if (const auto text = folder.asText()) folders.emplace_back(*text);
-  }
-  return folders;
-}
-
 MailLook checkMailFolders(const Result<std::vector<std::string>>& remembered,
                           const Library* library) {
   MailLook look;
-  const std::string remedy = "; name one with tallyhive-mailhost index --mail DIR";
   if (!remembered) {
-    look.findings = {fail(
-        "user defaults",
-        remembered.error().description + ", and with it the mail folders are forgotten" + remedy)};
+    look.findings = {fail("user defaults", remembered.error().description)};
     return look;
   }
-  if (remembered->empty()) look.findings = {warn("mail folder", "none is named yet" + remedy)};
+  if (remembered->empty()) {
+    look.findings = {warn("mail folder",
+                          "none is named yet; name one with tallyhive-mailhost index --mail DIR")};
+  }
   for (const std::string& path : *remembered) {
     look.findings.push_back(checkMailFolder(path, library, look.folders));
   }

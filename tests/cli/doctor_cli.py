@@ -408,10 +408,10 @@ class MailFolderLines(DoctorTest):
         self.world.deliver()
         self.index()
         self.world.defaults.chmod(0o000)
-        self.assert_line(self.doctor(status=1), "fail", "user defaults", "cannot read .*Permission denied.*forgotten; name")
+        self.assert_line(self.doctor(status=1), "fail", "user defaults", "cannot read .*Permission denied; it names the mail folders: make it readable for you")
         self.world.defaults.chmod(0o600)
         self.world.defaults.write_bytes(b"bplist00 and no more")
-        self.assert_line(self.doctor(status=1), "fail", "user defaults", "is damaged")
+        self.assert_line(self.doctor(status=1), "fail", "user defaults", "is damaged; it named the mail folders: name them again")
 
 
 @unittest.skipUnless(os.geteuid() == 0, "it would take all watches of the user who tests")

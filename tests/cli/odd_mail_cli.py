@@ -3,6 +3,7 @@
 """tallyhive-mailhost with mail folders, messages and words that are not as they should be: each is answered by a line that
 says what is wrong, and the rest of the mail is found as ever."""
 
+import fcntl
 import json
 import os
 import shutil
@@ -69,9 +70,42 @@ class Folders(OddMail):
         defaults = self.world.folders["config"] / "tallyhive-mailhost"
         defaults.chmod(0)
         self.addCleanup(defaults.chmod, 0o700)
+        for command in ("index", "serve", "stat"):
+            _, line = self.host(command, status=1, lines=1)
+            self.assertIn("Permission denied; it names the mail folders: make it readable for you", line)
+
+    def test_that_are_lost_with_the_defaults_are_to_be_named_again(self):
+        self.host("index", "--mail", self.world.mail)
+        damaged = b"bplist00 and no more"
+        self.world.defaults.write_bytes(damaged)
+        for command in ("index", "serve", "stat"):
+            _, line = self.host(command, status=1, lines=1)
+            self.assertIn("is damaged; it named the mail folders: name them again with tallyhive-mailhost index --mail DIR", line)
+            self.assertEqual(self.world.defaults.read_bytes(), damaged)
+        self.assertEqual(self.run_host("index", "--mail", self.world.mail).returncode, 0)
+        self.assertEqual(self.stat()["mailFolders"][0]["state"], "readable")
+
+    def test_of_the_host_that_cannot_be_written_may_stand_elsewhere(self):
+        self.as_nobody()
+        data = self.world.folders["data"]
+        data.chmod(0o500)
+        self.addCleanup(data.chmod, 0o700)
         for command in ("index", "serve"):
-            _, line = self.host(command, status=2, lines=1)[-2:]
-            self.assertIn("make it readable for you, or name the mail folders again with --mail DIR", line)
+            _, line = self.host(command, "--mail", self.world.mail, status=1, lines=1)
+            self.assertIn("make it writable for you, or choose another place with XDG_DATA_HOME", line)
+
+    def test_that_another_keeps_are_waited_for_or_left_to_it(self):
+        self.host("index", "--mail", self.world.mail)
+        holders = {"index 123": "wait until it is done", "serve 123": "to name other folders end it first"}
+        with open(self.world.folders["data"] / "tallyhive-mailhost" / "host.lock", "w", encoding="utf-8") as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+            for holder, advice in holders.items():
+                lock.seek(0)
+                print(holder, end="", file=lock, flush=True)
+                for command in (("index",), ("index", "--dry-run"), ("serve",)):
+                    _, line = self.host(*command, status=1, lines=1)
+                    self.assertIn("process 123 (tallyhive-mailhost", line)
+                    self.assertIn(advice, line)
 
     def test_that_are_missing_are_named_by_a_host_that_serves(self):
         self.host("index", "--mail", self.world.mail)
