@@ -69,6 +69,13 @@ inline void retainUnpublished(Node* node) noexcept {
 /// The way to the private parts.
 struct Access {
   static Value value(Value::Kind kind, Node* adopted) noexcept { return Value(kind, adopted); }
+  /// REQUIRES: a boolean's, number's or date's kind and bits.
+  static Value plain(Value::Kind kind, std::uint64_t bits) noexcept {
+    Value value;
+    value.kind_ = kind;
+    value.scalar_.unsignedInteger = bits;
+    return value;
+  }
   static NodeRef takeNode(Dictionary dictionary) noexcept { return std::move(dictionary.node_); }
   static Text text(Node* adopted) noexcept {
     Text text;
