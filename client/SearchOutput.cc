@@ -28,7 +28,9 @@ class JsonOutput : public SearchOutput {
            {"schema", "tallyhive.search/1"},
            {"uniqueName", std::string(uniqueName)}});
   }
-  void found(const Dictionary& item) override { console::printFoundEvent(item, output_); }
+  void found(ResultsBatch& batch) override {
+    for (std::size_t i = 0; i < batch.size(); ++i) batch.printEvent(i, output_);
+  }
   void removed(std::string_view libraryID) override {
     print({{"event", "removed"}, {"id", std::string(libraryID)}});
   }
@@ -58,14 +60,12 @@ class PathsOutput : public SearchOutput {
       : output_(output), end_(nulEnds ? '\0' : '\n') {}
 
   void started(std::string_view) override {}
-  void found(const Dictionary& item) override {
-    const std::string_view path = item[kPathKey].asText().value_or("");
-    if (output_.isTerminal() && end_ == '\n') {
-      output_.write(console::shown(path));
-    } else {
-      output_.write(path);
+  void found(ResultsBatch& batch) override {
+    for (std::size_t i = 0; i < batch.size(); ++i) {
+      const std::string path = batch.path(i);
+      output_.write(output_.isTerminal() && end_ == '\n' ? console::shown(path) : path);
+      output_.write(std::string_view(&end_, 1));
     }
-    output_.write(std::string_view(&end_, 1));
   }
   void removed(std::string_view) override {}
   void gathered(const Received&, std::chrono::duration<double>) override {}
@@ -90,13 +90,16 @@ class TableOutput : public SearchOutput {
   TableOutput(StandardOutput& output, bool live) : output_(output), live_(live) {}
 
   void started(std::string_view) override {}
-  void found(const Dictionary& item) override {
-    console::TableRow line = console::tableRow(item[kAttributesKey]);
-    if (gathered_) printMark("+ ", "\x1b[32m");
-    print(line);
-    // Remembered for the day it goes: a removal brings no more than the ID.
-    if (const auto id = item[kLibraryIDKey].asInteger(); live_ && id) {
-      shown_[std::to_string(*id)] = std::move(line);
+  void found(ResultsBatch& batch) override {
+    for (std::size_t i = 0; i < batch.size(); ++i) {
+      const Dictionary message = batch.message(i);
+      console::TableRow line = console::tableRow(message[kAttributesKey]);
+      if (gathered_) printMark("+ ", "\x1b[32m");
+      print(line);
+      // Remembered for the day it goes: a removal brings no more than the ID.
+      if (const auto id = message[kLibraryIDKey].asInteger(); live_ && id) {
+        shown_[std::to_string(*id)] = std::move(line);
+      }
     }
   }
   void removed(std::string_view libraryID) override {
@@ -134,7 +137,7 @@ class TimelineOutput : public SearchOutput {
       : summary_(summary), output_(output) {}
 
   void started(std::string_view) override {}
-  void found(const Dictionary&) override {}
+  void found(ResultsBatch&) override {}
   void removed(std::string_view) override {}
   void gathered(const Received& received, std::chrono::duration<double> elapsed) override {
     const std::vector<MonthCount> months = summary_.months();
@@ -164,7 +167,7 @@ class TimelineJsonOutput : public JsonOutput {
   TimelineJsonOutput(const MailSummary& summary, StandardOutput& output)
       : JsonOutput(output), summary_(summary) {}
 
-  void found(const Dictionary&) override {}
+  void found(ResultsBatch&) override {}
   void gathered(const Received& received, std::chrono::duration<double> elapsed) override {
     for (const auto& [month, count] : summary_.months()) {
       print({{"event", "month"},
@@ -182,7 +185,7 @@ class TimelineJsonOutput : public JsonOutput {
 class NoOutput : public SearchOutput {
  public:
   void started(std::string_view) override {}
-  void found(const Dictionary&) override {}
+  void found(ResultsBatch&) override {}
   void removed(std::string_view) override {}
   void gathered(const Received&, std::chrono::duration<double>) override {}
   void completed(const Received&, const SearchFailure*) override {}
@@ -190,9 +193,9 @@ class NoOutput : public SearchOutput {
 
 }  // namespace
 
-void ProgressOutput::found(const Dictionary& item) {
-  next_.found(item);
-  ++count_;
+void ProgressOutput::found(ResultsBatch& batch) {
+  next_.found(batch);
+  count_ += batch.size();
   const auto now = std::chrono::steady_clock::now();
   if (gathered_ || now - last_ < pause_) return;
   last_ = now;

@@ -11,8 +11,8 @@
 #include <string>
 #include <string_view>
 
-#include "base/value.h"
 #include "client/MailSummary.h"
+#include "client/ResultsBatch.h"
 #include "console/terminal.h"
 
 namespace thmp::client {
@@ -49,8 +49,7 @@ class SearchOutput {
  public:
   virtual ~SearchOutput() = default;
   virtual void started(std::string_view uniqueName) = 0;
-  /// `item` as it stands in a results batch.
-  virtual void found(const Dictionary& item) = 0;
+  virtual void found(ResultsBatch& batch) = 0;
   /// `libraryID` in decimal.
   virtual void removed(std::string_view libraryID) = 0;
   /// All mail that matched when the search began has been delivered, `elapsed` after the request.
@@ -70,9 +69,9 @@ class SummingOutput : public SearchOutput {
   SummingOutput(MailSummary& summary, SearchOutput& next) : summary_(summary), next_(next) {}
 
   void started(std::string_view uniqueName) override { next_.started(uniqueName); }
-  void found(const Dictionary& item) override {
-    summary_.add(item);
-    next_.found(item);
+  void found(ResultsBatch& batch) override {
+    for (std::size_t i = 0; i < batch.size(); ++i) summary_.add(batch.message(i));
+    next_.found(batch);
   }
   void removed(std::string_view libraryID) override { next_.removed(libraryID); }
   void gathered(const Received& received, std::chrono::duration<double> elapsed) override {
@@ -103,7 +102,7 @@ class ProgressOutput : public SearchOutput {
   ~ProgressOutput() override { erase(); }
 
   void started(std::string_view uniqueName) override { next_.started(uniqueName); }
-  void found(const Dictionary& item) override;
+  void found(ResultsBatch& batch) override;
   void removed(std::string_view libraryID) override { next_.removed(libraryID); }
   void gathered(const Received& received, std::chrono::duration<double> elapsed) override;
   void completed(const Received& received, const SearchFailure* failure) override;

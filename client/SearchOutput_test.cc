@@ -3,8 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "base/plist.h"
+#include "messaging/message_names.h"
 
 namespace thmp::client {
 namespace {
@@ -13,7 +17,7 @@ namespace {
 class RecordingOutput : public SearchOutput {
  public:
   void started(std::string_view uniqueName) override { told.push_back(std::string(uniqueName)); }
-  void found(const Dictionary&) override { told.push_back("found"); }
+  void found(ResultsBatch&) override { told.push_back("found"); }
   void removed(std::string_view libraryID) override { told.push_back(std::string(libraryID)); }
   void gathered(const Received&, std::chrono::duration<double>) override {
     told.push_back("gathered");
@@ -23,9 +27,14 @@ class RecordingOutput : public SearchOutput {
   std::vector<std::string> told;
 };
 
+std::unique_ptr<ResultsBatch> batchOf(std::size_t messages) {
+  const Array empty(std::vector<Value>(messages, Value(Dictionary())));
+  return ResultsBatch::open(*writeBinaryPropertyList(Dictionary{{kMessagesKey, empty}}));
+}
+
 void tellAll(SearchOutput& output) {
   output.started("name");
-  output.found({});
+  output.found(*batchOf(1));
   output.removed("7");
   output.gathered({1, 1}, std::chrono::seconds(1));
   output.completed({1, 1}, nullptr);
@@ -36,11 +45,11 @@ TEST(Progress, TellsHowManyCameAndLeavesAnEmptyLine) {
   RecordingOutput next;
   testing::internal::CaptureStderr();
   ProgressOutput output(next, std::chrono::milliseconds(0));
-  output.found({});
-  output.found({});
-  output.gathered({2, 1}, std::chrono::seconds(1));
+  output.found(*batchOf(1));
+  output.found(*batchOf(2));
+  output.gathered({3, 2}, std::chrono::seconds(1));
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "\r\x1b[K1 found so far\r\r\x1b[K2 found so far\r\r\x1b[K");
+            "\r\x1b[K1 found so far\r\r\x1b[K3 found so far\r\r\x1b[K");
 }
 
 TEST(Progress, SaysNothingOfASearchThatIsOverSoon) {
@@ -59,7 +68,7 @@ TEST(Progress, EndsWithGathering) {
   ProgressOutput output(next, std::chrono::milliseconds(0));
   output.gathered({}, std::chrono::seconds(1));
   testing::internal::CaptureStderr();
-  output.found({});
+  output.found(*batchOf(1));
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 

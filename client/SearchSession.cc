@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "base/plist.h"
+#include "client/ResultsBatch.h"
 #include "client/exit_status.h"
 #include "console/terminal.h"
 #include "messaging/message_names.h"
@@ -168,26 +169,33 @@ void SearchSession::readBatches() {
 }
 
 void SearchSession::read(const Batch& batch) {
-  const std::optional<Value> content = pasteboards_.read(
-      batch.name, batch.removals ? kRemovalBatchType : kResultsBatchType, kBatchLimits);
-  if (!content) {
+  if (!(batch.removals ? readRemovals(batch.name) : readResults(batch.name))) {
     console::say(fmt::format("tallyhive-mail: a batch of {} could not be read\n",
                              batch.removals ? "removals" : "results"));
-  } else if (batch.removals) {
-    for (const Value& id : (*content)[kMessageIDsKey].asArray().value_or(Array())) {
-      output_.removed(id.asText().value_or(""));
-    }
-  } else {
-    for (const Value& item : (*content)[kMessagesKey].asArray().value_or(Array())) {
-      output_.found(item.asDictionary().value_or(Dictionary()));
-      ++received_.found;
-    }
-    ++received_.batches;
   }
   if (batch.removals) return;  // these are not the plug-in's to take back
   Dictionary clear = ownKeys();
   clear.set(kBatchNameKey, Value(batch.name));
   post(kClearName, clear);
+}
+
+bool SearchSession::readResults(const std::string& name) {
+  auto bytes = pasteboards_.readBytes(name, kResultsBatchType, kBatchLimits.maxBytes);
+  const auto batch = bytes ? ResultsBatch::open(*std::move(bytes)) : nullptr;
+  if (!batch) return false;
+  output_.found(*batch);
+  received_.found += batch->size();
+  ++received_.batches;
+  return true;
+}
+
+bool SearchSession::readRemovals(const std::string& name) {
+  const auto content = pasteboards_.read(name, kRemovalBatchType, kBatchLimits);
+  if (!content) return false;
+  for (const Value& id : (*content)[kMessageIDsKey].asArray().value_or(Array())) {
+    output_.removed(id.asText().value_or(""));
+  }
+  return true;
 }
 
 std::optional<int> SearchSession::handleCompletion(const Dictionary& userInfo) {

@@ -58,6 +58,8 @@ class SearchSession {
   std::optional<int> handleCompletion(const Dictionary& userInfo);
   void readBatches();
   void read(const Batch& batch);
+  bool readResults(const std::string& name);
+  bool readRemovals(const std::string& name);
   void cancel();
   int interrupted();
 

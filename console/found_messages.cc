@@ -29,18 +29,14 @@ void writeLine(std::string_view line, StandardOutput& output) {
   }
 }
 
-std::string dimmed(const std::string& text, const StandardOutput& output) {
-  return output.hasColor() ? "\x1b[2m" + text + "\x1b[0m" : text;
-}
-
-}  // namespace
-
-void printFoundEvent(const Dictionary& item, StandardOutput& output) {
+/// `appendValue` appends what stands under a key.
+template <typename AppendValue>
+void printEvent(const AppendValue& appendValue, StandardOutput& output) {
   fmt::memory_buffer json;
   json.reserve(std::size_t{8} << 10);  // more than most messages take
   const auto add = [&](std::string_view before, std::string_view key) {
     json.append(before);
-    appendJson(item[key], json);
+    appendValue(key, json);
   };
   add(R"({"event":"found","index":)", "index");
   add(R"(,"libraryID":)", "libraryID");
@@ -48,6 +44,31 @@ void printFoundEvent(const Dictionary& item, StandardOutput& output) {
   add(R"(,"attributes":)", "attributes");
   json.append(std::string_view("}\n"));
   writeLine({json.data(), json.size()}, output);
+}
+
+std::string dimmed(const std::string& text, const StandardOutput& output) {
+  return output.hasColor() ? "\x1b[2m" + text + "\x1b[0m" : text;
+}
+
+}  // namespace
+
+void printFoundEvent(const Dictionary& item, StandardOutput& output) {
+  printEvent(
+      [&item](std::string_view key, fmt::memory_buffer& json) { appendJson(item[key], json); },
+      output);
+}
+
+void printFoundEvent(PropertyListJson& list, PropertyListView::Object item,
+                     StandardOutput& output) {
+  printEvent(
+      [&list, item](std::string_view key, fmt::memory_buffer& json) {
+        if (const auto value = list.list().find(item, key)) {
+          list.append(*value, json);
+        } else {
+          appendJson(Value(), json);
+        }
+      },
+      output);
 }
 
 void printLine(const Json& json, StandardOutput& output) {

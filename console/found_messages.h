@@ -9,6 +9,7 @@
 #include <string>
 
 #include "base/value.h"
+#include "console/PropertyListJson.h"
 #include "console/terminal.h"
 
 namespace thmp::console {
@@ -17,6 +18,8 @@ using Json = nlohmann::ordered_json;
 
 /// Prints the `found` event on one line: "event", "index", "libraryID", "path", "attributes".
 void printFoundEvent(const Dictionary& item, StandardOutput& output);
+/// The same for one that stands in a list.
+void printFoundEvent(PropertyListJson& list, PropertyListView::Object item, StandardOutput& output);
 
 /// One line. What is no UTF-8 is shown as U+FFFD.
 void printLine(const Json& json, StandardOutput& output);

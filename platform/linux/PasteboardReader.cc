@@ -7,8 +7,9 @@
 
 namespace thmp {
 
-std::optional<Value> PasteboardReader::read(const std::string& name, const std::string& type,
-                                            const PropertyListLimits& limits, Error* error) const {
+std::optional<std::string> PasteboardReader::readBytes(const std::string& name,
+                                                       const std::string& type,
+                                                       std::size_t maxBytes, Error* error) const {
   const auto failed = [&] {
     failWithErrno(error, "cannot read the pasteboard " + name);
     return std::nullopt;
@@ -25,8 +26,15 @@ std::optional<Value> PasteboardReader::read(const std::string& name, const std::
   if (!pasteboard) return failed();
   const Descriptor file = openAt(pasteboard.get(), *fileName, O_RDONLY | O_NONBLOCK | O_NOFOLLOW);
   if (!file) return failed();
-  const auto bytes = readRegularFile(file.get(), limits.maxBytes);
+  auto bytes = readRegularFile(file.get(), maxBytes);
   if (!bytes) return failed();
+  return bytes;
+}
+
+std::optional<Value> PasteboardReader::read(const std::string& name, const std::string& type,
+                                            const PropertyListLimits& limits, Error* error) const {
+  const auto bytes = readBytes(name, type, limits.maxBytes, error);
+  if (!bytes) return std::nullopt;
   return readBinaryPropertyList(*bytes, limits, error);
 }
 

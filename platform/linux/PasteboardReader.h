@@ -18,9 +18,12 @@ class PasteboardReader {
   /// `cacheHome`: the folder of XDG_CACHE_HOME.
   explicit PasteboardReader(std::string cacheHome) : folder_(std::move(cacheHome)) {}
 
-  /// What the pasteboard `name` holds under `type`. Empty, with `error` filled, when there is no
-  /// such pasteboard, when it is without that content, or when the content is no property list
-  /// within `limits`.
+  /// The bytes that the pasteboard `name` holds under `type`. Empty, with `error` filled, when
+  /// there is no such pasteboard, when it is without that content, or when that is more than
+  /// `maxBytes`.
+  std::optional<std::string> readBytes(const std::string& name, const std::string& type,
+                                       std::size_t maxBytes, Error* error = nullptr) const;
+  /// The property list in them; empty, too, when they are none within `limits`.
   std::optional<Value> read(const std::string& name, const std::string& type,
                             const PropertyListLimits& limits = kBatchLimits,
                             Error* error = nullptr) const;
