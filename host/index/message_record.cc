@@ -202,8 +202,12 @@ std::vector<Item> itemsOf(const Dictionary& attributes, const Dictionary& queryO
       if (key) items.push_back({*key, &entry.value});
     }
   }
+  const auto& ranks = nameRanks();
+  const auto rank = [&ranks](const Item& item) {
+    return ranks[static_cast<std::size_t>(item.key)];
+  };
   std::sort(items.begin(), items.end(),
-            [](const Item& a, const Item& b) { return rankOf(a.key) < rankOf(b.key); });
+            [&rank](const Item& a, const Item& b) { return rank(a) < rank(b); });
   return items;
 }
 
