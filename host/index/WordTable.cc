@@ -10,7 +10,6 @@ const char* const kWordTableSchema = R"(
     fts5(text, rest, content = '', columnsize = 0, detail = full, tokenize = 'tallyhive');
   CREATE VIRTUAL TABLE vocabulary USING fts5vocab(words, row);
   INSERT INTO words(words, rank) VALUES('hashsize', 33554432);
-  INSERT INTO words(words, rank) VALUES('automerge', 16);
 )";
 
 namespace {
