@@ -169,9 +169,11 @@ void SearchSession::readBatches() {
 }
 
 void SearchSession::read(const Batch& batch) {
-  if (!(batch.removals ? readRemovals(batch.name) : readResults(batch.name))) {
-    console::say(fmt::format("tallyhive-mail: a batch of {} could not be read\n",
-                             batch.removals ? "removals" : "results"));
+  Error error;
+  if (!(batch.removals ? readRemovals(batch.name, error) : readResults(batch.name, error))) {
+    console::say(fmt::format("tallyhive-mail: a batch of {} could not be read: {}; search again\n",
+                             batch.removals ? "removals" : "results",
+                             console::shown(error.description)));
   }
   if (batch.removals) return;  // these are not the plug-in's to take back
   Dictionary clear = ownKeys();
@@ -179,9 +181,9 @@ void SearchSession::read(const Batch& batch) {
   post(kClearName, clear);
 }
 
-bool SearchSession::readResults(const std::string& name) {
-  auto bytes = pasteboards_.readBytes(name, kResultsBatchType, kBatchLimits.maxBytes);
-  const auto batch = bytes ? ResultsBatch::open(*std::move(bytes)) : nullptr;
+bool SearchSession::readResults(const std::string& name, Error& error) {
+  auto bytes = pasteboards_.readBytes(name, kResultsBatchType, kBatchLimits.maxBytes, &error);
+  const auto batch = bytes ? ResultsBatch::open(*std::move(bytes), &error) : nullptr;
   if (!batch) return false;
   output_.found(*batch);
   received_.found += batch->size();
@@ -189,8 +191,8 @@ bool SearchSession::readResults(const std::string& name) {
   return true;
 }
 
-bool SearchSession::readRemovals(const std::string& name) {
-  const auto content = pasteboards_.read(name, kRemovalBatchType, kBatchLimits);
+bool SearchSession::readRemovals(const std::string& name, Error& error) {
+  const auto content = pasteboards_.read(name, kRemovalBatchType, kBatchLimits, &error);
   if (!content) return false;
   for (const Value& id : (*content)[kMessageIDsKey].asArray().value_or(Array())) {
     output_.removed(id.asText().value_or(""));

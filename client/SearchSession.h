@@ -58,8 +58,8 @@ class SearchSession {
   std::optional<int> handleCompletion(const Dictionary& userInfo);
   void readBatches();
   void read(const Batch& batch);
-  bool readResults(const std::string& name);
-  bool readRemovals(const std::string& name);
+  bool readResults(const std::string& name, Error& error);
+  bool readRemovals(const std::string& name, Error& error);
   void cancel();
   int interrupted();
 

@@ -17,6 +17,8 @@ import subprocess
 import termios
 import unicodedata
 import unittest
+import urllib.parse
+import uuid
 
 from world import CLIENT, PATIENCE, PREFIX, Scenario, wait_for
 
@@ -627,6 +629,37 @@ class WithoutAHost(Scenario):
             client.process.communicate(timeout=PATIENCE)
             self.assertEqual(client.process.returncode, 130)
             self.assertEqual(list(self.world.inbox.iterdir()), [], command)
+
+    def test_batches_that_cannot_be_read_are_told_and_the_others_shown(self):
+        client = Running(self.world, "search", "--json", "--unique", "u", "x")
+        request = wait_for(lambda: self.world.inbox.is_dir() and [*self.world.inbox.glob("*.plist")], "the request")[0]
+        request.unlink()
+        message = {"index": 0, "libraryID": 7, "kMDItemPath": "/7.eml", "attributes": {"kMDItemSubject": "Plum"}}
+        whole = plistlib.dumps({"messages": [message]}, fmt=plistlib.FMT_BINARY)
+        for number, content in enumerate((whole[:-1], whole, None), 1):
+            batch = self.world.pasteboards / f"batch{number}"
+            batch.mkdir(parents=True, mode=0o700)
+            if content:
+                (batch / urllib.parse.quote(PREFIX + "ResultsBatch", safe="-._~")).write_bytes(content)
+            self.answer("QueryHasUpdates", batchNumber=number, batchName=batch.name)
+        self.answer("QueryDidComplete")
+        wait_for(lambda: self.take_requests() or client.process.poll() is not None, "the end")
+        output, errors = client.process.communicate()
+        self.assertEqual([event.get("libraryID", event.get("found")) for event in map(json.loads, output.splitlines())], [7, 1])
+        damaged, missing = errors.splitlines()
+        self.assertIn("a batch of results could not be read: Binary property list: ", damaged)
+        self.assertIn("No such file or directory; search again", missing)
+        self.assertEqual(client.process.returncode, 0)
+
+    def take_requests(self):
+        for path in self.world.inbox.glob("*.plist"):
+            path.unlink(missing_ok=True)
+
+    def answer(self, kind, **info):
+        """As the plug-in would post it."""
+        part = self.world.outbox / "answer.part"
+        part.write_bytes(plistlib.dumps({"name": PREFIX + kind, "userInfo": {"uniqueName": "u", **info}}, fmt=plistlib.FMT_BINARY))
+        part.rename(self.world.outbox / f"{uuid.uuid4().hex}.plist")
 
     def test_explain_needs_no_host(self):
         for query, predicate in (("subject:plum after:2024-02", 'kMDItemSubject == "*plum*"cd && com_apple_mail_dateReceived >= '
