@@ -1,13 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "client/StoredLog.h"
 
-#include <fcntl.h>
-
 #include <algorithm>
-#include <cerrno>
 
-#include "base/plist.h"
-#include "platform/linux/posix_io.h"
+#include "platform/linux/LinuxPreferences.h"
 
 namespace thmp::client {
 namespace {
@@ -25,21 +21,16 @@ std::optional<LogEntry> entryOf(const Value& value) {
 }  // namespace
 
 StoredLog::StoredLog(const std::string& configHome)
-    : folder_(configHome + "/tallyhive-mailhost"), file_(folder_ + "/defaults.plist") {}
+    : folder_(configHome + "/tallyhive-mailhost"), file_(defaultsFile(folder_)) {}
 
 Result<std::vector<LogEntry>> StoredLog::read() const {
-  std::vector<LogEntry> entries;
-  const Descriptor file = openAt(AT_FDCWD, file_, O_RDONLY | O_NONBLOCK | O_NOCTTY);
-  if (!file && (errno == ENOENT || errno == ENOTDIR)) return entries;
-  std::optional<std::string> bytes;
-  if (file) bytes = readRegularFile(file.get(), kBatchLimits.maxBytes);
-  if (!bytes) return Error::posix(errno, "the log cannot be read: " + file_);
-  Error error;
-  const std::optional<Value> defaults = readPropertyList(*bytes, kBatchLimits, &error);
+  const Result<Dictionary> defaults = lookAtDefaults(folder_);
   if (!defaults) {
-    error.description = "the log cannot be read: " + file_ + ": " + error.description;
+    Error error = defaults.error();
+    error.description = "the log cannot be read: " + error.description;
     return error;
   }
+  std::vector<LogEntry> entries;
   for (const Value& value : (*defaults)[kStoredLogKey].asArray().value_or(Array())) {
     if (std::optional<LogEntry> entry = entryOf(value)) entries.push_back(*std::move(entry));
   }

@@ -21,7 +21,6 @@
 #include "base/plist.h"
 #include "host/store/MailFolders.h"
 #include "host/store/folder_names.h"
-#include "platform/linux/posix_io.h"
 #include "platform/linux/utf8.h"
 
 namespace thmp {
@@ -147,28 +146,24 @@ std::optional<HostLock::Holder> HostLock::holder(const std::string& path) {
 HostLock::~HostLock() { ::close(descriptor_); }
 
 Result<std::vector<std::string>> rememberedMailFolders(const XdgFolders& xdg) {
-  const std::string path = xdg.config + "/tallyhive-mailhost/defaults.plist";
-  const Descriptor file = openAt(AT_FDCWD, path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
-  if (!file && errno == ENOENT) return std::vector<std::string>();
-  const auto bytes = file ? readRegularFile(file.get(), kBatchLimits.maxBytes) : std::nullopt;
-  if (!bytes) {
-    return Error{"THMPHost", 7,
-                 Error::posix(errno, "cannot read " + path).description +
-                     "; it names the mail folders: make it readable for you",
-                 nullptr};
-  }
-  const auto root = readPropertyList(*bytes, kBatchLimits);
-  const auto values = root ? root->asDictionary() : std::nullopt;
-  if (!values) {
+  const std::string folder = HostFolders(xdg).defaults;
+  const Result<Dictionary> defaults = lookAtDefaults(folder);
+  if (!defaults && defaults.error().domain == kPropertyListErrorDomain) {
     return Error{"THMPHost", 8,
-                 path +
+                 defaultsFile(folder) +
                      " is damaged; it named the mail folders: name them again with "
                      "tallyhive-mailhost index --mail DIR",
                  nullptr};
   }
+  if (!defaults) {
+    return Error{"THMPHost", 7,
+                 "cannot read " + defaults.error().description +
+                     "; it names the mail folders: make it readable for you",
+                 nullptr};
+  }
   std::vector<std::string> folders;
-  for (const Value& folder : (*values)[kMailFoldersKey].asArray().value_or(Array())) {
-    if (const auto text = folder.asText()) folders.emplace_back(*text);
+  for (const Value& one : (*defaults)[kMailFoldersKey].asArray().value_or(Array())) {
+    if (const auto text = one.asText()) folders.emplace_back(*text);
   }
   return folders;
 }

@@ -24,12 +24,14 @@ struct HostFolders {
       : library(folders.data + "/tallyhive-mailhost/library.sqlite"),
         caches(folders.cache + "/tallyhive-mailhost"),
         index(caches + "/index.sqlite"),
-        lock(folders.data + "/tallyhive-mailhost/host.lock") {}
+        lock(folders.data + "/tallyhive-mailhost/host.lock"),
+        defaults(folders.config + "/tallyhive-mailhost") {}
 
   std::string library;
   std::string caches;  // the folder of the index and what belongs to it
   std::string index;
   std::string lock;
+  std::string defaults;  // the folder of the user defaults
 };
 
 /// Held by the one process that writes library and index; given back when destroyed, and when the
@@ -64,7 +66,7 @@ class HostLock {
 Result<std::vector<std::string>> rememberedMailFolders(const XdgFolders& xdg);
 
 /// The mail folders to use: those given, made absolute; without any the remembered ones. An error
-/// when one that is given is no folder, or none that can be read.
+/// when one that is given is no folder, or none that can be read; without any, as for those.
 Result<std::vector<std::string>> chooseMailFolders(const std::vector<std::string>& given,
                                                    const XdgFolders& xdg);
 

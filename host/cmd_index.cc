@@ -163,12 +163,12 @@ int index(const IndexOptions& options) {
     return failWith(kExitFailure, holder->refusal());
   }
 
-  LinuxLog log("tallyhive-mailhost");
   const Result<std::vector<std::string>> roots = chooseMailFolders(options.mail, xdg);
   if (!roots) return failWith(kExitFailure, roots.error().description);
   if (roots->empty()) return failWith(kExitUsage, kNoMailFolderText);
   if (!options.mail.empty() && !options.dryRun) {
-    LinuxPreferences preferences(xdg.config + "/tallyhive-mailhost", log);
+    LinuxLog log("tallyhive-mailhost");
+    LinuxPreferences preferences(folders.defaults, log);
     if (!rememberMailFolders(*roots, preferences)) {
       return failWith(kExitFailure, "the mail folders cannot be remembered; make " + xdg.config +
                                         " and what is in it writable for you");

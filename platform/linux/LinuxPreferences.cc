@@ -6,6 +6,8 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <string_view>
 #include <utility>
 
 #include "base/plist.h"
@@ -40,7 +42,33 @@ Descriptor lockFile(int folder) {
   return lock;
 }
 
+std::optional<Dictionary> dictionaryOf(std::string_view bytes, Error& error) {
+  const auto root = readPropertyList(bytes, kBatchLimits, &error);
+  std::optional<Dictionary> values = root ? root->asDictionary() : std::nullopt;
+  if (root && !values) {
+    fail(&error,
+         Error{std::string(kPropertyListErrorDomain),
+               static_cast<std::int64_t>(PropertyListError::kDamaged), "no dictionary", nullptr});
+  }
+  return values;
+}
+
 }  // namespace
+
+std::string defaultsFile(const std::string& folder) { return folder + "/" + kFileName; }
+
+Result<Dictionary> lookAtDefaults(const std::string& folder) {
+  const std::string path = defaultsFile(folder);
+  const Descriptor file = openAt(AT_FDCWD, path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+  if (!file && (errno == ENOENT || errno == ENOTDIR)) return Dictionary();
+  const auto bytes = file ? readRegularFile(file.get(), kBatchLimits.maxBytes) : std::nullopt;
+  if (!bytes) return Error::posix(errno, path);
+  Error error;
+  std::optional<Dictionary> values = dictionaryOf(*bytes, error);
+  if (values) return *std::move(values);
+  error.description = path + ": " + error.description;
+  return error;
+}
 
 LinuxPreferences::LinuxPreferences(std::string folder, SystemLog& log)
     : folder_(std::move(folder)), log_(log) {
@@ -178,11 +206,10 @@ bool LinuxPreferences::adoptFile(int folder) {
   struct stat seen = {};
   if (!bytes || ::fstat(file.get(), &seen) != 0) return false;
   Error error;
-  const auto root = readPropertyList(*bytes, kBatchLimits, &error);
-  std::optional<Dictionary> found = root ? root->asDictionary() : std::nullopt;
+  std::optional<Dictionary> found = dictionaryOf(*bytes, error);
   if (!found) {
     log_.write("tallyhive: the user defaults are damaged and were set aside as " + folder_ + "/" +
-               kDamagedName + ": " + (error.isSet() ? error.text() : "no dictionary"));
+               kDamagedName + ": " + error.text());
     return ::renameat(folder, kFileName, folder, kDamagedName) == 0;
   }
   known_ = seen;

@@ -22,11 +22,21 @@
 
 #include "base/error.h"
 #include "base/mutex.h"
+#include "base/result.h"
+#include "base/value.h"
 #include "platform/linux/Descriptor.h"
 #include "platform/log.h"
 #include "platform/preferences.h"
 
 namespace thmp {
+
+/// The file that keeps the user defaults in `folder`.
+std::string defaultsFile(const std::string& folder);
+
+/// The defaults that `folder` holds now, for who only looks: nothing is locked, made or set aside.
+/// Empty when there is no file yet. An error, which begins with the file's path, in the domain of
+/// property lists when it is damaged, else the operating system's.
+Result<Dictionary> lookAtDefaults(const std::string& folder);
 
 class LinuxPreferences final : public Preferences {
  public:

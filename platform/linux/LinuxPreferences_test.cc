@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <thread>
 #include <vector>
@@ -109,6 +110,36 @@ TEST_F(LinuxPreferencesTest, XmlFileIsReadToo) {
   testing::makeFolder(folder_.at("host"));
   testing::writeFile(file(), "<plist version=\"1.0\"><dict><key>key</key><true/></dict></plist>");
   EXPECT_EQ(LinuxPreferences(folder_.at("host"), log_).get("key"), Value(true));
+}
+
+TEST_F(LinuxPreferencesTest, LookFindsWhatIsThereAndChangesNothing) {
+  const std::string folder = folder_.at("host");
+  ASSERT_TRUE(lookAtDefaults(folder));
+  EXPECT_TRUE(lookAtDefaults(folder)->empty());
+  EXPECT_TRUE(lookAtDefaults("/dev/null")->empty()) << "no folder at all";
+  EXPECT_FALSE(testing::exists(folder));
+  store(Dictionary{{"key", 1}});
+  EXPECT_EQ(Value(*lookAtDefaults(folder)), Value(Dictionary{{"key", 1}}));
+  EXPECT_EQ(testing::namesIn(folder), std::vector<std::string>{"defaults.plist"});
+}
+
+TEST_F(LinuxPreferencesTest, LookTellsDamageFromWhatCannotBeRead) {
+  const std::string folder = folder_.at("host");
+  store(Array{1});
+  for (const std::string& bytes : {testing::readFile(file()), std::string("garbage")}) {
+    testing::writeFile(file(), bytes);
+    const auto damaged = lookAtDefaults(folder);
+    ASSERT_FALSE(damaged);
+    EXPECT_EQ(damaged.error().domain, kPropertyListErrorDomain);
+    EXPECT_TRUE(damaged.error().description.starts_with(file() + ": "));
+    EXPECT_EQ(testing::readFile(file()), bytes);
+  }
+  ASSERT_EQ(::unlink(file().c_str()), 0);
+  testing::makeFolder(file());
+  const auto unreadable = lookAtDefaults(folder);
+  ASSERT_FALSE(unreadable);
+  EXPECT_EQ(unreadable.error().code, EISDIR);
+  EXPECT_TRUE(unreadable.error().description.starts_with(file() + ": "));
 }
 
 TEST_F(LinuxPreferencesTest, DamagedFileIsSetAsideAndToldOnce) {
