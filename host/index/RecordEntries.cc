@@ -217,9 +217,8 @@ RecordEntries::Layout RecordEntries::makeLayout(const ValuePool::Entry* shape,
       add(shape->keys[i], &attributes.begin()[i].value);
     }
   }
-  std::sort(places.begin(), places.end(), [&ranks = nameRanks()](const Place& a, const Place& b) {
-    return ranks[static_cast<std::size_t>(a.key)] < ranks[static_cast<std::size_t>(b.key)];
-  });
+  std::sort(places.begin(), places.end(),
+            [](const Place& a, const Place& b) { return rankOf(a.key) < rankOf(b.key); });
   layout.entries.keys.reserve(places.size());
   layout.entries.values.reserve(places.size());
   for (const Place& place : places) {

@@ -202,12 +202,8 @@ std::vector<Item> itemsOf(const Dictionary& attributes, const Dictionary& queryO
       if (key) items.push_back({*key, &entry.value});
     }
   }
-  const auto& ranks = nameRanks();
-  const auto rank = [&ranks](const Item& item) {
-    return ranks[static_cast<std::size_t>(item.key)];
-  };
   std::sort(items.begin(), items.end(),
-            [&rank](const Item& a, const Item& b) { return rank(a) < rank(b); });
+            [](const Item& a, const Item& b) { return rankOf(a.key) < rankOf(b.key); });
   return items;
 }
 
@@ -277,14 +273,13 @@ void visitEach(std::string_view record, const ValuePool& pool, const Wanted& isW
   const Dictionary shape = walk.shapeAttributes();
   const AttributeKey* keys = shape.empty() ? nullptr : walk.shape()->keys.data();
   std::size_t place = 0;
-  const auto& ranks = nameRanks();
   const auto visitOne = [&](AttributeKey key, Value value) {
     const bool goesOn = visit(key, value);
     seen[static_cast<std::size_t>(key)] = std::move(value);
     return goesOn;
   };
   const auto visitShapeBelow = [&](std::uint16_t rank) {
-    for (; place < shape.size() && ranks[static_cast<std::size_t>(keys[place])] < rank; ++place) {
+    for (; place < shape.size() && rankOf(keys[place]) < rank; ++place) {
       if (isWanted(keys[place]) && !visitOne(keys[place], shape.begin()[place].value)) return false;
     }
     return true;

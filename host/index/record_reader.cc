@@ -10,29 +10,6 @@
 
 namespace thmp {
 
-namespace record_format {
-
-const std::array<std::uint16_t, kKeys>& nameRanks() {
-  static const auto ranks = [] {
-    std::vector<AttributeKey> keys;
-    for (std::size_t number = 0; number < kKeys; ++number) {
-      if (isKnownKey(static_cast<std::uint8_t>(number))) {
-        keys.push_back(static_cast<AttributeKey>(number));
-      }
-    }
-    std::sort(keys.begin(), keys.end(),
-              [](AttributeKey a, AttributeKey b) { return keyText(a).view() < keyText(b).view(); });
-    std::array<std::uint16_t, kKeys> all{};
-    for (std::size_t i = 0; i < keys.size(); ++i) {
-      all[static_cast<std::size_t>(keys[i])] = static_cast<std::uint16_t>(i);
-    }
-    return all;
-  }();
-  return ranks;
-}
-
-}  // namespace record_format
-
 using namespace record_format;
 
 bool RecordReader::isText() const {

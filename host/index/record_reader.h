@@ -48,10 +48,6 @@ inline constexpr std::uint8_t kLongMark = 0xFF;
 
 /// More than all numbers of keys.
 inline constexpr std::size_t kKeys = 256;
-/// The place of each key in the order of the names, in which dictionaries and records are.
-const std::array<std::uint16_t, kKeys>& nameRanks();
-inline std::uint16_t rankOf(AttributeKey key) { return nameRanks()[static_cast<std::size_t>(key)]; }
-
 /// Those that the attribute table has.
 inline constexpr std::array<bool, kKeys> kKnownKeys = [] {
   std::array<bool, kKeys> known{};
@@ -63,6 +59,23 @@ inline constexpr std::array<bool, kKeys> kKnownKeys = [] {
   return known;
 }();
 inline bool isKnownKey(std::uint8_t number) { return kKnownKeys[number]; }
+
+/// The place of each key in the order of the names, in which dictionaries and records are.
+inline constexpr std::array<std::uint16_t, kKeys> kNameRanks = [] {
+  std::array<std::string_view, kKeys> names{};
+#define THMP_STORED(number, key, name, ...) names[number] = name;
+#define THMP_QUERY_ONLY(number, key, name, ...) names[number] = name;
+#define THMP_ABSENT(...)
+#include "host/query/attribute_table.def"
+  std::array<std::uint16_t, kKeys> ranks{};
+  for (std::size_t key = 0; key < kKeys; ++key) {
+    for (std::size_t other = 0; other < kKeys && kKnownKeys[key]; ++other) {
+      if (kKnownKeys[other] && names[other] < names[key]) ++ranks[key];
+    }
+  }
+  return ranks;
+}();
+inline std::uint16_t rankOf(AttributeKey key) { return kNameRanks[static_cast<std::size_t>(key)]; }
 
 }  // namespace record_format
 
