@@ -11,8 +11,10 @@
 #include <bit>
 #include <cmath>
 #include <cstring>
+#include <deque>
 #include <utility>
 
+#include "base/big_endian.h"
 #include "base/value_nodes.h"
 
 namespace thmp {
@@ -25,18 +27,6 @@ using Byte = unsigned char;
 
 constexpr std::size_t kHeaderSize = 8;
 constexpr std::size_t kTrailerSize = 32;
-
-[[gnu::always_inline]] inline std::uint64_t loadBig(const Byte* bytes, std::size_t size) {
-  // Those of nearly all references, one instruction each.
-  if (size == 2) return static_cast<std::uint64_t>(bytes[0] << 8 | bytes[1]);
-  if (size == 4) {
-    return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 |
-           std::uint32_t{bytes[2]} << 8 | bytes[3];
-  }
-  std::uint64_t number = 0;
-  for (std::size_t i = 0; i < size; ++i) number = number << 8 | bytes[i];
-  return number;
-}
 
 constexpr bool isHighSurrogate(std::uint32_t unit) { return unit >= 0xD800 && unit < 0xDC00; }
 constexpr bool isLowSurrogate(std::uint32_t unit) { return unit >= 0xDC00 && unit < 0xE000; }
@@ -488,11 +478,13 @@ void PropertyListCheck::rankKeys() {
     std::string_view text;
     Object object;
   };
-  std::vector<std::string> wide(keys_.size());
+  std::deque<std::string> wide;
+  std::string unused;
   std::vector<Key> keys;
   keys.reserve(keys_.size());
   for (const Object object : keys_) {
-    keys.push_back({view_.bytes(object, wide[keys.size()]), object});
+    keys.push_back(
+        {view_.bytes(object, slot(object).isWide ? wide.emplace_back() : unused), object});
   }
   std::sort(keys.begin(), keys.end(), [](const Key& a, const Key& b) { return a.text < b.text; });
   std::uint32_t rank = 0;

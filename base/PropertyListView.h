@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/big_endian.h"
 #include "base/error.h"
 #include "base/plist.h"
 #include "base/value.h"
@@ -24,18 +25,14 @@ class PropertyListView {
   /// The number of an object that the root reaches. REQUIRES, everywhere: of this list.
   using Object = std::uint32_t;
 
-  /// Of an array or a dictionary.
+  /// Of an array or a dictionary. Valid as long as the view.
   class Members {
    public:
     std::size_t size() const noexcept { return count_; }
     /// REQUIRES: index < size().
     Object operator[](std::size_t index) const noexcept {
       const std::size_t place = order_ == nullptr ? index : order_[index];
-      const unsigned char* reference = references_ + place * width_;
-      if (width_ == 2) return static_cast<Object>(reference[0] << 8 | reference[1]);
-      Object object = 0;
-      for (std::size_t i = 0; i < width_; ++i) object = object << 8 | reference[i];
-      return object;
+      return static_cast<Object>(loadBig(references_ + place * width_, width_));
     }
 
    private:
@@ -71,7 +68,7 @@ class PropertyListView {
   /// REQUIRES: a boolean, a number or a date.
   Value plain(Object object) const noexcept;
   /// Data, or a text in UTF-8; one that is UTF-16 in the list is put into `room`. REQUIRES: it is
-  /// one of them.
+  /// one of them. Valid as long as the view, and as `room` is left alone.
   std::string_view bytes(Object object, std::string& room) const;
   /// REQUIRES: an array.
   Members elements(Object array) const noexcept;
@@ -80,7 +77,8 @@ class PropertyListView {
   /// The member of a dictionary; empty when there is none, or when `object` is no dictionary.
   std::optional<Object> find(Object object, std::string_view key) const;
 
-  /// What the list stands for; shared objects stay shared.
+  /// What the list stands for, which needs the bytes no longer; shared objects stay shared. May
+  /// throw std::bad_alloc.
   Value value() const;
 
  private:

@@ -49,6 +49,7 @@ class SearchOutput {
  public:
   virtual ~SearchOutput() = default;
   virtual void started(std::string_view uniqueName) = 0;
+  /// The messages of a batch, in their order; the batch is lent for the call.
   virtual void found(ResultsBatch& batch) = 0;
   /// `libraryID` in decimal.
   virtual void removed(std::string_view libraryID) = 0;

@@ -18,13 +18,14 @@ namespace thmp::console {
 /// One thread.
 class PropertyListJson {
  public:
-  /// `list` outlives it.
+  /// `list` outlives it. REQUIRES: it was opened within kBatchLimits.
   explicit PropertyListJson(const PropertyListView& list)
       : list_(list), values_(list.objectCount()), keys_(list.objectCount()) {}
 
   const PropertyListView& list() const { return list_; }
 
-  /// Appends the object on one line, as appendJson() does for its value.
+  /// Appends the object on one line, as appendJson() does for its value; what is shared as often as
+  /// it is referred to.
   void append(PropertyListView::Object object, fmt::memory_buffer& json);
 
  private:
