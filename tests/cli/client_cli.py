@@ -20,7 +20,7 @@ import unittest
 import urllib.parse
 import uuid
 
-from world import CLIENT, PATIENCE, PREFIX, Scenario, wait_for
+from world import CLIENT, PATIENCE, PREFIX, SANITIZED, Scenario, wait_for
 
 
 class Running:
@@ -101,6 +101,14 @@ class WithAHost(Scenario):
     def cancelled(self):
         self.host.wait_for_line("THMPMailPlugin cancel query")
         self.assertEqual(self.host.count("active query count: 0"), 1)
+
+
+class Starting(unittest.TestCase):
+    @unittest.skipIf(SANITIZED, "the sanitizers bring the C++ library along")
+    def test_loads_no_library_that_takes_long(self):
+        loaded = subprocess.run(["ldd", str(CLIENT)], capture_output=True, text=True, check=True).stdout
+        self.assertIn("libc.so", loaded)
+        self.assertNotRegex(loaded, r"libstdc\+\+|libfmt")
 
 
 class Connecting(WithAHost):
