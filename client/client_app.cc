@@ -6,6 +6,7 @@
 #include <utf8proc.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -65,24 +66,38 @@ void addColorOption(CLI::App& subcommand, CommonOptions& common) {
       ->type_name("WHEN");
 }
 
-std::unique_ptr<ClientApp> buildApp() {
+std::unique_ptr<ClientApp> buildApp(std::string_view command) {
   auto app = std::make_unique<ClientApp>();
   CLI::App& parser = app->parser;
   parser.name("tallyhive-mail");
   parser.description("Searches mail through the Tallyhive mail plug-in.");
   parser.set_version_flag("--version", versions, "Print the versions of program and libraries");
   parser.require_subcommand(1);
-  for (const auto add : {addConnect, addSearch, addCancel, addTerminate, addLog}) {
+  struct Known {
+    std::string_view name;
+    Command (*add)(CLI::App&, CommonOptions&, CLI::App*&);
+  };
+  constexpr std::array<Known, 5> kKnown = {{{"connect", addConnect},
+                                            {"search", addSearch},
+                                            {"cancel", addCancel},
+                                            {"terminate", addTerminate},
+                                            {"log", addLog}}};
+  const bool isKnown = std::any_of(kKnown.begin(), kKnown.end(),
+                                   [&](const Known& one) { return one.name == command; });
+  for (const Known& one : kKnown) {
+    if (isKnown && one.name != command) continue;
     CLI::App* subcommand = nullptr;
-    Command command = add(parser, app->common, subcommand);
+    Command run = one.add(parser, app->common, subcommand);
     subcommand->set_version_flag("--version", versions,
                                  "Print the versions of program and libraries");
-    app->commands.emplace_back(subcommand, std::move(command));
+    app->commands.emplace_back(subcommand, std::move(run));
   }
   // Not before: a command takes over the footer that there is when it is added.
   parser.footer("tallyhive-mail COMMAND --help tells more of each.");
-  console::addCompletionOption(
-      parser, {{"WHEN", {"auto", "always", "never"}}, {"ATTRIBUTE", sortingWords()}});
+  if (!isKnown) {
+    console::addCompletionOption(
+        parser, {{"WHEN", {"auto", "always", "never"}}, {"ATTRIBUTE", sortingWords()}});
+  }
   return app;
 }
 

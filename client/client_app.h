@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -19,8 +20,9 @@ struct ClientApp {
   std::vector<std::pair<CLI::App*, Command>> commands;
 };
 
-/// Never null. It stays where it is: its options write into it.
-std::unique_ptr<ClientApp> buildApp();
+/// Never null. It stays where it is: its options write into it. With all commands, or with that one
+/// alone whose name is `command`: to make the others is a part of what a search takes.
+std::unique_ptr<ClientApp> buildApp(std::string_view command = {});
 
 /// Parses `arguments`, without the program's name, and runs the command that they choose. Returns
 /// the program's exit status.

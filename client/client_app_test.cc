@@ -18,6 +18,15 @@ TEST(CommandLine, EveryCommandHasADescriptionHelpAndVersion) {
   EXPECT_EQ(names, (std::vector<std::string>{"connect", "search", "cancel", "terminate", "log"}));
 }
 
+TEST(CommandLine, CommandThatIsNamedIsMadeAlone) {
+  const auto app = buildApp("search");
+  ASSERT_EQ(app->commands.size(), 1u);
+  EXPECT_EQ(app->commands.front().first->get_name(), "search");
+  for (const char* none : {"", "serch", "--help", "--completion"}) {
+    EXPECT_EQ(buildApp(none)->commands.size(), 5u) << none;
+  }
+}
+
 TEST(CommandLine, EveryOptionIsDescribed) {
   const auto app = buildApp();
   for (const auto& [command, run] : app->commands) {

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <exception>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "client/client_app.h"
 #include "client/exit_status.h"
@@ -14,7 +16,9 @@ int main(int argc, char** argv) {
   using namespace thmp::client;
   thmp::console::prepareStandardStreams();
   try {
-    const int status = runApp(*buildApp(), {argv + std::min(argc, 1), argv + argc});
+    const std::vector<std::string> arguments(argv + std::min(argc, 1), argv + argc);
+    const auto app = buildApp(arguments.empty() ? std::string_view() : arguments.front());
+    const int status = runApp(*app, arguments);
     const std::string lost = thmp::console::lostOutput();
     return lost.empty() ? status : failWith(kExitUsage, lost);
   } catch (const std::exception& failure) {
