@@ -170,19 +170,21 @@ void SearchSession::readBatches() {
 
 void SearchSession::read(const Batch& batch) {
   Error error;
-  if (!(batch.removals ? readRemovals(batch.name, error) : readResults(batch.name, error))) {
-    console::say(fmt::format("tallyhive-mail: a batch of {} could not be read: {}; search again\n",
-                             batch.removals ? "removals" : "results",
-                             console::shown(error.description)));
-  }
-  if (batch.removals) return;  // these are not the plug-in's to take back
-  Dictionary clear = ownKeys();
-  clear.set(kBatchNameKey, Value(batch.name));
-  post(kClearName, clear);
+  if (batch.removals ? readRemovals(batch.name, error) : readResults(batch.name, error)) return;
+  console::say(fmt::format("tallyhive-mail: a batch of {} could not be read: {}; search again\n",
+                           batch.removals ? "removals" : "results",
+                           console::shown(error.description)));
+}
+
+void SearchSession::clear(const std::string& batchName) {
+  Dictionary userInfo = ownKeys();
+  userInfo.set(kBatchNameKey, Value(batchName));
+  post(kClearName, userInfo);
 }
 
 bool SearchSession::readResults(const std::string& name, Error& error) {
   auto bytes = pasteboards_.readBytes(name, kResultsBatchType, kBatchLimits.maxBytes, &error);
+  clear(name);  // the plug-in takes it back while we print
   const auto batch = bytes ? ResultsBatch::open(*std::move(bytes), &error) : nullptr;
   if (!batch) return false;
   output_.found(*batch);

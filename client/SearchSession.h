@@ -58,6 +58,7 @@ class SearchSession {
   std::optional<int> handleCompletion(const Dictionary& userInfo);
   void readBatches();
   void read(const Batch& batch);
+  void clear(const std::string& batchName);
   bool readResults(const std::string& name, Error& error);
   bool readRemovals(const std::string& name, Error& error);
   void cancel();
