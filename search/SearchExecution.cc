@@ -77,8 +77,9 @@ void SearchExecution::search(const Value& message,
                            /*fetchAllAttributes=*/true);
   if (!searchQuery) return;
   record->setSearchQuery(searchQuery);
-  installCallbacks(*searchQuery, std::make_shared<SearchSession>(std::move(request), platform_,
-                                                                 registry_, mediator, record));
+  installCallbacks(*searchQuery,
+                   std::make_shared<SearchSession>(std::move(request), platform_, registry_,
+                                                   mediator, posting_, record));
 
   // Before the post: nothing is posted for a query that is not registered. A record that had the
   // name before goes here, and its query with it.

@@ -11,6 +11,7 @@
 #include "base/value.h"
 #include "platform/platform.h"
 #include "search/Mediator.h"
+#include "search/PostingThread.h"
 #include "search/QueryConstruction.h"
 #include "search/QueryRegistry.h"
 
@@ -18,7 +19,7 @@ namespace thmp {
 
 class SearchExecution {
  public:
-  /// `registry` lives at least as long as the mediators given to search:.
+  /// `registry` and this object live at least as long as the mediators given to search:.
   SearchExecution(const Platform& platform, AttributeList& attributeList, QueryRegistry& registry)
       : platform_(platform), attributeList_(attributeList), registry_(registry) {}
 
@@ -31,6 +32,7 @@ class SearchExecution {
   const Platform& platform_;
   AttributeList& attributeList_;
   QueryRegistry& registry_;
+  PostingThread posting_;
 };
 
 }  // namespace thmp

@@ -39,21 +39,30 @@ std::optional<std::int64_t> libraryIDOf(const Dictionary& attributes) {
 
 /// The items of one call that wait for their batch.
 struct SearchSession::Delivery {
+  explicit Delivery(PostingThread& thread) : posting(thread) {}
+  ~Delivery() { posting.wait(posted); }
+  Delivery(const Delivery&) = delete;
+  Delivery& operator=(const Delivery&) = delete;
+
   std::vector<FoundItem> waiting;
   /// The engine's count less the items that could not be resolved.
   std::uint64_t count = 0;
   std::size_t limit = kFirstBatch;
   std::size_t laterLimit = kLaterBatch;
+  PostingThread& posting;
+  PostingThread::Ticket posted = 0;  // of the batch before
 };
 
 SearchSession::SearchSession(SearchRequest request, const Platform& platform,
                              QueryRegistry& registry, std::shared_ptr<SearchMediator> mediator,
+                             PostingThread& posting,
                              const std::shared_ptr<THMPMailPluginQuery>& record)
     : request_(std::move(request)),
       queryName_(request_.uniqueName),
       platform_(platform),
       registry_(registry),
       mediator_(std::move(mediator)),
+      posting_(posting),
       record_(record),
       searchQuery_(record->searchQuery()),
       batches_(request_, registry, *mediator_, platform.log) {}
@@ -80,7 +89,7 @@ void SearchSession::deliver(std::span<const SpotlightItem> items) {
   const std::vector<const SpotlightItem*> sorted =
       sortedItems(items, attribute ? sortAttributes(*attribute) : std::vector<std::string>(),
                   request_.sortAscending);
-  Delivery delivery;
+  Delivery delivery(posting_);
   delivery.count = foundItemCount();
   if (delivery.count >= kLargeCount) delivery.laterLimit = kLargeLaterBatch;
   if (!platform_.spotlight.itemsHaveAttributes()) return;
@@ -126,20 +135,28 @@ void SearchSession::completePath(FoundItem& found) {
   }
 }
 
+// While a later batch is posted, the next one is gathered; the first of a query shares the
+// processors with nobody.
 void SearchSession::postBatch(Delivery& delivery, bool full) {
   std::vector<FoundItem> waiting = std::exchange(delivery.waiting, {});
   guarded(platform_.log, [&] {
     const std::size_t asked = waiting.size();
     std::uint64_t index = foundItemIndex_;
-    const std::vector<FoundItem> items = mediator_->loadFilePaths(std::move(waiting), index);
+    std::vector<FoundItem> items = mediator_->loadFilePaths(std::move(waiting), index);
     foundItemIndex_ = index;
     const std::uint64_t unresolved = asked > items.size() ? asked - items.size() : 0;
     delivery.count -= std::min(delivery.count, unresolved);
     // Deliberate: a full batch reports what the query has delivered so far, the last one of a
     // delivery what the engine has found.
-    if (const Record record = record_.lock()) {
-      batches_.postResultsBatch(record, items, full ? foundItemIndex_ : delivery.count);
-    }
+    const std::uint64_t count = full ? foundItemIndex_ : delivery.count;
+    auto post = [this, items = std::move(items), count] {
+      guarded(platform_.log, [&] {
+        if (const Record record = record_.lock()) batches_.postResultsBatch(record, items, count);
+      });
+    };
+    posting_.wait(delivery.posted);
+    if (!full || foundItemIndex_ <= kFirstBatch) return post();
+    delivery.posted = posting_.begin(std::move(post));
   });
 }
 

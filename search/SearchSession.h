@@ -20,6 +20,7 @@
 #include "maillibrary/FoundItem.h"
 #include "platform/platform.h"
 #include "search/Mediator.h"
+#include "search/PostingThread.h"
 #include "search/QueryRegistry.h"
 #include "search/ResultBatches.h"
 #include "search/SearchRequest.h"
@@ -29,7 +30,7 @@ namespace thmp {
 class SearchSession {
  public:
   SearchSession(SearchRequest request, const Platform& platform, QueryRegistry& registry,
-                std::shared_ptr<SearchMediator> mediator,
+                std::shared_ptr<SearchMediator> mediator, PostingThread& posting,
                 const std::shared_ptr<THMPMailPluginQuery>& record);
   SearchSession(const SearchSession&) = delete;
   SearchSession& operator=(const SearchSession&) = delete;
@@ -61,6 +62,7 @@ class SearchSession {
   const Platform& platform_;
   QueryRegistry& registry_;
   const std::shared_ptr<SearchMediator> mediator_;
+  PostingThread& posting_;
   const std::weak_ptr<THMPMailPluginQuery> record_;
   const std::weak_ptr<SpotlightQuery> searchQuery_;
   ResultBatches batches_;

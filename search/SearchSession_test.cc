@@ -3,8 +3,11 @@
 // What the callbacks of a query do.
 #include "search/SearchSession.h"
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cmath>
+#include <future>
 #include <limits>
 #include <new>
 #include <thread>
@@ -446,6 +449,49 @@ TEST_F(FoundItems, WhatCannotBeBuiltIsDroppedAndTheQueryGoesOn) {
   EXPECT_EQ(latestMessages()[0]["index"], Value(0));
   EXPECT_EQ(fake_.log.count("tallyhive: "), 1u);
   EXPECT_TRUE(registry_.isAlive("q"));
+}
+
+TEST_F(FoundItems, NextBatchIsGatheredWhileALaterOneIsPosted) {
+  std::atomic<int> loads = 0;
+  std::atomic<int> posts = 0;
+  std::promise<void> gathered;
+  std::atomic<bool> beside = false;
+  mediator_->setHook([&](const std::string& step) {
+    if (step == "load" && ++loads == 3) gathered.set_value();
+    if (step == "post QueryHasUpdates" && ++posts == 2) {
+      beside =
+          gathered.get_future().wait_for(std::chrono::seconds(60)) == std::future_status::ready;
+    }
+  });
+  query_->deliver(items(1, 3000));
+  EXPECT_TRUE(beside);
+  EXPECT_THAT(batchSizes(), ElementsAre(750u, 1500u, 750u));
+  EXPECT_THAT(numbers(updates(), "batchNumber"), ElementsAre(1, 2, 3));
+  EXPECT_THAT(numbers(updates(), "foundItemCount"), ElementsAre(750, 2250, 3000));
+}
+
+TEST_F(FoundItems, FirstBatchIsPostedBeforeMoreIsGathered) {
+  query_->deliver(items(1, 3000));
+  const auto steps = mediator_->steps();
+  const auto posted = std::find(steps.begin(), steps.end(), "posted QueryHasUpdates");
+  EXPECT_EQ(std::count(steps.begin(), posted, "load"), 1);
+}
+
+TEST_F(FoundItems, DeliveryEndsWhenAllOfItIsPosted) {
+  query_->deliver(items(1, 2250));
+  EXPECT_EQ(mediator_->steps().back(), "posted QueryHasUpdates");
+  EXPECT_THAT(batchSizes(), ElementsAre(750u, 1500u));
+}
+
+TEST_F(FoundItems, CancelWhileALaterBatchIsPostedLeavesNothingLent) {
+  std::atomic<int> lends = 0;
+  mediator_->setHook([&](const std::string& step) {
+    if (step == "lend" && ++lends == 2) cancel("q");
+  });
+  query_->deliver(items(1, 4000));
+  EXPECT_EQ(updates().size(), 1u);
+  EXPECT_THAT(mediator_->lent(), IsEmpty());
+  EXPECT_EQ(mediator_->doubleReturns(), 0);
 }
 
 TEST_F(FoundItems, PasteboardComesBackWhenABatchCannotBeBuilt) {
