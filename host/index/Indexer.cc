@@ -38,6 +38,21 @@ void standBack() noexcept {
   ::syscall(SYS_ioprio_set, kThisThread, 0, kLastInClass);
 }
 
+// Entries that are stored. The thread that reads destroys them: an allocator is quick with what its
+// own thread took, and the other one has more to do. Any thread.
+class StoredEntries {
+ public:
+  void add(std::vector<IndexEntry> entries) {
+    const Lock lock(mutex_);
+    entries_.swap(entries);
+  }
+  void destroy() { add({}); }
+
+ private:
+  Mutex mutex_;
+  std::vector<IndexEntry> entries_ THMP_GUARDED_BY(mutex_);
+};
+
 }  // namespace
 
 // One update, from its beginning to its end.
@@ -538,6 +553,7 @@ class Indexer::Run {
       if (options_.isPolite) standBack();
       for (const FileToRead& work : toRead) {
         if (isStopped()) break;
+        stored_.destroy();
         ReadFile file = reader_.read(mailbox, work);
         const std::size_t bytes = bytesOf(file);
         if (!read.put(std::move(file), bytes)) break;
@@ -554,6 +570,7 @@ class Indexer::Run {
     read.close();
     reader.join();
     store(mailbox, batch);
+    stored_.destroy();
   }
 
   // What is stored in one go.
@@ -622,6 +639,7 @@ class Indexer::Run {
     if (!note(index_.put(batch.entries, commit_))) return;
     coverage_.indexed += batch.entries.size();
     for (const IndexEntry& entry : batch.entries) coverage_.incomplete += entry.file.incomplete;
+    stored_.add(std::move(batch.entries));
     batch = {};
     report();
   }
@@ -642,6 +660,7 @@ class Indexer::Run {
   std::set<std::string> unreadable_;
   std::set<std::string> goneMailboxes_;
   std::vector<std::string> sources_;
+  StoredEntries stored_;
   // Of the mailbox in hand.
   std::vector<UnreadablePath> failed_;
   std::vector<FileToRead> vanished_;

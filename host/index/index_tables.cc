@@ -227,7 +227,9 @@ bool putEntry(Connection& writer, const IndexEntry& entry, ValuePool& pool, Inde
   std::int64_t mark = known.value_or(0);
   bool written = true;
   if (entry.textContent) {
-    const MessageWords words = entry.words ? *entry.words : wordsOf(entry);
+    std::optional<MessageWords> made;
+    if (!entry.words) made = wordsOf(entry);
+    const MessageWords& words = made ? *made : *entry.words;
     mark = markOf(words);
     if (!known) {
       row.isStale = isStale(writer, entry.id);
