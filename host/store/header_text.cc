@@ -195,21 +195,28 @@ std::string toUtf8(std::string_view bytes) {
 std::string collapseWhiteSpace(std::string_view text) {
   std::string out;
   out.reserve(text.size());
-  std::size_t wordBegin = 0;
-  const auto endWord = [&](std::size_t end) {
-    if (end == wordBegin) return;
+  std::size_t begin = 0;  // of words that have one space between them
+  const auto endWords = [&](std::size_t end) {
+    if (end == begin) return;
     if (!out.empty()) out.push_back(' ');
-    out.append(text.substr(wordBegin, end - wordBegin));
+    out.append(text.substr(begin, end - begin));
+  };
+  const auto isPlain = [&](std::size_t i) {
+    return i < text.size() && text[i] > ' ' && text[i] < '\x7F';
   };
   for (std::size_t i = 0; i < text.size();) {
-    const std::size_t space = whiteSpaceAt(text, i);
-    if (space > 0) {
-      endWord(i);
-      wordBegin = i + space;
+    if (isPlain(i)) {
+      ++i;
+    } else if (text[i] == ' ' && i > begin && isPlain(i + 1)) {
+      i += 2;
+    } else if (const std::size_t space = whiteSpaceAt(text, i); space > 0) {
+      endWords(i);
+      begin = i += space;
+    } else {
+      ++i;
     }
-    i += space > 0 ? space : 1;
   }
-  endWord(text.size());
+  endWords(text.size());
   return out;
 }
 
