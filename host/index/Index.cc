@@ -337,9 +337,7 @@ Result<void> Index::put(std::span<const IndexEntry> entries, Commit commit) {
     }
   }
   return state_->write(commit, [&](Connection& writer, ValuePool& pool, IndexChanges& changes) {
-    return std::all_of(entries.begin(), entries.end(), [&](const IndexEntry& entry) {
-      return putEntry(writer, entry, pool, changes);
-    });
+    return putEntries(writer, entries, pool, changes);
   });
 }
 

@@ -148,6 +148,7 @@ class Index {
   enum class Commit : bool { kNow, kWithOthers };
 
   // Each is one transaction, and tells the listeners after it.
+  /// REQUIRES: no two entries of one ID.
   Result<void> put(std::span<const IndexEntry> entries, Commit commit = Commit::kNow);
   Result<void> remove(std::span<const std::int64_t> ids);
   /// Takes out every message of a mailbox.

@@ -162,6 +162,49 @@ bool putRow(Connection& writer, const IndexEntry& entry, std::string_view record
              .run();
 }
 
+// What became of a message's words.
+struct StoredWords {
+  bool isKnown;  // the message, from before
+  std::int64_t mark;
+  bool isStale;  // they are not what stands in the table
+  bool written;
+};
+
+StoredWords storeWords(Connection& writer, const IndexEntry& entry) {
+  const std::optional<std::int64_t> known = knownWords(writer, entry.id);
+  StoredWords stored{known.has_value(), known.value_or(0), false, true};
+  if (!entry.textContent) return stored;
+  std::optional<MessageWords> made;
+  if (!entry.words) made = wordsOf(entry);
+  const MessageWords& words = made ? *made : *entry.words;
+  stored.mark = markOf(words);
+  if (!known) {
+    stored.isStale = isStale(writer, entry.id);
+    if (!stored.isStale) stored.written = putWords(writer, entry.id, words);
+  } else if (stored.mark != *known) {
+    stored.isStale = true;
+    stored.written = setStale(writer, entry.id);
+  }
+  return stored;
+}
+
+bool putRecord(Connection& writer, const IndexEntry& entry, const StoredWords& words,
+               ValuePool& pool, IndexChanges& changes) {
+  (words.isKnown ? changes.told.changed : changes.told.added).push_back(entry.id);
+
+  RowChange row{RowChange::Kind::kPut, entry.id, entry.mailbox, {}, words.isStale};
+  row.record = encodeRecord(entry.attributes, entry.queryOnly, pool);
+  if (words.isKnown && Columns::areAlike(storedRecord(writer, entry.id), row.record, pool)) {
+    row.kind = RowChange::Kind::kPutShape;
+  }
+  bool written = putRow(writer, entry, row.record, words.mark, words.isKnown);
+  if (entry.textContent && (words.isKnown || !entry.incomplete.empty())) {
+    written = written && putIncomplete(writer, entry);
+  }
+  changes.rows.push_back(std::move(row));
+  return written;
+}
+
 }  // namespace
 
 bool isDamage(int sqliteCode) {
@@ -214,36 +257,20 @@ MessageWords wordsOf(const IndexEntry& entry) {
   return words;
 }
 
-bool putEntry(Connection& writer, const IndexEntry& entry, ValuePool& pool, IndexChanges& changes) {
-  const std::optional<std::int64_t> known = knownWords(writer, entry.id);
-  (known ? changes.told.changed : changes.told.added).push_back(entry.id);
-
-  RowChange row{RowChange::Kind::kPut, entry.id, entry.mailbox, {}, false};
-  row.record = encodeRecord(entry.attributes, entry.queryOnly, pool);
-  if (known && Columns::areAlike(storedRecord(writer, entry.id), row.record, pool)) {
-    row.kind = RowChange::Kind::kPutShape;
-  }
-
-  std::int64_t mark = known.value_or(0);
+bool putEntries(Connection& writer, std::span<const IndexEntry> entries, ValuePool& pool,
+                IndexChanges& changes) {
+  // By themselves: between words stands much that would take their table out of the processor's
+  // cache.
+  std::vector<StoredWords> words;
+  words.reserve(entries.size());
   bool written = true;
-  if (entry.textContent) {
-    std::optional<MessageWords> made;
-    if (!entry.words) made = wordsOf(entry);
-    const MessageWords& words = made ? *made : *entry.words;
-    mark = markOf(words);
-    if (!known) {
-      row.isStale = isStale(writer, entry.id);
-      if (!row.isStale) written = putWords(writer, entry.id, words);
-    } else if (mark != *known) {
-      row.isStale = true;
-      written = setStale(writer, entry.id);
-    }
+  for (const IndexEntry& entry : entries) {
+    words.push_back(storeWords(writer, entry));
+    written = written && words.back().written;
   }
-  written = written && putRow(writer, entry, row.record, mark, known.has_value());
-  if (entry.textContent && (known || !entry.incomplete.empty())) {
-    written = written && putIncomplete(writer, entry);
+  for (std::size_t i = 0; i < entries.size() && written; ++i) {
+    written = putRecord(writer, entries[i], words[i], pool, changes);
   }
-  changes.rows.push_back(std::move(row));
   return written;
 }
 

@@ -74,7 +74,9 @@ struct IndexChanges {
 MessageWords wordsOf(const IndexEntry& entry);
 
 // Each within a transaction. False when it could not be written.
-bool putEntry(Connection& writer, const IndexEntry& entry, ValuePool& pool, IndexChanges& changes);
+/// REQUIRES: no two of one ID.
+bool putEntries(Connection& writer, std::span<const IndexEntry> entries, ValuePool& pool,
+                IndexChanges& changes);
 bool removeEntry(Connection& writer, std::int64_t id, IndexChanges& changes);
 /// Writes down which messages changed.
 bool putLater(Connection& writer, const IndexChanges& changes);
