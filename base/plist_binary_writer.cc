@@ -144,14 +144,14 @@ class ContentTable {
 
   /// Makes room for about so many in all.
   void expect(std::size_t count) {
-    if (2 * count > slots_.size()) growTo(std::bit_ceil(2 * count));
+    if (isTooFull(count)) growTo(std::bit_ceil(count + count / 3));
   }
   std::size_t size() const { return used_; }
 
   /// The place of the number of the one that stands at `begin` of what was written, up to its end;
   /// as AddressTable::at.
   std::uint32_t& at(std::size_t begin) {
-    if ((used_ + 1) * 2 > slots_.size()) growTo(2 * slots_.size());
+    if (isTooFull(used_ + 1)) growTo(2 * slots_.size());
     const std::string_view bytes(out_.data() + begin, out_.size() - begin);
     const std::uint32_t hash = hashOf(bytes);
     const std::size_t mask = slots_.size() - 1;
@@ -213,6 +213,9 @@ class ContentTable {
     hash = mix(first ^ hash, last ^ seed_);
     return static_cast<std::uint32_t>(mix(hash, kGolden));
   }
+
+  /// Fuller than other tables, as this is the one that a processor's cache is too small for.
+  bool isTooFull(std::size_t count) const { return 4 * count > 3 * slots_.size(); }
 
   void growTo(std::size_t size) {
     std::vector<Slot> old(size);
