@@ -54,27 +54,31 @@ void print(const std::vector<double>& times) {
   for (const double time : times) ::printf("%.1f\n", time);
 }
 
-// All that stands in a value, each byte of it looked at; the sum keeps that from being left out.
-std::size_t readAll(const PropertyListView& list, PropertyListView::Object object,
-                    std::string& room) {
-  std::size_t sum = 0;
-  const auto readMembers = [&](const PropertyListView::Members& members) {
-    for (std::size_t i = 0; i < members.size(); ++i) sum += readAll(list, members[i], room);
+// What a client takes a value into.
+struct Taken {
+  std::string text;
+  std::string room;
+  std::size_t count = 0;
+};
+
+// Takes all that stands in a value, each text and number as often as it is referred to.
+void takeAll(const PropertyListView& list, PropertyListView::Object object, Taken& taken) {
+  const auto takeMembers = [&](const PropertyListView::Members& members) {
+    for (std::size_t i = 0; i < members.size(); ++i) takeAll(list, members[i], taken);
   };
+  ++taken.count;
   switch (list.kind(object)) {
     case Value::Kind::kText:
     case Value::Kind::kData:
-      for (const char byte : list.bytes(object, room)) sum += static_cast<unsigned char>(byte);
-      return sum;
+      taken.text.assign(list.bytes(object, taken.room));
+      return;
     case Value::Kind::kArray:
-      readMembers(list.elements(object));
-      return sum;
+      return takeMembers(list.elements(object));
     case Value::Kind::kDictionary:
-      readMembers(list.entries(object).keys);
-      readMembers(list.entries(object).values);
-      return sum;
+      takeMembers(list.entries(object).keys);
+      return takeMembers(list.entries(object).values);
     default:
-      return static_cast<std::size_t>(list.plain(object).booleanValue());
+      taken.count += static_cast<std::size_t>(list.plain(object).booleanValue());
   }
 }
 
@@ -82,8 +86,9 @@ std::size_t readAll(const PropertyListView& list, PropertyListView::Object objec
 std::size_t readMessages(const PropertyListView& list) {
   const auto messages = list.find(list.root(), kMessagesKey);
   if (!messages || list.kind(*messages) != Value::Kind::kArray) return 0;
-  std::string room;
-  return readAll(list, *messages, room) == 0 ? 0 : list.elements(*messages).size();
+  Taken taken;
+  takeAll(list, *messages, taken);
+  return taken.count == 0 ? 0 : list.elements(*messages).size();
 }
 
 // A search as its client follows it, each batch read whole and cleared.
