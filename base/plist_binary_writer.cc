@@ -51,6 +51,8 @@ constexpr std::uint32_t kNoNumber = UINT32_MAX;
 
 /// Of a table; a power of two. Most property lists are small.
 constexpr std::size_t kFirstSlots = 64;
+/// Fuller than is quickest for a small one: those of a batch are too large for a processor's cache.
+constexpr bool isTooFull(std::size_t used, std::size_t slots) { return 4 * used > 3 * slots; }
 
 /// Numbers by an address, with open addressing.
 class AddressTable {
@@ -60,7 +62,7 @@ class AddressTable {
   /// The place of its number: kNoNumber when it is new, and for the caller to fill then, before
   /// another is asked for.
   std::uint32_t& at(const void* address) {
-    if ((used_ + 1) * 2 > slots_.size()) grow();
+    if (isTooFull(used_ + 1, slots_.size())) grow();
     Slot& slot = slots_[indexOf(address)];
     if (slot.number == kNoNumber) {
       slot.address = address;
@@ -144,14 +146,14 @@ class ContentTable {
 
   /// Makes room for about so many in all.
   void expect(std::size_t count) {
-    if (isTooFull(count)) growTo(std::bit_ceil(count + count / 3));
+    if (isTooFull(count, slots_.size())) growTo(std::bit_ceil(count + count / 3));
   }
   std::size_t size() const { return used_; }
 
   /// The place of the number of the one that stands at `begin` of what was written, up to its end;
   /// as AddressTable::at.
   std::uint32_t& at(std::size_t begin) {
-    if (isTooFull(used_ + 1)) growTo(2 * slots_.size());
+    if (isTooFull(used_ + 1, slots_.size())) growTo(2 * slots_.size());
     const std::string_view bytes(out_.data() + begin, out_.size() - begin);
     const std::uint32_t hash = hashOf(bytes);
     const std::size_t mask = slots_.size() - 1;
@@ -213,9 +215,6 @@ class ContentTable {
     hash = mix(first ^ hash, last ^ seed_);
     return static_cast<std::uint32_t>(mix(hash, kGolden));
   }
-
-  /// Fuller than other tables, as this is the one that a processor's cache is too small for.
-  bool isTooFull(std::size_t count) const { return 4 * count > 3 * slots_.size(); }
 
   void growTo(std::size_t size) {
     std::vector<Slot> old(size);
