@@ -53,6 +53,11 @@ constexpr std::uint32_t kNoNumber = UINT32_MAX;
 constexpr std::size_t kFirstSlots = 64;
 /// Fuller than is quickest for a small one: those of a batch are too large for a processor's cache.
 constexpr bool isTooFull(std::size_t used, std::size_t slots) { return 4 * used > 3 * slots; }
+/// As few as will do.
+constexpr std::size_t slotsFor(std::size_t used) {
+  const std::size_t slots = std::bit_ceil(used);
+  return isTooFull(used, slots) ? 2 * slots : slots;
+}
 
 /// Numbers by an address, with open addressing.
 class AddressTable {
@@ -146,7 +151,7 @@ class ContentTable {
 
   /// Makes room for about so many in all.
   void expect(std::size_t count) {
-    if (isTooFull(count, slots_.size())) growTo(std::bit_ceil(count + count / 3));
+    if (isTooFull(count, slots_.size())) growTo(slotsFor(count));
   }
   std::size_t size() const { return used_; }
 
