@@ -263,15 +263,14 @@ bool putEntries(Connection& writer, std::span<const IndexEntry> entries, ValuePo
   // cache.
   std::vector<StoredWords> words;
   words.reserve(entries.size());
-  bool written = true;
   for (const IndexEntry& entry : entries) {
     words.push_back(storeWords(writer, entry));
-    written = written && words.back().written;
+    if (!words.back().written) return false;
   }
-  for (std::size_t i = 0; i < entries.size() && written; ++i) {
-    written = putRecord(writer, entries[i], words[i], pool, changes);
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    if (!putRecord(writer, entries[i], words[i], pool, changes)) return false;
   }
-  return written;
+  return true;
 }
 
 bool removeEntry(Connection& writer, std::int64_t id, IndexChanges& changes) {
