@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Posts a batch while the next one is gathered. The thread stays: one that was begun for each batch
-// would start on its maker's processor, and so run after it.
+// would start on its maker's processor, and so run after it. It is no queue: who finds it busy
+// posts by himself. It begins on an engine's thread and blocks the signals that that one does.
 #pragma once
 
 #include <cstdint>

@@ -2,9 +2,9 @@
 //
 // Puts batches of one query on pasteboards and tells its client.
 //
-// Used by one callback of the query at a time. A batch for which there is no pasteboard, which
-// cannot be written, or whose query has ended meanwhile, is dropped: its pasteboard goes back to
-// the pool and its number to the next batch.
+// Used by one thread at a time, a callback's or the one that posts for it. A batch for which there
+// is no pasteboard, which cannot be written, or whose query has ended meanwhile, is dropped: its
+// pasteboard goes back to the pool and its number to the next batch.
 #pragma once
 
 #include <cstdint>

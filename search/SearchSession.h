@@ -2,9 +2,12 @@
 //
 // What the callbacks of one query share, and what they do.
 //
-// The engine's threads call, never two at a time for one query. The callbacks own the session, the
-// session owns the plug-in (so a query keeps it alive until it is cancelled); record and query are
-// held weakly, and only while a step needs them, so that the registry alone decides when they end.
+// The engine's threads call, never two at a time for one query. A later batch may be posted on the
+// posting thread while its callback gathers the next; the callback returns when all are posted.
+//
+// The callbacks own the session, the session owns the plug-in (so a query keeps it alive until it
+// is cancelled); record and query are held weakly, and only while a step needs them, so that the
+// registry alone decides when they end.
 // Each callback asks at its start and before each step whether its query is still alive, and if not
 // returns at once; what it had gathered is gone. Nothing is thrown at the engine: a batch that
 // cannot be built is dropped, and the query goes on.
@@ -29,6 +32,7 @@ namespace thmp {
 
 class SearchSession {
  public:
+  /// The references are used in callbacks only.
   SearchSession(SearchRequest request, const Platform& platform, QueryRegistry& registry,
                 std::shared_ptr<SearchMediator> mediator, PostingThread& posting,
                 const std::shared_ptr<THMPMailPluginQuery>& record);
