@@ -639,17 +639,10 @@ class WithoutAHost(Scenario):
             self.assertEqual(list(self.world.inbox.iterdir()), [], command)
 
     def test_batches_that_cannot_be_read_are_told_and_the_others_shown(self):
-        client = Running(self.world, "search", "--json", "--unique", "u", "x")
-        request = wait_for(lambda: self.world.inbox.is_dir() and [*self.world.inbox.glob("*.plist")], "the request")[0]
-        request.unlink()
-        message = {"index": 0, "libraryID": 7, "kMDItemPath": "/7.eml", "attributes": {"kMDItemSubject": "Plum"}}
-        whole = plistlib.dumps({"messages": [message]}, fmt=plistlib.FMT_BINARY)
+        client = self.searching()
+        whole = self.batch("Plum")
         for number, content in enumerate((whole[:-1], whole, None), 1):
-            batch = self.world.pasteboards / f"batch{number}"
-            batch.mkdir(parents=True, mode=0o700)
-            if content:
-                (batch / urllib.parse.quote(PREFIX + "ResultsBatch", safe="-._~")).write_bytes(content)
-            self.answer("QueryHasUpdates", batchNumber=number, batchName=batch.name)
+            self.announce(number, content)
         self.answer("QueryDidComplete")
         wait_for(lambda: self.take_requests() or client.process.poll() is not None, "the end")
         output, errors = client.process.communicate()
@@ -658,6 +651,38 @@ class WithoutAHost(Scenario):
         self.assertIn("a batch of results could not be read: Binary property list: ", damaged)
         self.assertIn("No such file or directory; search again", missing)
         self.assertEqual(client.process.returncode, 0)
+
+    def test_batch_is_cleared_before_it_is_printed(self):
+        client = self.searching()
+        self.announce(1, self.batch("Plum" * 250_000))  # more than a pipe holds that nobody reads
+        cleared = wait_for(lambda: [*self.world.inbox.glob("*.plist")], "the batch to be cleared")[0]
+        request = plistlib.loads(cleared.read_bytes())
+        self.assertEqual((request["name"], request["userInfo"]["batchName"]), (PREFIX + "Clear", "batch1"))
+        self.answer("QueryDidComplete")
+        self.assertEqual(client.event()["libraryID"], 7)
+        self.assertEqual(client.event()["found"], 1)
+        wait_for(lambda: self.take_requests() or client.process.poll() is not None, "the end")
+        client.process.communicate()
+        self.assertEqual(client.process.returncode, 0)
+
+    def searching(self):
+        """A client whose search has been taken."""
+        client = Running(self.world, "search", "--json", "--unique", "u", "x")
+        request = wait_for(lambda: self.world.inbox.is_dir() and [*self.world.inbox.glob("*.plist")], "the request")[0]
+        request.unlink()
+        return client
+
+    @staticmethod
+    def batch(subject):
+        message = {"index": 0, "libraryID": 7, "kMDItemPath": "/7.eml", "attributes": {"kMDItemSubject": subject}}
+        return plistlib.dumps({"messages": [message]}, fmt=plistlib.FMT_BINARY)
+
+    def announce(self, number, content):
+        batch = self.world.pasteboards / f"batch{number}"
+        batch.mkdir(parents=True, mode=0o700)
+        if content:
+            (batch / urllib.parse.quote(PREFIX + "ResultsBatch", safe="-._~")).write_bytes(content)
+        self.answer("QueryHasUpdates", batchNumber=number, batchName=batch.name)
 
     def take_requests(self):
         for path in self.world.inbox.glob("*.plist"):
