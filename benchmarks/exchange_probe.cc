@@ -58,7 +58,7 @@ void print(const std::vector<double>& times) {
 struct Taken {
   std::string text;
   std::string room;
-  std::size_t count = 0;
+  Value plain;
 };
 
 // Takes all that stands in a value, each text and number as often as it is referred to.
@@ -66,7 +66,6 @@ void takeAll(const PropertyListView& list, PropertyListView::Object object, Take
   const auto takeMembers = [&](const PropertyListView::Members& members) {
     for (std::size_t i = 0; i < members.size(); ++i) takeAll(list, members[i], taken);
   };
-  ++taken.count;
   switch (list.kind(object)) {
     case Value::Kind::kText:
     case Value::Kind::kData:
@@ -78,7 +77,7 @@ void takeAll(const PropertyListView& list, PropertyListView::Object object, Take
       takeMembers(list.entries(object).keys);
       return takeMembers(list.entries(object).values);
     default:
-      taken.count += static_cast<std::size_t>(list.plain(object).booleanValue());
+      taken.plain = list.plain(object);
   }
 }
 
@@ -88,7 +87,7 @@ std::size_t readMessages(const PropertyListView& list) {
   if (!messages || list.kind(*messages) != Value::Kind::kArray) return 0;
   Taken taken;
   takeAll(list, *messages, taken);
-  return taken.count == 0 ? 0 : list.elements(*messages).size();
+  return list.elements(*messages).size();
 }
 
 // A search as its client follows it, each batch read whole and cleared.
